@@ -1,0 +1,122 @@
+// The metadata cache of one study.
+//
+// A TagFile owns a tree of TagMap nodes (study over series over image) that
+// stores only differences, plus indexes by series and SOP Instance UID. It is
+// read from its cache file or built image by image from DICOM files, then
+// optimised and written. One TagFile stands for one study: an image of
+// another study is refused.
+//
+// The tree hangs from a shared pointer to the study node, so that readers
+// holding a study node may outlive the TagFile. A TagFile is used by one
+// thread at a time; the static options are set once at start-up.
+#pragma once
+
+#include <mdxlib/Export.h>
+#include <mdxlib/TagMap.h>
+
+#include <QByteArray>
+#include <QFile>
+#include <QMap>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+class DcmDataset;
+
+namespace Mdx {
+
+class MDX_EXPORT TagFile
+{
+public:
+    TagFile();
+    TagFile(TagFile&& other) noexcept;
+    ~TagFile();
+
+    TagFile(TagFile const&) = delete;
+    TagFile& operator=(TagFile const&) = delete;
+
+    void clear();
+    void close();
+
+    // ---- Adding images ----
+
+    // Loads the file's header (values above 4 KB stay on disk) and adds it.
+    // Null when the file can't be read (logged) or the image is refused.
+    TagMap* addDicomFile(char const* dicomFilePath, char const* fileName, bool replace);
+    TagMap* addDataset(DcmDataset* dataset, char const* fileName, bool replace);
+    // Takes ownership of image in every case: the result is image when it
+    // entered the tree, null when it was refused (and deleted).
+    TagMap* addTagMap(TagMap* image, char const* fileName, bool replace);
+    bool addSeries(int count, DcmDataset** datasets, char const** fileNames);
+    bool addSeries(TagMap* series);
+
+    // ---- Finding ----
+
+    TagMap* findImage(QByteArray const& sopInstanceUID);
+    TagMap const* findImage(QByteArray const& sopInstanceUID) const;
+    TagMap* findSeries(QByteArray const& seriesInstanceUID);
+    TagMap const* findSeries(QByteArray const& seriesInstanceUID) const;
+    // In order of SOP Instance UID.
+    std::vector<TagMap const*> findImages(std::function<bool(TagMap const*)> predicate) const;
+
+    // ---- Removing ----
+
+    // A flat copy of the image, which the caller owns; the image leaves the
+    // tree. An emptied series stays until deleteEmptyNodes.
+    TagMap* takeImage(QByteArray const& sopInstanceUID);
+    int removeSeries(int count, char const** seriesUIDs);
+    int removeImages(int count, char const** sopInstanceUIDs);
+    void deleteEmptyNodes();
+
+    // ---- Other ----
+
+    void optimizeAll();
+    void getStatistics(int& numSeries, int& numImages, int& numVolumes, int& numPreviews, int& optimizeMsec,
+                       int& readMsec, int& writeMsec, int& compressedSize, int& uncompressedSize,
+                       int& unoptimizedSize, int& previewBytes) const;
+
+    QMap<QByteArray, std::shared_ptr<TagMap>> const& studies() const { return mStudies; }
+    QMap<QByteArray, TagMap*> const& series() const { return mSeries; }
+    QMap<QByteArray, TagMap*> const& images() const { return mImages; }
+    // The study node, or null for an empty file.
+    TagMap* study() const { return mStudies.isEmpty() ? nullptr : mStudies.first().get(); }
+
+    bool storeFilePaths() const { return mStoreFilePaths; }
+    void setStoreFilePaths(bool store) { mStoreFilePaths = store; }
+    QString const& path() const { return mPath; }
+
+    // Root folder of tag files; backslashes become slashes, a final slash is
+    // added, an empty folder means ".".
+    static void setMetaFolder(char const* folder);
+    // The configured folder when none was set.
+    static char const* metaFolder();
+
+    static int sCompressionMode;
+    static QByteArray sMetaFolder;
+    static int sDebugOptions;
+    static int sPreviewSize[2];
+
+private:
+    void dropSeriesIfEmpty(TagMap* series);
+
+    QMap<QByteArray, std::shared_ptr<TagMap>> mStudies;
+    QMap<QByteArray, TagMap*> mSeries;
+    QMap<QByteArray, TagMap*> mImages;
+    QFile mFile;
+    QString mPath;
+    bool mStoreFilePaths = false;
+
+    int mCompressedSize = 0;
+    int mUncompressedSize = 0;
+    int mUnoptimizedSize = 0;
+    int mPreviewBytes = 0;
+    int mOptimizeMsec = 0;
+    int mReadMsec = 0;
+    int mWriteMsec = 0;
+    int mNumVolumes = 0;
+    int mNumPreviews = 0;
+};
+
+} // namespace Mdx

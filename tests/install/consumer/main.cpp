@@ -1,0 +1,16 @@
+// Uses only what the installed library exports.
+#include <mdxlib/TagFile.h>
+#include <mdxlib/platform/McLogFile.h>
+
+#include <cstdio>
+
+int main() {
+    Mdx::TagFile file;
+    (void)file;
+
+    Mdx::TagFile::setMetaFolder("/tmp/x");
+    std::printf("meta folder: %s\n", Mdx::TagFile::metaFolder());
+
+    getTheLogInstance()->printf("consumer: linked against the installed library");
+    return 0;
+}

@@ -1,0 +1,76 @@
+#include "support/TestSupport.h"
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dctk.h"
+
+#include <QDir>
+#include <QDirIterator>
+
+#include <cstdlib>
+
+namespace mdxtest {
+
+QString samplesDir()
+{
+    QString dir = QString::fromLocal8Bit(std::getenv("MDX_SAMPLES"));
+    if (dir.isEmpty())
+        dir = QStringLiteral(MDX_TEST_SAMPLES_DIR);
+    if (dir.isEmpty() || !QDir(dir).exists())
+        return QString();
+    return dir;
+}
+
+QStringList sampleFiles(QString const& subFolder)
+{
+    QString const root = samplesDir();
+    if (root.isEmpty())
+        return {};
+    QStringList files;
+    QDirIterator it(root + "/" + subFolder, QDir::Files, QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
+    while (it.hasNext())
+        files.append(it.next());
+    files.sort();
+    return files;
+}
+
+std::map<std::string, QStringList> sampleStudies()
+{
+    std::map<std::string, QStringList> studies;
+    for (QString const& file : sampleFiles(QString())) {
+        DcmFileFormat fileFormat;
+        if (fileFormat.loadFile(OFFilename(file.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, 4096,
+                                ERM_autoDetect)
+                .bad())
+            continue;
+        OFString study;
+        OFString sop;
+        fileFormat.getDataset()->findAndGetOFString(DCM_StudyInstanceUID, study);
+        fileFormat.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, sop);
+        if (!study.empty() && !sop.empty())
+            studies[study.c_str()].append(file);
+    }
+    return studies;
+}
+
+QString testDataDir()
+{
+    return QStringLiteral(MDX_TEST_DATA_DIR);
+}
+
+DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char const* sopUID)
+{
+    auto* dataset = new DcmDataset;
+    dataset->putAndInsertString(DCM_SOPClassUID, UID_CTImageStorage);
+    dataset->putAndInsertString(DCM_SOPInstanceUID, sopUID);
+    dataset->putAndInsertString(DCM_StudyInstanceUID, studyUID);
+    dataset->putAndInsertString(DCM_SeriesInstanceUID, seriesUID);
+    dataset->putAndInsertString(DCM_PatientName, "Doe^Jane");
+    dataset->putAndInsertString(DCM_PatientID, "P0001");
+    dataset->putAndInsertString(DCM_Modality, "CT");
+    dataset->putAndInsertString(DCM_SeriesNumber, "1");
+    dataset->putAndInsertUint16(DCM_Rows, 512);
+    dataset->putAndInsertUint16(DCM_Columns, 512);
+    return dataset;
+}
+
+} // namespace mdxtest

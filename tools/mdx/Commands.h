@@ -1,0 +1,16 @@
+// The mdx command-line tool: one function per sub-command.
+//
+// Each command takes the arguments that follow its name and returns the
+// process exit status: 0 success, 1 failure, 2 wrong usage.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace mdxtool {
+
+using Arguments = std::vector<std::string>;
+
+int scanCommand(Arguments const& args);
+
+} // namespace mdxtool
