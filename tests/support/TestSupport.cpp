@@ -2,6 +2,7 @@
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"
+#include "dcmtk/oflog/oflog.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -9,6 +10,15 @@
 #include <cstdlib>
 
 namespace mdxtest {
+
+namespace {
+// Sample files are full of oddities that DCMTK warns about; the tests check
+// what matters themselves.
+struct QuietDcmtk
+{
+    QuietDcmtk() { OFLog::configure(OFLogger::ERROR_LOG_LEVEL); }
+} const quietDcmtk;
+} // namespace
 
 QString samplesDir()
 {

@@ -8,6 +8,7 @@
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"
+#include "dcmtk/oflog/oflog.h"
 
 #include <QDirIterator>
 #include <QFileInfo>
@@ -120,6 +121,10 @@ int scanCommand(Arguments const& args)
         printScanUsage(stderr);
         return 2;
     }
+
+    // Non-DICOM files are expected among the inputs: DCMTK's own complaints
+    // about them are noise unless asked for.
+    OFLog::configure(verbose ? OFLogger::WARN_LOG_LEVEL : OFLogger::FATAL_LOG_LEVEL);
 
     McWatch total;
     QStringList const files = collectFiles(paths);
