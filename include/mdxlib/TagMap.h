@@ -36,6 +36,9 @@
 #include <string>
 
 class DcmItem;
+class LmMsg;
+class QString;
+class QTextStream;
 class DcmSequenceOfItems;
 class DcmElement;
 class DcmTag;
@@ -159,6 +162,33 @@ public:
     void storeOptionA(DcmTagKey const& key);
     void storeOptionB(DcmTagKey const& key, VR vr, QByteArray value);
     void removeTagsNotNeededByClient();
+
+    // ---- Volumes (series nodes) ----
+
+    // Appends volume, which the node then owns, and sets it up.
+    void addBareVolume(Volume* volume);
+    // Deletes all volumes and the volume indices (0006,7103) of the children.
+    void clearVolumes();
+
+    // ---- Text ----
+
+    // The attribute key inside a path of sequence items such as
+    // "ReferencedImageSequence[0].(0008,1155)[2]"; an empty path means the
+    // node itself. Null when a step does not exist.
+    TagElement* findElement(QString const& path, DcmTagKey const& key) const;
+    // What a reader of the node sees, inherited attributes included, in the
+    // manner of a DICOM dump.
+    void dump(QTextStream& stream, int indent) const;
+    // What the node itself stores, markers included.
+    void listContent(QTextStream& stream, int indent) const;
+
+    // ---- Wire form ----
+
+    // Reads a body that fills in to its end into this node, then attaches
+    // the node to parent (which may be null).
+    void deserialize(LmMsg& in, TagMap* parent, QList<QByteArray> const& previews);
+    void deserializeVolumes(LmMsg& in, QList<QByteArray> const& previews);
+    static int readLength(LmMsg& in);
 
     // ---- Own data ----
 
