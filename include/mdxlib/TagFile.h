@@ -24,6 +24,7 @@
 #include <vector>
 
 class DcmDataset;
+class QDataStream;
 
 namespace Mdx {
 
@@ -70,6 +71,26 @@ public:
     int removeImages(int count, char const** sopInstanceUIDs);
     void deleteEmptyNodes();
 
+    // ---- The cache file ----
+    //
+    // One file per study under the meta folder, its path derived from the
+    // MD5 of the study UID. Writers overwrite in place without a lock or a
+    // rename; readers of a half-written file fail cleanly and retry or
+    // rebuild, which is why the format carries its own lengths.
+
+    static QString cacheFilePathForStudy(char const* studyUID);
+    // Writes to the study's path; with no study left, deletes the file that
+    // readCacheFile kept open.
+    bool writeCacheFile();
+    bool writeCacheFile(char const* path) const;
+    bool writeCacheFile(QDataStream& stream) const;
+    bool readCacheFileForStudy(char const* studyUID, bool keepOpen);
+    // With keepOpen the file stays open (read-write) for a following
+    // writeCacheFile() of the same file. studyUID, when given, must be the
+    // study in the file.
+    bool readCacheFile(QString const& path, char const* studyUID, bool keepOpen);
+    bool readCacheFile(QDataStream& stream, char const* studyUID);
+
     // ---- Other ----
 
     void optimizeAll();
@@ -100,6 +121,7 @@ public:
 
 private:
     void dropSeriesIfEmpty(TagMap* series);
+    bool readPayload(QByteArray const& payload, QList<QByteArray> const& previews, char const* studyUID);
 
     QMap<QByteArray, std::shared_ptr<TagMap>> mStudies;
     QMap<QByteArray, TagMap*> mSeries;
@@ -108,15 +130,16 @@ private:
     QString mPath;
     bool mStoreFilePaths = false;
 
-    int mCompressedSize = 0;
-    int mUncompressedSize = 0;
-    int mUnoptimizedSize = 0;
-    int mPreviewBytes = 0;
+    // Statistics; writing a file (a const operation) updates them.
+    mutable int mCompressedSize = 0;
+    mutable int mUncompressedSize = 0;
+    mutable int mUnoptimizedSize = 0;
+    mutable int mPreviewBytes = 0;
     int mOptimizeMsec = 0;
     int mReadMsec = 0;
-    int mWriteMsec = 0;
-    int mNumVolumes = 0;
-    int mNumPreviews = 0;
+    mutable int mWriteMsec = 0;
+    mutable int mNumVolumes = 0;
+    mutable int mNumPreviews = 0;
 };
 
 } // namespace Mdx

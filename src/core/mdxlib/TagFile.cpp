@@ -9,6 +9,8 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"
 
+#include <QDataStream>
+
 #include <string>
 
 namespace Mdx {
@@ -323,6 +325,16 @@ void TagFile::deleteEmptyNodes()
 
 void TagFile::optimizeAll()
 {
+    if (sDebugOptions & 2) {
+        // The size the tree would have on disk, unpacked, before optimising.
+        int const mode = sCompressionMode;
+        sCompressionMode = 0;
+        QByteArray bytes;
+        QDataStream stream(&bytes, QIODevice::WriteOnly);
+        writeCacheFile(stream);
+        sCompressionMode = mode;
+        mUnoptimizedSize = bytes.size();
+    }
     McWatch watch;
     // Series first: what stays common to a series must be there when the
     // study is looked at.
