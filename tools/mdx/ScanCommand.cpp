@@ -1,29 +1,19 @@
-// mdx scan: files to study trees, and what the trees cost.
+// mdx scan and mdx build: files to study trees; what the trees cost, and
+// the tag files they make.
 #include "Commands.h"
-#include "Progress.h"
+#include "Options.h"
+#include "Scanner.h"
 
 #include <mdxlib/TagFile.h>
-#include <mdxlib/TagMap.h>
 #include <mdxlib/platform/McWatch.h>
 
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-#include "dcmtk/oflog/oflog.h"
-
-#include <QDirIterator>
 #include <QFileInfo>
 
-#include <algorithm>
 #include <cstdio>
-#include <map>
-#include <memory>
 
 namespace mdxtool {
 
 namespace {
-
-constexpr unsigned int kMaxValueSize = 1024;
-constexpr Uint32 kMaxReadLength = 4096;
 
 void printScanUsage(std::FILE* out)
 {
@@ -39,173 +29,117 @@ void printScanUsage(std::FILE* out)
                out);
 }
 
-// Attributes stored in a node and its subtree, sequence items included.
-int64_t countStored(Mdx::TagMap const* node)
+void printBuildUsage(std::FILE* out)
 {
-    int64_t count = 0;
-    for (Mdx::TagElement const* element : node->elements()) {
-        ++count;
-        if (auto const* sequence = dynamic_cast<Mdx::TagSequence const*>(element)) {
-            for (Mdx::TagMap const* item : sequence->mItems)
-                count += countStored(item);
-        }
-    }
-    for (Mdx::TagMap const* child : node->children())
-        count += countStored(child);
-    return count;
+    std::fputs("usage: mdx build [--meta DIR] [--store-paths] [--quiet] [--verbose] PATH...\n"
+               "\n"
+               "Scans as `mdx scan` does, optimises, and writes one tag file per study into the meta\n"
+               "folder (the configured one, MDX_META_FOLDER, or ./meta/).\n"
+               "\n"
+               "  --meta DIR      write the tag files under DIR\n"
+               "  --store-paths   record each image's file path in its tag file\n"
+               "  --quiet         no progress line\n"
+               "  --verbose       name every file that was skipped, and why\n",
+               out);
 }
 
-struct StudyScan
+void printSkipped(ScanResult const& result)
 {
-    Mdx::TagFile tagFile;
-    int64_t flatAttributes = 0;
-    int64_t mergedAttributes = 0;
-    int64_t optimizedAttributes = 0;
-    int64_t optimizeMsec = 0;
-};
-
-struct Totals
-{
-    int64_t files = 0;
-    int64_t images = 0;
-    int64_t notDicom = 0;
-    int64_t withoutUIDs = 0;
-    int64_t duplicates = 0;
-};
-
-QStringList collectFiles(Arguments const& paths)
-{
-    QStringList files;
-    for (std::string const& path : paths) {
-        QFileInfo const info(QString::fromStdString(path));
-        if (info.isDir()) {
-            QStringList found;
-            QDirIterator it(info.filePath(), QDir::Files, QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
-            while (it.hasNext())
-                found.append(it.next());
-            found.sort();
-            files.append(found);
-        } else if (info.exists()) {
-            files.append(info.filePath());
-        } else {
-            std::fprintf(stderr, "mdx scan: %s: no such file or folder\n", path.c_str());
-        }
-    }
-    return files;
+    std::printf("%lld files: %lld images in %zu studies; skipped %lld not DICOM, %lld without UIDs, "
+                "%lld duplicate SOP Instance UIDs\n",
+                static_cast<long long>(result.files), static_cast<long long>(result.images), result.studies.size(),
+                static_cast<long long>(result.notDicom), static_cast<long long>(result.withoutUIDs),
+                static_cast<long long>(result.duplicates));
 }
 
 } // namespace
 
 int scanCommand(Arguments const& args)
 {
-    bool quiet = false;
-    bool verbose = false;
-    Arguments paths;
-    for (std::string const& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            printScanUsage(stdout);
-            return 0;
-        } else if (arg == "--quiet" || arg == "-q") {
-            quiet = true;
-        } else if (arg == "--verbose" || arg == "-v") {
-            verbose = true;
-        } else if (!arg.empty() && arg[0] == '-') {
-            std::fprintf(stderr, "mdx scan: unknown option '%s'\n\n", arg.c_str());
-            printScanUsage(stderr);
-            return 2;
-        } else {
-            paths.push_back(arg);
-        }
+    ParsedArguments const parsed = parseArguments(args, {"--help", "--quiet", "--verbose"}, {});
+    if (parsed.has("--help")) {
+        printScanUsage(stdout);
+        return 0;
     }
-    if (paths.empty()) {
+    if (!parsed.error.empty() || parsed.positional.empty()) {
+        if (!parsed.error.empty())
+            std::fprintf(stderr, "mdx scan: %s\n\n", parsed.error.c_str());
         printScanUsage(stderr);
         return 2;
     }
+    ScanOptions options;
+    options.progress = !parsed.has("--quiet");
+    options.verbose = parsed.has("--verbose");
+    ScanResult const result = scanPaths(parsed.positional, options);
 
-    // Non-DICOM files are expected among the inputs: DCMTK's own complaints
-    // about them are noise unless asked for.
-    OFLog::configure(verbose ? OFLogger::WARN_LOG_LEVEL : OFLogger::FATAL_LOG_LEVEL);
-
-    McWatch total;
-    QStringList const files = collectFiles(paths);
-    std::map<QByteArray, std::unique_ptr<StudyScan>> studies;
-    Totals totals;
-    Progress progress(!quiet);
-
-    for (QString const& file : files) {
-        ++totals.files;
-        QByteArray const path = file.toLocal8Bit();
-        DcmFileFormat fileFormat;
-        OFCondition const status = fileFormat.loadFile(OFFilename(path.constData()), EXS_Unknown, EGL_noChange,
-                                                       kMaxReadLength, ERM_autoDetect);
-        if (status.bad()) {
-            ++totals.notDicom;
-            if (verbose)
-                std::fprintf(stderr, "skipped %s: not DICOM (%s)\n", path.constData(), status.text());
-            progress.update(totals.files);
-            continue;
-        }
-        DcmDataset* dataset = fileFormat.getDataset();
-        OFString studyUID;
-        OFString sopUID;
-        dataset->findAndGetOFString(DCM_StudyInstanceUID, studyUID);
-        dataset->findAndGetOFString(DCM_SOPInstanceUID, sopUID);
-        if (studyUID.empty() || sopUID.empty()) {
-            ++totals.withoutUIDs;
-            if (verbose)
-                std::fprintf(stderr, "skipped %s: no study or SOP Instance UID\n", path.constData());
-            progress.update(totals.files);
-            continue;
-        }
-
-        std::unique_ptr<StudyScan>& study = studies[QByteArray(studyUID.c_str())];
-        if (!study)
-            study = std::make_unique<StudyScan>();
-        Mdx::TagMap* image = Mdx::TagMap::createTagMap(dataset, kMaxValueSize);
-        int64_t const flat = countStored(image);
-        if (study->tagFile.addTagMap(image, path.constData(), false)) {
-            ++totals.images;
-            study->flatAttributes += flat;
-        } else {
-            ++totals.duplicates;
-            if (verbose)
-                std::fprintf(stderr, "skipped %s: SOP Instance UID %s already seen\n", path.constData(),
-                             sopUID.c_str());
-        }
-        progress.update(totals.files);
-    }
-    progress.finish();
-
-    for (auto& [uid, study] : studies) {
-        Mdx::TagMap const* root = study->tagFile.study();
-        study->mergedAttributes = root ? countStored(root) : 0;
-        McWatch watch;
-        study->tagFile.optimizeAll();
-        study->optimizeMsec = watch.elapsedMsec();
-        root = study->tagFile.study();
-        study->optimizedAttributes = root ? countStored(root) : 0;
-
+    int64_t flat = 0, merged = 0, optimized = 0;
+    for (auto const& [uid, study] : result.studies) {
         std::printf("study %s\n", uid.constData());
         std::printf("  series %d, images %d\n", study->tagFile.series().size(), study->tagFile.images().size());
         std::printf("  attributes stored: flat %lld, merged %lld, optimised %lld (optimised in %lld ms)\n",
                     static_cast<long long>(study->flatAttributes), static_cast<long long>(study->mergedAttributes),
                     static_cast<long long>(study->optimizedAttributes), static_cast<long long>(study->optimizeMsec));
+        flat += study->flatAttributes;
+        merged += study->mergedAttributes;
+        optimized += study->optimizedAttributes;
     }
-
-    int64_t flat = 0, merged = 0, optimized = 0;
-    for (auto const& entry : studies) {
-        flat += entry.second->flatAttributes;
-        merged += entry.second->mergedAttributes;
-        optimized += entry.second->optimizedAttributes;
-    }
-    std::printf("\n%lld files: %lld images in %zu studies; skipped %lld not DICOM, %lld without UIDs, "
-                "%lld duplicate SOP Instance UIDs\n",
-                static_cast<long long>(totals.files), static_cast<long long>(totals.images), studies.size(),
-                static_cast<long long>(totals.notDicom), static_cast<long long>(totals.withoutUIDs),
-                static_cast<long long>(totals.duplicates));
+    std::printf("\n");
+    printSkipped(result);
     std::printf("attributes stored: flat %lld, merged %lld, optimised %lld; total time %.2f s\n",
                 static_cast<long long>(flat), static_cast<long long>(merged), static_cast<long long>(optimized),
-                total.elapsedSeconds());
+                result.seconds);
+    return 0;
+}
+
+int buildCommand(Arguments const& args)
+{
+    ParsedArguments const parsed =
+        parseArguments(args, {"--help", "--quiet", "--verbose", "--store-paths"}, {"--meta"});
+    if (parsed.has("--help")) {
+        printBuildUsage(stdout);
+        return 0;
+    }
+    if (!parsed.error.empty() || parsed.positional.empty()) {
+        if (!parsed.error.empty())
+            std::fprintf(stderr, "mdx build: %s\n\n", parsed.error.c_str());
+        printBuildUsage(stderr);
+        return 2;
+    }
+    if (!parsed.value("--meta").empty())
+        Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
+
+    ScanOptions options;
+    options.progress = !parsed.has("--quiet");
+    options.verbose = parsed.has("--verbose");
+    options.storeFilePaths = parsed.has("--store-paths");
+    ScanResult const result = scanPaths(parsed.positional, options);
+
+    McWatch writing;
+    int failures = 0;
+    int series = 0;
+    int64_t bytes = 0;
+    for (auto const& [uid, study] : result.studies) {
+        if (!study->tagFile.writeCacheFile()) {
+            ++failures;
+            continue;
+        }
+        int64_t const size = QFileInfo(study->tagFile.path()).size();
+        bytes += size;
+        series += study->tagFile.series().size();
+        std::printf("%s  %d series, %d images, %lld bytes  %s\n", uid.constData(), study->tagFile.series().size(),
+                    study->tagFile.images().size(), static_cast<long long>(size),
+                    study->tagFile.path().toLocal8Bit().constData());
+    }
+    std::printf("\n");
+    printSkipped(result);
+    std::printf("wrote %zu tag files in %s: %d series, %lld images, %lld bytes on disk; scan %.2f s, write %.2f s\n",
+                result.studies.size() - static_cast<size_t>(failures), Mdx::TagFile::metaFolder(), series,
+                static_cast<long long>(result.images), static_cast<long long>(bytes), result.seconds,
+                writing.elapsedSeconds());
+    if (failures > 0) {
+        std::fprintf(stderr, "mdx build: %d tag files could not be written\n", failures);
+        return 1;
+    }
     return 0;
 }
 

@@ -1,0 +1,52 @@
+// Reading a set of files and folders into one study tree per study: the
+// first half of both `mdx scan` and `mdx build`.
+#pragma once
+
+#include <mdxlib/TagFile.h>
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace mdxtool {
+
+struct StudyScan
+{
+    Mdx::TagFile tagFile;
+    int64_t flatAttributes = 0;   // every image on its own
+    int64_t mergedAttributes = 0; // after merging, before optimising
+    int64_t optimizedAttributes = 0;
+    int64_t optimizeMsec = 0;
+};
+
+struct ScanResult
+{
+    std::map<QByteArray, std::unique_ptr<StudyScan>> studies;
+    int64_t files = 0;
+    int64_t images = 0;
+    int64_t notDicom = 0;
+    int64_t withoutUIDs = 0;
+    int64_t duplicates = 0;
+    double seconds = 0;
+};
+
+struct ScanOptions
+{
+    bool progress = true;
+    bool verbose = false;
+    bool storeFilePaths = false;
+};
+
+// Reads every file under paths (folders recursively, in name order), merges
+// each DICOM image into the tree of its study and optimises every tree.
+// Unreadable paths are reported on standard error and skipped.
+ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options);
+
+// Attributes stored in a node and its subtree, sequence items included.
+int64_t countStored(Mdx::TagMap const* node);
+
+} // namespace mdxtool
