@@ -28,7 +28,9 @@ OFCondition DcmOverlayData::copyFrom(DcmObject const& rhs)
         return EC_Normal;
     if (rhs.ident() != ident())
         return EC_IllegalCall;
-    *this = static_cast<DcmOverlayData const&>(rhs);
+    // DCMTK's own overlay class reports the same ident, so rhs need not be one
+    // of ours; both derive from DcmPolymorphOBOW, which does the assignment.
+    DcmPolymorphOBOW::operator=(static_cast<DcmPolymorphOBOW const&>(rhs));
     return EC_Normal;
 }
 

@@ -397,7 +397,9 @@ bool TagElement::compare(TagElement const& other, bool checkVR, std::string* dif
     QByteArray theirs;
     getValueAsString(mine);
     other.getValueAsString(theirs);
-    char const* name = isMarker() ? vrName(mVR) : DcmVR(toDcmEVR(mVR)).getVRName();
+    // DCMTK's name, so that the text reads as in any DICOM tool; the omitted
+    // marker has no DCMTK VR and prints as DCMTK's unknown ("??").
+    char const* name = DcmVR(toDcmEVR(mVR)).getVRName();
     *difference = std::string(name) + " [" + mine.toStdString() + "] <> [" + theirs.toStdString() + "]\n";
     return false;
 }

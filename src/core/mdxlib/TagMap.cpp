@@ -40,6 +40,12 @@ VR dictionaryVR(DcmTagKey const& key, char const* privateCreator)
     return vr;
 }
 
+// VR names in compare messages are DCMTK's, as in TagElement::compare.
+char const* dcmVRName(VR vr)
+{
+    return DcmVR(toDcmEVR(vr)).getVRName();
+}
+
 } // namespace
 
 TagMap::TagMap() = default;
@@ -366,7 +372,7 @@ bool TagMap::compare(TagMap const& other, bool compareAll, std::string* differen
             if (difference) {
                 iterator const& rest = mineDone ? theirs : mine;
                 std::snprintf(line, sizeof line, "(%04x,%04x) %s Missing tag\n", rest.key().getGroup(),
-                              rest.key().getElement(), vrName(rest.element()->mVR));
+                              rest.key().getElement(), dcmVRName(rest.element()->mVR));
                 *difference = line;
             }
             return false;
@@ -374,8 +380,8 @@ bool TagMap::compare(TagMap const& other, bool compareAll, std::string* differen
         if (mine.key() != theirs.key()) {
             if (difference) {
                 std::snprintf(line, sizeof line, "(%04x,%04x) %s <> (%04x,%04x) %s\n", mine.key().getGroup(),
-                              mine.key().getElement(), vrName(mine.element()->mVR), theirs.key().getGroup(),
-                              theirs.key().getElement(), vrName(theirs.element()->mVR));
+                              mine.key().getElement(), dcmVRName(mine.element()->mVR), theirs.key().getGroup(),
+                              theirs.key().getElement(), dcmVRName(theirs.element()->mVR));
                 *difference = line;
             }
             return false;
