@@ -106,6 +106,9 @@ private:
     bool waitForHandles(int& idleRounds);
     void curlError(char const* what, CURLcode easyCode, CURLMcode multiCode);
     void setOption(CURLoption option, long value);
+    bool rangeAnswered();
+
+    bool mRangeChecked = false;
 };
 
 class MDX_EXPORT LmCurlDownloadStreambuf : public std::streambuf

@@ -19,8 +19,11 @@ public:
     LmHttpStatus() = default;
     ~LmHttpStatus();
 
-    LmHttpStatus(LmHttpStatus const&) = delete;
-    LmHttpStatus& operator=(LmHttpStatus const&) = delete;
+    // Copies share the rest of the chain.
+    LmHttpStatus(LmHttpStatus const&) = default;
+    LmHttpStatus& operator=(LmHttpStatus const&) = default;
+    LmHttpStatus(LmHttpStatus&&) = default;
+    LmHttpStatus& operator=(LmHttpStatus&&) = default;
 
     // A status with everything zero, for streams without a request.
     static LmHttpStatus& empty();

@@ -19,6 +19,15 @@ public:
     // The value, or an empty optional when the parameter is not set.
     static std::optional<std::string> getParameter(char const* name);
 
+    // getParameter(name), or fallback when it is not set. The deployment
+    // constants (service endpoints, metadata addresses) are read this way,
+    // so that tests can point them at local peers.
+    static std::string getParameter(char const* name, std::string const& fallback);
+
+    // The host name under which the viewer's web service is reached from
+    // outside: MDX_WEBSERVICE_HOST_EXTERNAL, else "localhost".
+    static std::string getWebServiceHostExternal();
+
     // The INI file is read once and cached; tests that change MDX_CONFIG or
     // the file call this to read it again.
     static void reloadConfiguration();

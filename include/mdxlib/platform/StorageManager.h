@@ -4,6 +4,7 @@
 #include <mdxlib/Export.h>
 
 #include <string>
+#include <vector>
 
 namespace Lmg {
 
@@ -13,6 +14,17 @@ public:
     // The folder in which tag files lie: the parameter MDX_META_FOLDER, or
     // "./meta/" when none is configured. Always true.
     static bool getMetaFolder(std::string& folder);
+
+    // The names of the storage servers of a storage configuration: the
+    // comma-separated list in MDX_STORAGE_SERVERS (name is not consulted;
+    // one deployment has one list).
+    static std::vector<std::string> getStorageServers(char const* name);
 };
 
 } // namespace Lmg
+
+// The global configuration: the value of key in section, read as the
+// parameter "section/key" (an INI file section, or an environment variable
+// of that name). False and an empty value when it is not set. name selects
+// a storage configuration in larger deployments and is not consulted here.
+MDX_EXPORT bool GetGlobalConfig(std::string const& name, char const* section, char const* key, std::string& value);

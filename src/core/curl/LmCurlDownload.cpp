@@ -206,7 +206,7 @@ int LmCurlDownloadRequest::performWork()
         CURLcode const code = message->data.result;
         request->mDone = true;
         request->removeFromMulti(); // invalidates message
-        if (!request->mClosing && code != CURLE_OK) {
+        if (!request->mClosing && code != CURLE_OK && !(code == CURLE_WRITE_ERROR && request->mStatus->curlError)) {
             request->curlError("transfer", code, CURLM_OK);
             return -1;
         }
@@ -302,10 +302,30 @@ void LmCurlDownloadRequest::close()
         removeFromMulti();
 }
 
+bool LmCurlDownloadRequest::rangeAnswered()
+{
+    // A server that answers a later range with the whole object, or with
+    // another range than asked for, would hand the reader wrong bytes
+    // without anybody noticing: refuse the body instead.
+    int const code = mStatus->responseCode;
+    bool const wrong = (mFrom > 0 && code == 200) || (mTo >= 0 && code == 206 && mStatus->from() != mFrom);
+    if (wrong) {
+        getTheLogInstance()->tracef(McLogFile::LevelError, kCategory,
+                                    "%s: asked for bytes %lld-%lld, the answer was %d from byte %lld", mUrl.c_str(),
+                                    static_cast<long long>(mFrom), static_cast<long long>(mTo), code,
+                                    static_cast<long long>(mStatus->from()));
+        mStatus->curlError = true;
+    }
+    mRangeChecked = true;
+    return !wrong;
+}
+
 size_t LmCurlDownloadRequest::write(char const* data, size_t n)
 {
     if (mClosing)
         return 0; // ends the transfer; performWork does not report it
+    if (!mRangeChecked && !rangeAnswered())
+        return 0;
     if (mDestFilled < mDestSize) {
         drainSpillBuffer();
         size_t const room = mDestSize - mDestFilled;

@@ -91,3 +91,14 @@ void ExResource::reloadConfiguration() {
     cache.path.clear();
     cache.values.clear();
 }
+
+std::string ExResource::getParameter(char const* name, std::string const& fallback)
+{
+    std::optional<std::string> value = getParameter(name);
+    return value && !value->empty() ? *value : fallback;
+}
+
+std::string ExResource::getWebServiceHostExternal()
+{
+    return getParameter("MDX_WEBSERVICE_HOST_EXTERNAL", "localhost");
+}

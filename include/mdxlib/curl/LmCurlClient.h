@@ -1,0 +1,189 @@
+// The process-wide front door for everything that speaks HTTP.
+//
+// Callers hand LmCurlClient a URL in one of the system's forms; the first
+// two characters decide the provider:
+//   "s3"        an object on Amazon S3, signed with AWS Signature V4
+//   "gs"        gs://bucket/key on Google Cloud Storage
+//   "az"        az://account/container/blob on Azure Blob Storage
+//   "wa", "was" a WADO-URI object ("was": TLS)
+//   "wr", "wrs" a WADO-RS (DICOMweb) object ("wrs": TLS)
+//   otherwise   a plain URL, used as it stands
+// The client turns the URL into a real one, adds the provider's
+// authentication and returns a stream, bytes, JSON or a status. Stream
+// operations never throw: the stream's httpStatus() tells the outcome.
+//
+// Every service endpoint is a deployment constant read through
+// ExResource::getParameter, with the production value as default:
+//   MDX_S3_DOMAIN              "amazonaws.com"
+//   MDX_GCS_ENDPOINT           "https://storage.googleapis.com/"
+//   MDX_GCS_DOWNLOAD_ENDPOINT  "https://storage.googleapis.com/"
+//   MDX_GCS_UPLOAD_ENDPOINT    "https://storage.googleapis.com/upload/storage/v1/b/"
+//   MDX_GCS_HOST               "storage.googleapis.com"
+//   MDX_AZURE_BLOB_SUFFIX      ".blob.core.windows.net"
+#pragma once
+
+#include <mdxlib/Export.h>
+#include <mdxlib/curl/LmCurlDownload.h>
+#include <mdxlib/curl/LmCurlHandleFactory.h>
+#include <mdxlib/curl/LmCurlRequest.h>
+#include <mdxlib/curl/LmHttpStatus.h>
+
+#include <QByteArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class LmAwsAuth;
+class LmCurlClient;
+
+namespace LmCurlEndpoints {
+MDX_EXPORT std::string s3Domain();
+MDX_EXPORT std::string gcsEndpoint();
+MDX_EXPORT std::string gcsDownloadEndpoint();
+MDX_EXPORT std::string gcsUploadEndpoint();
+MDX_EXPORT std::string gcsHost();
+MDX_EXPORT std::string azureBlobSuffix();
+} // namespace LmCurlEndpoints
+
+// What all requests share: the curl share (connections, TLS sessions, DNS),
+// the authentication objects, the session identifier and the file-server
+// settings.
+class MDX_EXPORT LmCurlHelper
+{
+public:
+    explicit LmCurlHelper(LmCurlClient* owner);
+    ~LmCurlHelper();
+
+    LmCurlHelper(LmCurlHelper const&) = delete;
+    LmCurlHelper& operator=(LmCurlHelper const&) = delete;
+
+    void* share() const { return mShare; }
+    std::shared_ptr<LmAwsAuth> awsAuth() const { return mAws; }
+
+    static std::string sslCipherList();
+    static int maxConnects();
+    static void setMaxConnects(int maxConnects);
+
+    // Turns a WADO-URI or WADO-RS URL into the real request URL, adding the
+    // Accept line of WADO-RS to headers; empty when the URL has no
+    // study/series/instance path.
+    std::string convertWadoUrl(std::string const& url, std::vector<std::string>& headers) const;
+    static std::string getTransferSyntaxUID(int number);
+    static std::string convertGoogleUrl(std::string const& url, bool dataTransfer, bool writing);
+    static std::string convertAzureUrl(std::string const& url);
+
+    // Google and Azure credentials plug in here; with none, requests go out
+    // without authorization and the server's 401/403 is the answer.
+    using AuthorizationProvider = std::function<std::string()>;
+    void setGoogleAuthorizationProvider(AuthorizationProvider provider);
+    void setAzureAuthorizationProvider(AuthorizationProvider provider);
+    void addGoogleAuthorizationHeader(std::vector<std::string>& headers) const;
+    void addAzureAuthorizationHeader(std::string const& url, std::vector<std::string>& headers) const;
+
+    void setFFS2Parameters(char const* name);
+    std::string getFFS2Port(std::string const& server) const;
+    std::string getFFS2BearerToken(std::string const& url) const;
+    void addRequestHeaders(std::string const& url, std::vector<std::string>& headers) const;
+
+    void setSessionID(std::string id, bool asBearerToken);
+    std::string const& sessionID() const { return mSessionID; }
+    bool sessionIDIsBearerToken() const { return mSessionIDIsBearerToken; }
+
+private:
+    static void lock(void* handle, int data, int access, void* helper);
+    static void unlock(void* handle, int data, void* helper);
+    std::mutex* mutexFor(int data);
+
+    void* mShare = nullptr;
+    std::mutex mShareMutex;
+    std::mutex mDnsMutex;
+    std::mutex mSslMutex;
+    std::mutex mConnectMutex;
+    AuthorizationProvider mGoogleAuthorization;
+    AuthorizationProvider mAzureAuthorization;
+    std::shared_ptr<LmAwsAuth> mAws;
+    LmCurlClient* mOwner;
+    std::string mSessionID;
+    bool mSessionIDIsBearerToken = false;
+    mutable std::mutex mFFS2Mutex;
+    std::map<std::string, std::string> mFFS2Ports;
+    std::map<std::string, std::string> mFFS2BearerTokens;
+};
+
+class MDX_EXPORT LmCurlClient
+{
+public:
+    enum Flags
+    {
+        PartialRequests = 1, // first a ranged request, then parallel ranges
+        Head = 2,
+        Tolerate404 = 4 // a 404 is an answer, not an error to log
+    };
+
+    // The one client, made at first use, never destroyed.
+    static LmCurlClient* instance();
+
+    std::shared_ptr<LmCurlHelper> helper() const { return mHelper; }
+
+    LmHttpStatus head(std::string const& url);
+    LmCurlDownloadStream read(std::string const& url, bool partial);
+    LmCurlDownloadStream read(std::string const& url, std::vector<std::string> const& headers, bool partial);
+    LmCurlDownloadStream readRange(std::string const& url, std::string const& range, bool partial);
+    QByteArray readBytes(std::string const& url, LmHttpStatus& status);
+    QByteArray readBytes(std::string const& url, std::vector<std::string> const& headers, LmHttpStatus& status);
+    QJsonDocument readJson(std::string const& url, LmHttpStatus& status);
+    QJsonDocument postJson(std::string const& url, QJsonObject const& body, LmHttpStatus& status);
+    QJsonDocument postBytes(std::string const& url, QByteArray const& body, std::string const& contentType,
+                            LmHttpStatus& status);
+    QJsonDocument postBytes(std::string const& url, QByteArray const& body, LmHttpStatus& status);
+    QByteArray postBytesRaw(std::string const& url, QByteArray const& body, std::string const& contentType,
+                            LmHttpStatus& status);
+    // One raw PUT: no retry, no authentication; code 0 on a transport failure.
+    LmCurlResponse put(std::string const& url, std::vector<std::string> const& headers, QByteArray const& body);
+    bool deleteObject(std::string const& url);
+
+    // "https://<external web service host>/sola/Browser.svc/<path>"
+    static std::string url(std::string const& path);
+    static bool isUrl(char const* path);
+
+    void setFFS2Parameters(char const* name) { mHelper->setFFS2Parameters(name); }
+    void setSessionID(std::string id, bool asBearerToken) { mHelper->setSessionID(std::move(id), asBearerToken); }
+    std::string sessionID() const { return mHelper->sessionID(); }
+    void setNumConcurrentRequestsPerFile(int count) { mNumConcurrentRequestsPerFile = count; }
+    int numConcurrentRequestsPerFile() const { return mNumConcurrentRequestsPerFile; }
+    void setChunkSizeForPartialRequests(int size) { mChunkSizeForPartialRequests = size; }
+    int chunkSizeForPartialRequests() const { return mChunkSizeForPartialRequests; }
+    static void setMaxConnects(int maxConnects) { LmCurlHelper::setMaxConnects(maxConnects); }
+    static int maxConnects() { return LmCurlHelper::maxConnects(); }
+
+    static bool sDebug;
+
+    // The building blocks of the stream operations, for callers that need a
+    // POST stream or their own flags.
+    LmCurlDownloadRequest* createDownloadRequest(std::string const& url, QByteArray const& postData,
+                                                 std::vector<std::string> headers, int flags);
+    LmCurlDownloadStream createDownloadStreamAndPeek(std::string const& url, QByteArray const& postData,
+                                                     std::vector<std::string> const& headers, int flags);
+
+    // The sleep between stream-opening retries; tests make it short.
+    void setRetrySleeper(std::function<void(long long)> sleeper);
+
+    LmCurlClient();
+    ~LmCurlClient();
+    LmCurlClient(LmCurlClient const&) = delete;
+    LmCurlClient& operator=(LmCurlClient const&) = delete;
+
+private:
+    int mNumConcurrentRequestsPerFile = 4;
+    int mChunkSizeForPartialRequests = 12582912;
+    std::shared_ptr<LmCurlHelper> mHelper;
+    std::shared_ptr<LmCurlHandleFactory> mDownloadFactory;
+    std::shared_ptr<LmCurlHandleFactory> mRawFactory;
+    std::function<void(long long)> mRetrySleeper;
+};
