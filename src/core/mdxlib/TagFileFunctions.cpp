@@ -5,6 +5,7 @@
 #include <mdxlib/platform/WebService.h>
 
 #include <QByteArray>
+#include <QFileInfo>
 #include <QThread>
 
 #include <cerrno>
@@ -61,8 +62,17 @@ int removeFromTagFile(char const* studyUID, int count, char const** uids, bool s
     if (!studyUID)
         return 1;
     Mdx::TagFile tagFile;
-    if (!tagFile.readCacheFileForStudy(studyUID, true))
+    if (!tagFile.readCacheFileForStudy(studyUID, true)) {
+        // A file that is there but can't be opened for writing is a file
+        // that can't be changed, not one that is missing.
+        QFileInfo const info(Mdx::TagFile::cacheFilePathForStudy(studyUID));
+        if (info.exists() && !info.isWritable()) {
+            getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile", "Tag file %s is not writable",
+                                        info.filePath().toLocal8Bit().constData());
+            return 0;
+        }
         return 1; // nothing to delete from
+    }
     if (series)
         tagFile.removeSeries(count, uids);
     else

@@ -488,4 +488,69 @@ TEST_F(TagFileIO, deleteFunctions)
     SetTraceFunction(nullptr);
 }
 
+
+// Runs body in a child process without write permission anywhere the test
+// made: as root, the child drops to an unprivileged user, since root ignores
+// file modes. Returns the child's exit status.
+template <typename Body>
+int runUnprivileged(Body body)
+{
+    pid_t const pid = fork();
+    if (pid == 0) {
+        getTheLogInstance()->setLogLevel(4);
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
+            _exit(100);
+        _exit(body());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(TagFileIO, readOnlyAndUnwritableFiles)
+{
+    TagFile original;
+    fill(original);
+    ASSERT_TRUE(original.writeCacheFile());
+    QString const path = TagFile::cacheFilePathForStudy("1.2");
+    QString const folder = QFileInfo(path).absolutePath();
+    // Everything readable, nothing writable: the file and its folders.
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther);
+    QFile::Permissions const readOnlyFolder = QFileDevice::ReadOwner | QFileDevice::ExeOwner |
+                                              QFileDevice::ReadGroup | QFileDevice::ExeGroup |
+                                              QFileDevice::ReadOther | QFileDevice::ExeOther;
+    QFile::setPermissions(folder, readOnlyFolder);
+    QFile::setPermissions(mDir.path(), readOnlyFolder);
+    QFile::setPermissions(QFileInfo(folder).absolutePath(), readOnlyFolder);
+
+    // Reading still works for anybody.
+    EXPECT_EQ(runUnprivileged([] {
+                  TagFile read;
+                  return read.readCacheFileForStudy("1.2", false) && read.images().size() == 4 ? 0 : 1;
+              }),
+              0);
+    // A file that can't be opened for writing can't be changed, and the
+    // functions say so.
+    EXPECT_EQ(runUnprivileged([] { return DeleteTagFile("1.2"); }), 0);
+    EXPECT_EQ(runUnprivileged([] {
+                  char const* images[] = {"1.2.3.0"};
+                  return DeleteImagesInTagFile("1.2", 1, images);
+              }),
+              0);
+    EXPECT_EQ(runUnprivileged([] {
+                  TagFile copy;
+                  fill(copy);
+                  return copy.writeCacheFile() ? 1 : 0;
+              }),
+              0);
+    EXPECT_TRUE(QFile::exists(path));
+
+    QFile::setPermissions(QFileInfo(folder).absolutePath(), readOnlyFolder | QFileDevice::WriteOwner);
+    QFile::setPermissions(mDir.path(), readOnlyFolder | QFileDevice::WriteOwner);
+    QFile::setPermissions(folder, readOnlyFolder | QFileDevice::WriteOwner);
+    TagFile read;
+    ASSERT_TRUE(read.readCacheFileForStudy("1.2", false));
+    EXPECT_EQ(read.images().size(), 4);
+}
+
 } // namespace
