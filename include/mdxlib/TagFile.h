@@ -28,6 +28,8 @@ class QDataStream;
 
 namespace Mdx {
 
+struct VolumeInfo;
+
 class MDX_EXPORT TagFile
 {
 public:
@@ -90,6 +92,29 @@ public:
     // study in the file.
     bool readCacheFile(QString const& path, char const* studyUID, bool keepOpen);
     bool readCacheFile(QDataStream& stream, char const* studyUID);
+
+    // ---- Volumes and series analysis ----
+
+    // Makes a Volume from each record of one series, numbered by position
+    // in infos, and marks each known image with its volume numbers in
+    // (0006,7103). A record without any known image makes no volume, but
+    // its number stays used. With keepFileName the volume remembers the
+    // record's file name. The caller keeps ownership of the records.
+    void addVolumeInfo(std::vector<VolumeInfo*> const& infos, bool keepFileName);
+    // Has no effect; volumes come from addVolumeInfo. Kept for its callers.
+    void createVolumes();
+    // createAbstractSeriesNumber, then createAbstractSeriesLocalizer.
+    void createAbstractTags();
+    // Display numbers (0006,7120) of the series with pixels: the Series
+    // Number, and "7 (2)" and so on where several series share one.
+    void createAbstractSeriesNumber();
+    // Marks each image with (0006,7121): 1 when it is a localizer of its
+    // series by its geometry, else 0.
+    void createAbstractSeriesLocalizer();
+    // Empties sopUIDs and fills it with the images that get 2D previews:
+    // those outside volumes with pixels, a middle one of each kind of
+    // stack, all of a short series.
+    void selectPreviewImages2D(QList<QByteArray>& sopUIDs);
 
     // ---- Other ----
 

@@ -24,7 +24,8 @@ namespace {
 char const kLsUsage[] = "usage: mdx ls [--meta DIR] [--images] TAGFILE|STUDYUID\n"
                         "\n"
                         "Lists the study, series, volumes (and with --images every image) of a tag file,\n"
-                        "with the file's statistics. The argument is a .tc file or a Study Instance UID,\n"
+                        "with the file's statistics. Each series shows its display number and how many\n"
+                        "of its images are localizers. The argument is a .tc file or a Study Instance UID,\n"
                         "whose file is looked up in the meta folder.\n";
 char const kDumpUsage[] = "usage: mdx dump [--meta DIR] TAGFILE|STUDYUID [SOPUID]\n"
                           "\n"
@@ -105,6 +106,9 @@ int lsCommand(Arguments const& args)
     Mdx::TagFile file;
     if (!openTagFile(parsed.positional[0], file))
         return 1;
+    // Display numbers and localizer marks are derived, not stored by every
+    // writer of tag files; derive them afresh for what is shown.
+    file.createAbstractTags();
     int numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed, uncompressed,
         unoptimized, previewBytes;
     file.getStatistics(numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed,
@@ -126,18 +130,26 @@ int lsCommand(Arguments const& args)
         return number(a, DCM_SeriesNumber) < number(b, DCM_SeriesNumber);
     });
     for (Mdx::TagMap const* node : series) {
+        QByteArray display = text(node, Mdx::Tags::AbstractSeriesNumber);
+        if (display.isEmpty())
+            display = "-"; // a series without pixels has no display number
+        int localizers = 0;
+        for (Mdx::TagMap const* image : node->children())
+            localizers += number(image, Mdx::Tags::AbstractLocalizer) == 1 ? 1 : 0;
         std::printf("  series %s\n", text(node, DCM_SeriesInstanceUID).constData());
-        std::printf("    #%s %s \"%s\", %d images, %d volumes\n", text(node, DCM_SeriesNumber).constData(),
-                    text(node, DCM_Modality).constData(), text(node, DCM_SeriesDescription).constData(),
-                    node->children().size(), node->volumes().size());
+        std::printf("    #%s %s \"%s\", %d images, %d volumes, display %s, %d localizers\n",
+                    text(node, DCM_SeriesNumber).constData(), text(node, DCM_Modality).constData(),
+                    text(node, DCM_SeriesDescription).constData(), node->children().size(),
+                    node->volumes().size(), display.constData(), localizers);
         for (Mdx::Volume const* volume : node->volumes())
             printVolume(volume);
         if (!parsed.has("--images"))
             continue;
         for (Mdx::TagMap const* image : node->children()) {
-            std::printf("      image %s  #%s%s\n", text(image, DCM_SOPInstanceUID).constData(),
+            std::printf("      image %s  #%s%s%s\n", text(image, DCM_SOPInstanceUID).constData(),
                         text(image, DCM_InstanceNumber).constData(),
-                        image->findElement(Mdx::Tags::PreviewData) ? "  preview" : "");
+                        image->findElement(Mdx::Tags::PreviewData) ? "  preview" : "",
+                        number(image, Mdx::Tags::AbstractLocalizer) == 1 ? "  localizer" : "");
         }
     }
     return 0;
