@@ -1,0 +1,501 @@
+// Sizes and times of a study's tag file, set against the DICOM headers it
+// stands in for: parsing them with DCMTK, and shipping them as gzipped DICOM
+// JSON. The study is synthetic but made from a real CT header, so that the
+// attribute mix (public and private, strings and binary) is what scanners
+// write; only the values that change from image to image are generated.
+//
+// Usage: bench_tagfile [--images N] [--runs N] [--keep] [CT_small.dcm]
+// --keep leaves the generated files, the tag file and the JSON behind for
+// inspection.
+#include <mdxlib/Compression.h>
+#include <mdxlib/TagFile.h>
+#include <mdxlib/platform/Lzma.h>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcjson.h"
+#include "dcmtk/dcmdata/dctk.h"
+#include "dcmtk/oflog/oflog.h"
+
+#include <libdeflate.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kSeries = 5;
+constexpr Uint32 kMaxReadLength = 4096;     // what TagFile::addDicomFile reads
+constexpr Uint32 kTagFileValueLimit = 1024; // above this the tag file keeps an omitted marker
+constexpr double kSliceSpacing = 0.625;
+
+// Contrast phases of one examination: the window moves a little between them.
+struct SeriesLook
+{
+    char const* description;
+    int windowCenter;
+    int windowWidth;
+};
+constexpr SeriesLook kLooks[kSeries] = {{"Non contrast 0.625mm", 35, 400},
+                                        {"Arterial 0.625mm", 40, 400},
+                                        {"Portal venous 0.625mm", 50, 350},
+                                        {"Delayed 0.625mm", 45, 380},
+                                        {"Soft tissue 0.625mm", 40, 420}};
+
+struct Options
+{
+    int images = 5000;
+    int runs = 7;
+    bool keep = false;
+    QString sample;
+};
+
+using Clock = std::chrono::steady_clock;
+
+template <typename Body>
+double timeMsec(Body body)
+{
+    auto const start = Clock::now();
+    body();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// Median of several runs in this process; run() returns its own timing so
+// that setup and teardown (deleting a tree) can stay outside it.
+template <typename Run>
+double medianMsec(int runs, Run run)
+{
+    std::vector<double> times;
+    for (int i = 0; i < runs; ++i)
+        times.push_back(run());
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
+}
+
+// Fresh heap pages cost a fault each, several microseconds in a virtual
+// machine: a read that cannot reuse freed memory pays thousands of them.
+long minorFaults()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+std::string format(char const* pattern, ...) __attribute__((format(printf, 1, 2)));
+std::string format(char const* pattern, ...)
+{
+    char text[256];
+    va_list args;
+    va_start(args, pattern);
+    std::vsnprintf(text, sizeof text, pattern, args);
+    va_end(args);
+    return text;
+}
+
+// DICOM TM with microseconds, from seconds since midnight.
+std::string timeOfDay(double seconds, bool fraction)
+{
+    auto const micros = static_cast<long long>(seconds * 1e6 + 0.5);
+    long long const whole = micros / 1000000;
+    std::string text = format("%02lld%02lld%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+    return fraction ? text + format(".%06lld", micros % 1000000) : text;
+}
+
+QString findSample(Options const& options)
+{
+    if (!options.sample.isEmpty())
+        return options.sample;
+    QStringList roots;
+    if (char const* env = std::getenv("MDX_SAMPLES"))
+        roots << QString::fromLocal8Bit(env);
+    if (char const* env = std::getenv("XDG_CACHE_HOME"))
+        roots << QString::fromLocal8Bit(env) + "/mdxlib/samples";
+    roots << QDir::homePath() + "/.cache/mdxlib/samples";
+    for (QString const& root : roots) {
+        QString const path = root + "/pydicom/CT_small.dcm";
+        if (QFileInfo::exists(path))
+            return path;
+    }
+    return QString();
+}
+
+void setString(DcmDataset* dataset, DcmTagKey const& key, std::string const& value)
+{
+    dataset->putAndInsertString(key, value.c_str());
+}
+
+// Private attributes keep their element (and with it the VR the creator
+// gave them); only the value changes.
+void setPrivateFloat(DcmDataset* dataset, DcmTagKey const& key, double value)
+{
+    DcmElement* element = nullptr;
+    if (dataset->findAndGetElement(key, element).good())
+        element->putFloat32(static_cast<Float32>(value));
+}
+
+void setPrivateInt(DcmDataset* dataset, DcmTagKey const& key, int value)
+{
+    DcmElement* element = nullptr;
+    if (dataset->findAndGetElement(key, element).good())
+        element->putSint32(value);
+}
+
+// Writes the study as a scanner would: series by series, slice by slice
+// along z, the times stepping with the table. Returns the file paths.
+std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder, int images)
+{
+    DcmDataset* dataset = source.getDataset();
+    // A full-size slice, so the files weigh what real ones do on disk; its
+    // content never matters because headers are read to 4 KB only.
+    std::vector<Uint16> const pixels(512 * 512, 0);
+    dataset->putAndInsertUint16(DCM_Rows, 512);
+    dataset->putAndInsertUint16(DCM_Columns, 512);
+    dataset->putAndInsertUint16Array(DCM_PixelData, pixels.data(), static_cast<unsigned long>(pixels.size()));
+    dataset->findAndDeleteElement(DCM_DataSetTrailingPadding);
+
+    std::vector<std::string> paths;
+    int const perSeries = images / kSeries;
+    for (int s = 0; s < kSeries; ++s) {
+        int const count = s == kSeries - 1 ? images - perSeries * (kSeries - 1) : perSeries;
+        SeriesLook const& look = kLooks[s];
+        double const seriesStart = 11 * 3600 + 29 * 60 + 36 + s * 150.0; // one phase every 2.5 minutes
+        std::string const seriesUID = format("1.3.6.1.4.1.5962.1.3.1.%d.20040119072730.12322", s + 1);
+        setString(dataset, DCM_SeriesInstanceUID, seriesUID);
+        setString(dataset, DCM_SeriesNumber, std::to_string(s + 2));
+        setString(dataset, DCM_SeriesDescription, look.description);
+        setString(dataset, DCM_SeriesTime, timeOfDay(seriesStart - 20, false));
+        setPrivateInt(dataset, DcmTagKey(0x0025, 0x1007), count); // images in series
+
+        QDir().mkpath(folder + QString("/S%1").arg(s + 1));
+        for (int i = 0; i < count; ++i) {
+            double const z = -75.699997 - i * kSliceSpacing;
+            double const acquired = seriesStart + i * 0.0125;
+            double const reconstructed = seriesStart + 30 + i * 0.04;
+            std::string const digits = timeOfDay(acquired, true);
+            std::string const sopUID = format("1.3.6.1.4.1.5962.1.1.%d.%d.19970430%.6s%.6s.12322", s + 1, i + 1,
+                                              digits.c_str(), digits.c_str() + 7);
+            setString(dataset, DCM_SOPInstanceUID, sopUID);
+            setString(dataset, DCM_InstanceNumber, std::to_string(i + 1));
+            setString(dataset, DCM_InstanceCreationTime, timeOfDay(reconstructed, false));
+            setString(dataset, DCM_AcquisitionTime, digits);
+            setString(dataset, DCM_ContentTime, timeOfDay(reconstructed, true));
+            setString(dataset, DCM_ImagePositionPatient, format("-158.135803\\-179.035797\\%.6f", z));
+            setString(dataset, DCM_SliceLocation, format("%.10g", z - 1.504066));
+            // Now and then the technologist touched the window of a slice.
+            bool const touched = i % 97 == 42;
+            setString(dataset, DCM_WindowCenter, std::to_string(look.windowCenter + (touched ? 10 : 0)));
+            setString(dataset, DCM_WindowWidth, std::to_string(look.windowWidth + (touched ? 100 : 0)));
+            // The vendor's own copies: image location, S coordinates of centre and corners.
+            setPrivateFloat(dataset, DcmTagKey(0x0027, 0x1041), z - 1.504066);
+            for (Uint16 element : {0x1044, 0x104a, 0x104d})
+                setPrivateFloat(dataset, DcmTagKey(0x0027, element), z);
+
+            std::string const path = format("%s/S%d/IM%05d", folder.toLocal8Bit().constData(), s + 1, i + 1);
+            OFCondition const status = source.saveFile(path.c_str(), EXS_LittleEndianExplicit);
+            if (status.bad()) {
+                std::fprintf(stderr, "Could not write %s: %s\n", path.c_str(), status.text());
+                std::exit(1);
+            }
+            paths.push_back(path);
+        }
+    }
+    return paths;
+}
+
+std::unique_ptr<DcmFileFormat> loadHeader(std::string const& path)
+{
+    auto file = std::make_unique<DcmFileFormat>();
+    file->loadFile(path.c_str(), EXS_Unknown, EGL_noChange, kMaxReadLength, ERM_autoDetect);
+    return file;
+}
+
+// Compact DICOM JSON in which values above a size limit are left out as a
+// BulkDataURI, the way a metadata response refers to them.
+class LeaveOutLargeValues : public DcmJsonFormatCompact
+{
+public:
+    LeaveOutLargeValues()
+        : DcmJsonFormatCompact(OFFalse)
+    {
+    }
+
+    void collect(DcmDataset* dataset, Uint32 limit)
+    {
+        mLarge.clear();
+        DcmStack stack;
+        while (dataset->nextObject(stack, OFTrue).good()) {
+            DcmObject* object = stack.top();
+            if (object->isLeaf() && object->getLength() > limit)
+                mLarge.insert(object->getTag());
+        }
+    }
+
+    OFBool asBulkDataURI(DcmTagKey const& tag, OFString& uri) override
+    {
+        if (mLarge.count(tag) == 0)
+            return OFFalse;
+        char text[16];
+        std::snprintf(text, sizeof text, "bulk/%04X%04X", tag.getGroup(), tag.getElement());
+        uri = text;
+        return OFTrue;
+    }
+
+private:
+    std::set<DcmTagKey> mLarge;
+};
+
+size_t gzipSize(std::string const& text)
+{
+    libdeflate_compressor* compressor = libdeflate_alloc_compressor(6);
+    size_t const bound = libdeflate_gzip_compress_bound(compressor, text.size());
+    std::vector<char> out(bound);
+    size_t const size = libdeflate_gzip_compress(compressor, text.data(), text.size(), out.data(), bound);
+    libdeflate_free_compressor(compressor);
+    return size;
+}
+
+// The stored payload of a written tag file: its length (big-endian) at
+// offset 8, its bytes from offset 12.
+QByteArray storedPayload(QString const& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    QByteArray const bytes = file.readAll();
+    if (bytes.size() < 12)
+        return QByteArray();
+    auto const* head = reinterpret_cast<unsigned char const*>(bytes.constData());
+    int const length = int(quint32(head[8]) << 24 | quint32(head[9]) << 16 | quint32(head[10]) << 8 | head[11]);
+    return bytes.mid(12, length);
+}
+
+struct ModeFigures
+{
+    qint64 unpacked = 0;
+    qint64 stored = 0;
+    qint64 onDisk = 0;
+    double writeMsec = 0;
+    double readMsec = 0;
+    double readFaults = 0;
+    double unpackMsec = 0;
+};
+
+ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path, int runs, int images)
+{
+    ModeFigures figures;
+    Mdx::TagFile::sCompressionMode = mode;
+    QByteArray const localPath = path.toLocal8Bit();
+    figures.writeMsec =
+        medianMsec(runs, [&] { return timeMsec([&] { built.writeCacheFile(localPath.constData()); }); });
+    figures.onDisk = QFileInfo(path).size();
+
+    QByteArray const stored = storedPayload(path);
+    figures.stored = stored.size();
+    figures.unpacked = stored.size();
+    if (mode == 1) {
+        figures.unpacked = qxUncompress(stored).size();
+        figures.unpackMsec = medianMsec(runs, [&] { return timeMsec([&] { qxUncompress(stored); }); });
+    } else if (mode == 2) {
+        auto const* bytes = reinterpret_cast<unsigned char const*>(stored.constData());
+        McDArray<unsigned char> unpacked;
+        lzmaUncompress(unpacked, bytes, stored.size());
+        figures.unpacked = static_cast<qint64>(unpacked.size());
+        figures.unpackMsec =
+            medianMsec(runs, [&] { return timeMsec([&] { lzmaUncompress(unpacked, bytes, stored.size()); }); });
+    }
+
+    figures.readMsec = medianMsec(runs, [&] {
+        Mdx::TagFile file; // deleted after the timing: a reader keeps its tree
+        long const faults = minorFaults();
+        double const msec = timeMsec([&] { file.readCacheFile(path, nullptr, false); });
+        figures.readFaults += double(minorFaults() - faults) / runs;
+        if (file.images().size() != images) {
+            std::fprintf(stderr, "Mode %d: read back %d images instead of %d\n", mode, file.images().size(), images);
+            std::exit(1);
+        }
+        return msec;
+    });
+    return figures;
+}
+
+// Reads every file once, so that the header parse below starts from the
+// page cache; returns the bytes on disk.
+qint64 warmPageCache(std::vector<std::string> const& paths)
+{
+    qint64 bytes = 0;
+    std::vector<char> buffer(1 << 20);
+    for (std::string const& path : paths) {
+        FILE* file = std::fopen(path.c_str(), "rb");
+        if (!file)
+            continue;
+        for (size_t read; (read = std::fread(buffer.data(), 1, buffer.size(), file)) > 0;)
+            bytes += static_cast<qint64>(read);
+        std::fclose(file);
+    }
+    return bytes;
+}
+
+struct JsonFigures
+{
+    size_t raw = 0;
+    size_t gzipped = 0;
+};
+
+// The headers as one array of datasets, as a metadata response for the
+// whole study would carry them; DcmDataset::writeJson leaves the braces of
+// each dataset to the caller.
+JsonFigures studyAsJson(std::vector<std::string> const& paths, Uint32 limit, QString const& keepAs)
+{
+    std::string json = "[";
+    LeaveOutLargeValues format;
+    for (std::string const& path : paths) {
+        std::unique_ptr<DcmFileFormat> header = loadHeader(path);
+        std::ostringstream out;
+        out << (json.size() > 1 ? ",{" : "{");
+        format.collect(header->getDataset(), limit);
+        header->getDataset()->writeJson(out, format);
+        out << "}";
+        json += out.str();
+    }
+    json += "]";
+    if (!keepAs.isEmpty()) {
+        QFile file(keepAs);
+        if (file.open(QIODevice::WriteOnly))
+            file.write(json.data(), static_cast<qint64>(json.size()));
+    }
+    return {json.size(), gzipSize(json)};
+}
+
+bool parseOptions(int argc, char** argv, Options& options)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string const arg = argv[i];
+        if ((arg == "--images" || arg == "--runs") && i + 1 < argc) {
+            int const value = std::atoi(argv[++i]);
+            (arg == "--images" ? options.images : options.runs) = value;
+        } else if (arg == "--keep") {
+            options.keep = true;
+        } else if (arg.rfind("--", 0) == 0) {
+            return false;
+        } else {
+            options.sample = QString::fromLocal8Bit(argv[i]);
+        }
+    }
+    return options.images >= kSeries && options.runs >= 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!parseOptions(argc, argv, options)) {
+        std::fprintf(stderr, "Usage: %s [--images N (>= %d)] [--runs N] [--keep] [CT_small.dcm]\n", argv[0], kSeries);
+        return 2;
+    }
+    OFLog::configure(OFLogger::ERROR_LOG_LEVEL); // the sample's oddities are not news here
+    QString const sample = findSample(options);
+    DcmFileFormat source;
+    if (sample.isEmpty() || source.loadFile(sample.toLocal8Bit().constData()).bad()) {
+        std::fprintf(stderr, "No CT sample: pass the path of pydicom/CT_small.dcm or set MDX_SAMPLES\n");
+        return 1;
+    }
+    QTemporaryDir folder;
+    if (!folder.isValid()) {
+        std::fprintf(stderr, "Could not create a temporary folder\n");
+        return 1;
+    }
+    folder.setAutoRemove(!options.keep);
+
+    std::vector<std::string> paths;
+    double const writeFilesMsec =
+        timeMsec([&] { paths = writeStudy(source, folder.path() + "/dicom", options.images); });
+    qint64 const diskBytes = warmPageCache(paths);
+    int const images = static_cast<int>(paths.size());
+    std::printf("Study: %d CT images in %d series, made from %s\n", images, kSeries, sample.toLocal8Bit().constData());
+    std::printf("DICOM files: %.1f MB written in %.0f ms%s%s; every time below is the median of %d runs\n\n",
+                diskBytes / 1e6, writeFilesMsec, options.keep ? " to " : "",
+                options.keep ? folder.path().toLocal8Bit().constData() : "", options.runs);
+
+    // ---- the tag file
+    // Its write and read figures come first, from a heap that only one build
+    // has used: after several 5,000-image builds have come and gone, reading
+    // and writing (a few hundred thousand small allocations each) run up to
+    // twice as slow (see bench/README.md).
+    auto build = [&](Mdx::TagFile& file) {
+        return timeMsec([&] {
+            for (std::string const& path : paths)
+                file.addDicomFile(path.c_str(), path.c_str() + path.rfind('/') + 1, false);
+            file.optimizeAll();
+        });
+    };
+    Mdx::TagFile built;
+    build(built);
+    QString const tagPath = folder.path() + "/study.tc";
+    ModeFigures modes[3];
+    for (int mode = 0; mode < 3; ++mode)
+        modes[mode] = measureMode(built, mode, tagPath, options.runs, images);
+    double const buildMsec = medianMsec(options.runs, [&] {
+        Mdx::TagFile file; // deleted after the timing
+        return build(file);
+    });
+    Mdx::TagFile::sCompressionMode = 1;
+
+    // ---- the DICOM headers
+    double const parseMsec = medianMsec(options.runs, [&] {
+        std::vector<std::unique_ptr<DcmFileFormat>> headers;
+        headers.reserve(paths.size());
+        return timeMsec([&] {
+            for (std::string const& path : paths)
+                headers.push_back(loadHeader(path));
+        });
+    });
+    auto keepAs = [&](char const* name) { return options.keep ? folder.path() + name : QString(); };
+    JsonFigures const json4096 = studyAsJson(paths, kMaxReadLength, keepAs("/headers-4096.json"));
+    JsonFigures const json1024 = studyAsJson(paths, kTagFileValueLimit, keepAs("/headers-1024.json"));
+
+    // ---- report
+    std::printf("Tag file build (addDicomFile x %d + optimizeAll): %10.1f ms\n\n", images, buildMsec);
+    std::printf("%-36s %14s %14s %14s\n", "Tag file", "mode 0 (none)", "mode 1 (zlib)", "mode 2 (xz)");
+    auto row = [&](char const* label, auto field, char const* pattern) {
+        std::printf("%-36s", label);
+        for (ModeFigures const& figures : modes)
+            std::printf(pattern, static_cast<double>(figures.*field));
+        std::printf("\n");
+    };
+    row("  payload unpacked (bytes)", &ModeFigures::unpacked, " %14.0f");
+    row("  payload stored (bytes)", &ModeFigures::stored, " %14.0f");
+    row("  file on disk (bytes)", &ModeFigures::onDisk, " %14.0f");
+    row("  write: writeCacheFile (ms)", &ModeFigures::writeMsec, " %14.2f");
+    row("  read: readCacheFile (ms)", &ModeFigures::readMsec, " %14.2f");
+    row("  read: page faults (mean)", &ModeFigures::readFaults, " %14.0f");
+    row("  unpack payload alone (ms)", &ModeFigures::unpackMsec, " %14.2f");
+    std::printf("\nDICOM headers of the %d files (page-cached)\n", images);
+    std::printf("  %-50s %12.1f ms\n", "parse: DcmFileFormat::loadFile, 4096 bytes", parseMsec);
+    std::printf("  %-50s %12zu bytes\n", "JSON, values > 4096 bytes as BulkDataURI", json4096.raw);
+    std::printf("  %-50s %12zu bytes\n", "  gzip level 6", json4096.gzipped);
+    std::printf("  %-50s %12zu bytes\n", "JSON, values > 1024 bytes as BulkDataURI", json1024.raw);
+    std::printf("  %-50s %12zu bytes\n\n", "  gzip level 6", json1024.gzipped);
+
+    ModeFigures const& zlib = modes[1];
+    std::printf("read time / inflate time = %.2f\n", zlib.readMsec / zlib.unpackMsec);
+    std::printf("header parse time / tag file read time = %.1f\n", parseMsec / zlib.readMsec);
+    std::printf("gzip JSON size / tag file size = %.1f\n", double(json4096.gzipped) / zlib.onDisk);
+    std::printf("(with the tag file's own 1024-byte limit in the JSON: %.1f)\n",
+                double(json1024.gzipped) / zlib.onDisk);
+    return 0;
+}
