@@ -21,6 +21,7 @@ void writeHeader(LmMsg& out, DcmTagKey const& key, VR vr)
 }
 
 void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth);
+void store(TagMap* node, DcmTagKey const& key, TagElement* element);
 
 void readSequence(TagMap* node, DcmTagKey const& key, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews,
                   int depth)
@@ -45,8 +46,31 @@ void readSequence(TagMap* node, DcmTagKey const& key, LmMsg& in, TagMap* parent,
         if (itemBytes.failed())
             in.markFailed();
     }
-    delete node->mElements.value(key, nullptr);
-    node->mElements.insert(key, sequence);
+    store(node, key, sequence);
+}
+
+// Stores element at key. Bodies are written in key order, so an entry
+// normally goes behind everything read so far and is appended with a hint,
+// without searching the map; a later entry with the same key (only a damaged
+// or hand-made body has one) replaces the earlier.
+void store(TagMap* node, DcmTagKey const& key, TagElement* element)
+{
+    TagMap::ElementMap& elements = node->mElements;
+    if (elements.isEmpty() || elements.lastKey() < key) {
+        elements.insert(elements.cend(), key, element);
+        return;
+    }
+    TagElement*& slot = elements[key];
+    delete slot;
+    slot = element;
+}
+
+TagElement* newElement(VR vr, QByteArray const& value)
+{
+    auto* element = new TagElement;
+    element->mVR = vr;
+    element->mValue = value;
+    return element;
 }
 
 void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth)
@@ -65,23 +89,20 @@ void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> 
             VR const vr = static_cast<VR>(code);
             if (vr == VR_SQ) {
                 readSequence(node, key, in, parent, previews, depth);
-            } else if (vr == VR_Omitted) {
-                node->markAsOmitted(key);
-            } else if (vr == VR_Missing) {
-                node->markAsMissing(key);
+            } else if (vr == VR_Omitted || vr == VR_Missing) {
+                store(node, key, newElement(vr, QByteArray()));
             } else {
                 int const length = TagMap::readLength(in);
                 char const* bytes = in.readRawBytes(static_cast<size_t>(length));
                 if (!bytes)
                     break;
-                QByteArray value(bytes, length);
                 if (key == Tags::PreviewDataIndex) {
                     bool ok = false;
-                    int const index = value.toInt(&ok);
+                    int const index = QByteArray::fromRawData(bytes, length).toInt(&ok);
                     if (ok && index >= 0 && index < previews.size())
-                        node->putAndInsertValue(Tags::PreviewData, VR_OB, previews[index]);
+                        store(node, Tags::PreviewData, newElement(VR_OB, previews[index]));
                 } else {
-                    node->putAndInsertValue(key, vr, value);
+                    store(node, key, newElement(vr, QByteArray(bytes, length)));
                 }
             }
         }
