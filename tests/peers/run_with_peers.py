@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Run one test command next to a private set of loopback peers (python3 standard library only).
 
-    python3 run_with_peers.py [--timeout S] -- COMMAND ARGS...
+    python3 run_with_peers.py [--timeout S] [--with NAME]... -- COMMAND ARGS...
 
 Starts, on free ports of 127.0.0.1 (so parallel ctest runs never collide):
   - nginx serving a fresh data folder that holds small.bin (1000 bytes), medium.bin (5 MiB) and
@@ -14,6 +14,15 @@ then runs COMMAND with
   MDX_FAULT_PORT        MDX_FAULT_TLS_PORT     the fault peers
   MDX_PEER_DATA         the data folder nginx serves
   MDX_PEER_CA           the test certificate, for clients that want to verify it
+
+--with NAME (repeatable, or comma-separated) starts more peers next to those:
+  aws   ec2_metadata_peer.py (EC2-style instance metadata, HTTP), sigv4_peer.py (an S3 front that
+        checks every signature with botocore, HTTPS) and s3rver_peer.py (s3rver 3.7.1 from npm,
+        HTTPS, bucket "mybucket"), exported as
+          MDX_EC2_PORT  MDX_SIGV4_PORT  MDX_S3RVER_PORT
+        A peer that cannot run here (botocore, node or npm missing, no registry for the first
+        install of s3rver) says why on stderr and its variable is left unset, so the tests that
+        need it skip while the others run.
 
 stops every peer and removes every file it made (also when COMMAND fails, on a timeout and on
 SIGINT/SIGTERM/SIGHUP, which are passed on to COMMAND), and exits with COMMAND's status
@@ -38,6 +47,9 @@ import nginx_peer  # noqa: E402
 FILES = ("small.bin:1000", "medium.bin:5M", "large.bin:64M")
 SKIP = 77
 START_TIMEOUT = 10.0
+EXTRA_PEERS = ("aws",)
+# s3rver is installed on first use (about 10 s with a registry); the peer bounds that itself.
+S3RVER_START_TIMEOUT = 400.0
 
 
 def sweep_leftovers():
@@ -113,15 +125,80 @@ def stop_process(p, grace=3.0):
             p.wait()
 
 
+def start_aws_peers(root, max_seconds):
+    """The three peers of --with aws, each printing "PORT <n>" once it serves: a list of
+    (environment variable, process, start-up deadline in seconds)."""
+    common = ["--max-seconds", str(max_seconds)]
+    peers = []
+    for variable, script, extra, timeout in (
+            ("MDX_EC2_PORT", "ec2_metadata_peer.py", [], START_TIMEOUT),
+            ("MDX_SIGV4_PORT", "sigv4_peer.py", [], START_TIMEOUT),
+            ("MDX_S3RVER_PORT", "s3rver_peer.py", ["--data", os.path.join(root, "s3rver")],
+             S3RVER_START_TIMEOUT)):
+        cmd = [sys.executable, os.path.join(HERE, script)] + common + extra
+        p = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                             preexec_fn=nginx_peer.die_with_parent)
+        peers.append((variable, p, timeout))
+    return peers
+
+
+def read_optional_ports(peers, t0):
+    """{variable: port} of the peers that came up. A peer that exits with SKIP cannot run on
+    this machine (it said why on stderr) and is left out; any other early exit is an error."""
+    sel = selectors.DefaultSelector()
+    pending = {}
+    for variable, p, timeout in peers:
+        sel.register(p.stdout, selectors.EVENT_READ, (variable, p))
+        pending[p] = (b"", t0 + timeout)
+    ports = {}
+    while pending:
+        now = time.monotonic()
+        for p, (_, deadline) in pending.items():
+            if deadline <= now:
+                raise RuntimeError("%s did not report its port in time" % p.args[1])
+        left = min(deadline for _, deadline in pending.values()) - now
+        for key, _ in sel.select(left):
+            variable, p = key.data
+            chunk = os.read(p.stdout.fileno(), 256)
+            buffered, deadline = pending[p]
+            if not chunk:
+                sel.unregister(p.stdout)
+                del pending[p]
+                rc = p.wait()
+                if rc != SKIP:
+                    raise RuntimeError("%s exited early with status %s" % (p.args[1], rc))
+                sys.stderr.write("run_with_peers.py: %s not started (%s skipped)\n"
+                                 % (os.path.basename(p.args[1]), variable))
+                continue
+            buffered += chunk
+            if b"\n" not in buffered:
+                pending[p] = (buffered, deadline)
+                continue
+            line = buffered.split(b"\n", 1)[0].decode()
+            if not line.startswith("PORT "):
+                raise RuntimeError("%s said %r" % (p.args[1], line))
+            ports[variable] = int(line.split()[1])
+            sel.unregister(p.stdout)
+            del pending[p]
+    sel.close()
+    return ports
+
+
 def main():
     argv = sys.argv[1:]
     if "--" not in argv:
-        sys.stderr.write("usage: run_with_peers.py [--timeout S] -- COMMAND ARGS...\n")
+        sys.stderr.write("usage: run_with_peers.py [--timeout S] [--with NAME]... -- COMMAND ARGS...\n")
         return 2
     i = argv.index("--")
     ap = argparse.ArgumentParser()
     ap.add_argument("--timeout", type=float, default=0.0, help="stop COMMAND after S seconds")
+    ap.add_argument("--with", dest="extra", action="append", default=[], metavar="NAME",
+                    help="more peers: %s (repeatable, or comma-separated)" % ", ".join(EXTRA_PEERS))
     args = ap.parse_args(argv[:i])
+    extra = {name for item in args.extra for name in item.split(",") if name}
+    unknown = sorted(extra - set(EXTRA_PEERS))
+    if unknown:
+        ap.error("unknown --with %s (known: %s)" % (", ".join(unknown), ", ".join(EXTRA_PEERS)))
     command = argv[i + 1:]
     if not command:
         sys.stderr.write("run_with_peers.py: no command\n")
@@ -147,12 +224,15 @@ def main():
     with open(os.path.join(root, "owner.pid"), "w") as f:
         f.write(str(os.getpid()))
     faults = []
+    aws = []
     nginx = None
     try:
         t0 = time.monotonic()
         # The fault peers boot while the data files are written.
         max_seconds = args.timeout + 60 if args.timeout > 0 else 0
         faults = [start_fault_peer(False, max_seconds), start_fault_peer(True, max_seconds)]
+        if "aws" in extra:
+            aws = start_aws_peers(root, max_seconds)
         data = os.path.join(root, "data")
         os.makedirs(data)
         nginx_peer.make_files(data, FILES)
@@ -160,6 +240,9 @@ def main():
         fault_port, fault_tls_port = read_ports(faults, t0 + START_TIMEOUT)
         if os.environ.get("MDX_PEERS_VERBOSE"):
             sys.stderr.write("run_with_peers.py: peers up in %.3f s\n" % (time.monotonic() - t0))
+        aws_ports = read_optional_ports(aws, t0) if aws else {}
+        if aws and os.environ.get("MDX_PEERS_VERBOSE"):
+            sys.stderr.write("run_with_peers.py: aws peers up in %.3f s\n" % (time.monotonic() - t0))
 
         env = dict(os.environ,
                    MDX_NGINX_HTTP_PORT=str(nginx.http_port),
@@ -168,6 +251,7 @@ def main():
                    MDX_FAULT_TLS_PORT=str(fault_tls_port),
                    MDX_PEER_DATA=data,
                    MDX_PEER_CA=nginx_peer.CERT)
+        env.update((variable, str(port)) for variable, port in aws_ports.items())
         try:
             child = subprocess.Popen(command, env=env, preexec_fn=nginx_peer.die_with_parent)
         except OSError as e:
@@ -192,7 +276,7 @@ def main():
             stop_process(child, 5.0)
         if nginx is not None:
             nginx.stop()
-        for p in faults:
+        for p in faults + [p for _, p, _ in aws]:
             try:
                 p.stdin.close()
             except OSError:
@@ -200,6 +284,12 @@ def main():
         for p in faults:
             try:
                 p.wait(1.0)
+            except subprocess.TimeoutExpired:
+                stop_process(p, 1.0)
+            p.stdout.close()
+        for _, p, _ in aws:
+            try:
+                p.wait(5.0)  # s3rver_peer stops node first
             except subprocess.TimeoutExpired:
                 stop_process(p, 1.0)
             p.stdout.close()

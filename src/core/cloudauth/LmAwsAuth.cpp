@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLocale>
 #include <QMessageAuthenticationCode>
 #include <QSettings>
 
@@ -92,7 +93,10 @@ void LmAwsAuth::computeSecreteSigV4(std::shared_ptr<Credentials> const& credenti
     if (!credentials)
         return;
     credentials->signingDate = date;
-    credentials->dateStamp = date.toString("yyyyMMdd").toLatin1();
+    // Qt 5 formats QDate::toString(format) with the system locale, whose
+    // digits need not be ASCII (Arabic, Persian, Burmese...); the signature
+    // wants ASCII whatever the user's language.
+    credentials->dateStamp = QLocale::c().toString(date, QStringLiteral("yyyyMMdd")).toLatin1();
     QByteArray const kDate = hmacSha256("AWS4" + credentials->secretAccessKey, credentials->dateStamp);
     QByteArray const kRegion = hmacSha256(kDate, credentials->region);
     QByteArray const kService = hmacSha256(kRegion, "s3");
@@ -339,7 +343,7 @@ std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url, 
             hasMd5 = true;
         }
     }
-    std::string const amzDate = now.toString("yyyyMMddThhmmssZ").toStdString();
+    std::string const amzDate = QLocale::c().toString(now, QStringLiteral("yyyyMMddThhmmssZ")).toStdString();
     std::string const payloadHash = "UNSIGNED-PAYLOAD";
     std::string const& token = credentials->token;
 
