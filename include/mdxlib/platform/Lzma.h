@@ -17,4 +17,5 @@ using McDArray = std::vector<T>;
 constexpr long long maxLzmaOutput = 0x7FFFFFFF;
 
 MDX_EXPORT McResult lzmaCompress(McDArray<unsigned char>& out, unsigned char const* data, long long size);
-MDX_EXPORT McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size);
+MDX_EXPORT McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size,
+                                   long long maxOutput = maxLzmaOutput);

@@ -6,7 +6,8 @@
 //   previews (uint32 length + bytes each).
 // The payload unpacks to records: type (0 study, 1 series, 2 image,
 // 3 volumes), body length, body. Format 1 files, which end with their
-// payload and have no previews, are still read.
+// payload and have no previews, are still read. A file holds one study, and
+// its series and images each under a UID of their own, as a TagFile does.
 //
 // Reading any byte sequence ends in false with a logged reason or in a
 // consistent tree: every length is checked against what is left before
@@ -42,6 +43,8 @@ constexpr int kMessageCapacity = 0x20000;
 constexpr int kReadChunk = 0x40000;
 constexpr int kOpenRetries = 20;
 constexpr int kOpenRetryMsec = 20;
+// Deflate's limit of expansion, applied to every mode.
+constexpr int kMaxPackingRatio = 1032;
 
 enum RecordType : unsigned char
 {
@@ -167,10 +170,8 @@ bool TagFile::writeCacheFile(QDataStream& stream) const
     auto const* plain = reinterpret_cast<unsigned char const*>(msg.dataPtr());
     int const plainSize = static_cast<int>(msg.size());
     QByteArray stored;
-    int const mode = sCompressionMode;
-    if (mode == 1) {
-        stored = qxCompress(plain, plainSize);
-    } else if (mode == 2) {
+    int mode = sCompressionMode;
+    if (mode == 2) {
         McDArray<unsigned char> packed;
         McResult const result = lzmaCompress(packed, plain, plainSize);
         if (!result) {
@@ -178,7 +179,14 @@ bool TagFile::writeCacheFile(QDataStream& stream) const
             return false;
         }
         stored = QByteArray(reinterpret_cast<char const*>(packed.data()), static_cast<int>(packed.size()));
-    } else {
+        // A payload that packs better than deflate ever could would be
+        // refused by readers as a decompression bomb: store it as mode 1.
+        if (static_cast<qint64>(plainSize) > static_cast<qint64>(stored.size()) * kMaxPackingRatio)
+            mode = 1;
+    }
+    if (mode == 1) {
+        stored = qxCompress(plain, plainSize);
+    } else if (mode != 2) {
         stored = QByteArray(msg.dataPtr(), plainSize);
     }
 
@@ -339,13 +347,33 @@ bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
         }
     }
 
+    // A payload that does not unpack is refused here with its own reason:
+    // read on as empty, it would only surface as a file without a study.
     QByteArray payload;
+    McDArray<unsigned char> unpacked;
     if (mode == 2) {
-        McDArray<unsigned char> unpacked;
-        lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()), stored.size());
-        payload = QByteArray(reinterpret_cast<char const*>(unpacked.data()), static_cast<int>(unpacked.size()));
+        // No more than deflate could unpack from as many bytes: a hostile
+        // payload costs memory in proportion to its size, never gigabytes.
+        McResult const result =
+            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()), stored.size(),
+                           static_cast<long long>(stored.size()) * kMaxPackingRatio + 64);
+        if (!result) {
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked: %s",
+                         result.message().c_str());
+            return false;
+        }
+        // Read in place: the nodes copy what they keep, and a copy of a
+        // payload that may be hundreds of megabytes would double the peak.
+        payload = QByteArray::fromRawData(reinterpret_cast<char const*>(unpacked.data()),
+                                          static_cast<int>(unpacked.size()));
     } else if (mode == 1) {
         payload = qxUncompress(stored);
+        // An empty result is a failure unless the length in front says 0.
+        bool const emptyByDesign = stored.size() > 4 && stored.startsWith(QByteArray(4, '\0'));
+        if (payload.isEmpty() && !emptyByDesign) {
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked");
+            return false;
+        }
     } else if (mode == 0) {
         payload = stored;
     } else {
@@ -368,7 +396,14 @@ bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
         log().tracef(McLogFile::LevelError, kCategory, "Tag file seems to be truncated");
         return false;
     }
-    return !mStudies.isEmpty();
+    if (mStudies.isEmpty()) {
+        if (studyUID)
+            log().tracef(McLogFile::LevelWarning, kCategory, "Tag file does not hold study %s", studyUID);
+        else
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file holds no study");
+        return false;
+    }
+    return true;
 }
 
 bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& previews, char const* studyUID)
@@ -391,6 +426,14 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
 
         switch (type) {
         case RecordStudy: {
+            // A file holds one study. Once it is in, a later study record
+            // can only be skipped, and is without being built: unpacked
+            // payloads can be large, and one of nothing but empty study
+            // records would otherwise build and drop a node every 3 bytes.
+            if (!mStudies.isEmpty()) {
+                skipping = true;
+                break;
+            }
             skipping = false;
             auto node = std::make_shared<TagMap>();
             node->deserialize(body, nullptr, previews);
@@ -398,7 +441,7 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
                 return false;
             QByteArray uid;
             node->findAndGetString(DCM_StudyInstanceUID, uid);
-            if ((compareStudy && uid != wantedStudy) || !mStudies.isEmpty()) {
+            if (compareStudy && uid != wantedStudy) {
                 skipping = true;
                 break;
             }
@@ -417,6 +460,13 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
                 return false;
             QByteArray uid;
             node->findAndGetString(DCM_SeriesInstanceUID, uid);
+            // The indexes must name every node of the tree: the writer never
+            // stores a UID twice, so a file that does is damaged, and a node
+            // shadowed in the index would be out of reach of every removal.
+            if (mSeries.contains(uid)) {
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds series %.64s twice", uid.constData());
+                return false;
+            }
             mSeries.insert(uid, node);
             series = node;
             break;
@@ -430,12 +480,22 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
                 return false;
             QByteArray uid;
             node->findAndGetString(DCM_SOPInstanceUID, uid);
+            if (mImages.contains(uid)) {
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice", uid.constData());
+                return false;
+            }
             mImages.insert(uid, node);
             break;
         }
         case RecordVolumes:
             if (skipping || !series)
                 break;
+            // One block per series; a second would number its volumes
+            // from 0 again, next to the first block's.
+            if (!series->volumes().isEmpty()) {
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds the volumes of a series twice");
+                return false;
+            }
             series->deserializeVolumes(body, previews);
             if (body.failed())
                 return false;

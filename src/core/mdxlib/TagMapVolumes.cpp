@@ -35,6 +35,8 @@ void TagMap::deserializeVolumes(LmMsg& in, QList<QByteArray> const& previews)
         block.setRawData(bytes, static_cast<size_t>(length));
         auto* volume = new Volume(i);
         volume->deserialize(block, previews, mChildren.size());
+        if (block.failed())
+            in.markFailed(); // a damaged volume block makes the whole list suspect
         read.append(volume);
         mVolumes.append(volume);
     }

@@ -2,6 +2,7 @@
 
 #include <lzma.h>
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -33,8 +34,9 @@ McResult lzmaCompress(McDArray<unsigned char>& out, unsigned char const* data, l
     return McResult::success();
 }
 
-McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size)
+McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size, long long maxOutput)
 {
+    maxOutput = std::min(maxOutput, maxLzmaOutput);
     out.clear();
     if (size <= 0 || !data)
         return McResult::failure("lzmaUncompress: no data");
@@ -49,11 +51,11 @@ McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data,
     do {
         size_t const used = out.size() - stream.avail_out;
         if (stream.avail_out == 0) {
-            if (out.size() >= static_cast<size_t>(maxLzmaOutput)) {
+            if (out.size() >= static_cast<size_t>(maxOutput)) {
                 ret = LZMA_MEMLIMIT_ERROR;
                 break;
             }
-            out.resize(out.size() + kChunk);
+            out.resize(std::min(out.size() + kChunk, static_cast<size_t>(maxOutput)));
             stream.next_out = out.data() + used;
             stream.avail_out = out.size() - used;
         }
