@@ -42,8 +42,9 @@ QStringList filesUnder(QString const& folder)
 QByteArray studyOf(QString const& path)
 {
     DcmFileFormat fileFormat;
-    if (fileFormat.loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, kMaxReadLength,
-                            ERM_autoDetect)
+    if (fileFormat
+            .loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, kMaxReadLength,
+                      ERM_autoDetect)
             .bad())
         return QByteArray();
     OFString uid;
@@ -177,8 +178,10 @@ QStringList makeCorpus(QString const& dicomFolder, QString const& outFolder)
 
         for (int m = 0; m <= 2; ++m) {
             TagFile::sCompressionMode = m;
-            QString const path =
-                QStringLiteral("%1/study%2-mode%3.tc").arg(outFolder).arg(index, 2, 10, QLatin1Char('0')).arg(m);
+            QString const path = QStringLiteral("%1/study%2-mode%3.tc")
+                                     .arg(outFolder)
+                                     .arg(index, 2, 10, QLatin1Char('0'))
+                                     .arg(m);
             if (file.writeCacheFile(path.toLocal8Bit().constData()))
                 written.append(path);
         }

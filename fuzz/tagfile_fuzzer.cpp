@@ -174,7 +174,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (size > 0x7FFFFFFF)
         return 0;
 
-    QByteArray const bytes = QByteArray::fromRawData(reinterpret_cast<char const*>(data), static_cast<int>(size));
+    QByteArray const bytes =
+        QByteArray::fromRawData(reinterpret_cast<char const*>(data), static_cast<int>(size));
     TagFile file;
     {
         QDataStream stream(bytes);

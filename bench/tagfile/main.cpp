@@ -66,8 +66,7 @@ struct Options
 
 using Clock = std::chrono::steady_clock;
 
-template <typename Body>
-double timeMsec(Body body)
+template <typename Body> double timeMsec(Body body)
 {
     auto const start = Clock::now();
     body();
@@ -76,8 +75,7 @@ double timeMsec(Body body)
 
 // Median of several runs in this process; run() returns its own timing so
 // that setup and teardown (deleting a tree) can stay outside it.
-template <typename Run>
-double medianMsec(int runs, Run run)
+template <typename Run> double medianMsec(int runs, Run run)
 {
     std::vector<double> times;
     for (int i = 0; i < runs; ++i)
@@ -186,8 +184,8 @@ std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder
             double const acquired = seriesStart + i * 0.0125;
             double const reconstructed = seriesStart + 30 + i * 0.04;
             std::string const digits = timeOfDay(acquired, true);
-            std::string const sopUID = format("1.3.6.1.4.1.5962.1.1.%d.%d.19970430%.6s%.6s.12322", s + 1, i + 1,
-                                              digits.c_str(), digits.c_str() + 7);
+            std::string const sopUID = format("1.3.6.1.4.1.5962.1.1.%d.%d.19970430%.6s%.6s.12322", s + 1,
+                                              i + 1, digits.c_str(), digits.c_str() + 7);
             setString(dataset, DCM_SOPInstanceUID, sopUID);
             setString(dataset, DCM_InstanceNumber, std::to_string(i + 1));
             setString(dataset, DCM_InstanceCreationTime, timeOfDay(reconstructed, false));
@@ -279,7 +277,8 @@ QByteArray storedPayload(QString const& path)
     if (bytes.size() < 12)
         return QByteArray();
     auto const* head = reinterpret_cast<unsigned char const*>(bytes.constData());
-    int const length = int(quint32(head[8]) << 24 | quint32(head[9]) << 16 | quint32(head[10]) << 8 | head[11]);
+    int const length =
+        int(quint32(head[8]) << 24 | quint32(head[9]) << 16 | quint32(head[10]) << 8 | head[11]);
     return bytes.mid(12, length);
 }
 
@@ -314,8 +313,8 @@ ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path
         McDArray<unsigned char> unpacked;
         lzmaUncompress(unpacked, bytes, stored.size());
         figures.unpacked = static_cast<qint64>(unpacked.size());
-        figures.unpackMsec =
-            medianMsec(runs, [&] { return timeMsec([&] { lzmaUncompress(unpacked, bytes, stored.size()); }); });
+        figures.unpackMsec = medianMsec(
+            runs, [&] { return timeMsec([&] { lzmaUncompress(unpacked, bytes, stored.size()); }); });
     }
 
     figures.readMsec = medianMsec(runs, [&] {
@@ -324,7 +323,8 @@ ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path
         double const msec = timeMsec([&] { file.readCacheFile(path, nullptr, false); });
         figures.readFaults += double(minorFaults() - faults) / runs;
         if (file.images().size() != images) {
-            std::fprintf(stderr, "Mode %d: read back %d images instead of %d\n", mode, file.images().size(), images);
+            std::fprintf(stderr, "Mode %d: read back %d images instead of %d\n", mode, file.images().size(),
+                         images);
             std::exit(1);
         }
         return msec;
@@ -404,7 +404,8 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parseOptions(argc, argv, options)) {
-        std::fprintf(stderr, "Usage: %s [--images N (>= %d)] [--runs N] [--keep] [CT_small.dcm]\n", argv[0], kSeries);
+        std::fprintf(stderr, "Usage: %s [--images N (>= %d)] [--runs N] [--keep] [CT_small.dcm]\n", argv[0],
+                     kSeries);
         return 2;
     }
     OFLog::configure(OFLogger::ERROR_LOG_LEVEL); // the sample's oddities are not news here
@@ -426,7 +427,8 @@ int main(int argc, char** argv)
         timeMsec([&] { paths = writeStudy(source, folder.path() + "/dicom", options.images); });
     qint64 const diskBytes = warmPageCache(paths);
     int const images = static_cast<int>(paths.size());
-    std::printf("Study: %d CT images in %d series, made from %s\n", images, kSeries, sample.toLocal8Bit().constData());
+    std::printf("Study: %d CT images in %d series, made from %s\n", images, kSeries,
+                sample.toLocal8Bit().constData());
     std::printf("DICOM files: %.1f MB written in %.0f ms%s%s; every time below is the median of %d runs\n\n",
                 diskBytes / 1e6, writeFilesMsec, options.keep ? " to " : "",
                 options.keep ? folder.path().toLocal8Bit().constData() : "", options.runs);

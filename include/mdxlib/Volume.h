@@ -42,7 +42,10 @@ public:
         int32_t imageIndex = -1; // -1: the slice's SOP instance is not among the images
         int32_t frame = 0;
 
-        bool operator==(MultiFrameInfo const& o) const { return imageIndex == o.imageIndex && frame == o.frame; }
+        bool operator==(MultiFrameInfo const& o) const
+        {
+            return imageIndex == o.imageIndex && frame == o.frame;
+        }
     };
 
     Volume();

@@ -98,7 +98,8 @@ struct LogCapture
     {
         mLevel = getTheLogInstance()->logLevel();
         getTheLogInstance()->setLogLevel(McLogFile::LevelDebug);
-        getTheLogInstance()->setWriteCallback([this](int, std::string const& text) { messages.push_back(text); });
+        getTheLogInstance()->setWriteCallback(
+            [this](int, std::string const& text) { messages.push_back(text); });
     }
     ~LogCapture()
     {
@@ -220,7 +221,8 @@ TEST_F(FuzzReplay, ByteFlips)
                 bytes[at] = static_cast<char>(random.bounded(256));
                 break;
             case 2: { // a lying 16- or 32-bit field, either byte order
-                quint32 const value = kInteresting[random.bounded(int(sizeof kInteresting / sizeof *kInteresting))];
+                quint32 const value =
+                    kInteresting[random.bounded(int(sizeof kInteresting / sizeof *kInteresting))];
                 int const width = random.bounded(2) ? 4 : 2;
                 bool const big = random.bounded(2);
                 for (int b = 0; b < width && at + b < bytes.size(); ++b) {
@@ -248,7 +250,8 @@ TEST_F(FuzzReplay, ByteFlips)
     }
     // Not a guarantee, a sign that the mutations reach past the header.
     EXPECT_GT(accepted, 0);
-    std::printf("%d mutations in %lld msec, %d accepted\n", run, static_cast<long long>(timer.elapsed()), accepted);
+    std::printf("%d mutations in %lld msec, %d accepted\n", run, static_cast<long long>(timer.elapsed()),
+                accepted);
 }
 
 // Hand-made damaged files. Files named "refused-*" must be refused with a

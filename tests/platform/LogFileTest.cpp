@@ -18,7 +18,8 @@ using Messages = std::vector<std::pair<int, std::string>>;
 // Collects what a log writes, for logs that are not shared between threads.
 // The level is set explicitly so an MDX_LOG_LEVEL in the environment does not
 // change the outcome.
-void capture(McLogFile& log, Messages& messages) {
+void capture(McLogFile& log, Messages& messages)
+{
     log.setLogLevel(McLogFile::LevelInfo);
     log.setWriteCallback(
         [&messages](int level, std::string const& message) { messages.emplace_back(level, message); });
@@ -26,7 +27,8 @@ void capture(McLogFile& log, Messages& messages) {
 
 } // namespace
 
-TEST(LogFileTest, DropsMessagesBelowTheLevel) {
+TEST(LogFileTest, DropsMessagesBelowTheLevel)
+{
     McLogFile log;
     Messages messages;
     capture(log, messages);
@@ -46,7 +48,8 @@ TEST(LogFileTest, DropsMessagesBelowTheLevel) {
     EXPECT_EQ(messages, (Messages{{0, "now visible"}}));
 }
 
-TEST(LogFileTest, FormatsTheCategory) {
+TEST(LogFileTest, FormatsTheCategory)
+{
     McLogFile log;
     Messages messages;
     capture(log, messages);
@@ -59,7 +62,8 @@ TEST(LogFileTest, FormatsTheCategory) {
         (Messages{{1, "[net] sent 12 bytes"}, {1, "no category"}, {1, "none either"}, {3, "[io] done"}}));
 }
 
-TEST(LogFileTest, LongMessagesAreNotTruncated) {
+TEST(LogFileTest, LongMessagesAreNotTruncated)
+{
     McLogFile log;
     Messages messages;
     capture(log, messages);
@@ -69,7 +73,8 @@ TEST(LogFileTest, LongMessagesAreNotTruncated) {
     EXPECT_EQ(messages[0].second, "[big] " + body + "-end-7");
 }
 
-TEST(LogFileTest, CallbackThatLogsDoesNotDeadlock) {
+TEST(LogFileTest, CallbackThatLogsDoesNotDeadlock)
+{
     McLogFile log;
     log.setLogLevel(McLogFile::LevelInfo);
     Messages messages;
@@ -83,7 +88,8 @@ TEST(LogFileTest, CallbackThatLogsDoesNotDeadlock) {
     EXPECT_EQ(messages, (Messages{{1, "outer"}, {2, "[cb] inner"}}));
 }
 
-TEST(LogFileTest, ConcurrentMessagesArriveExactlyOnce) {
+TEST(LogFileTest, ConcurrentMessagesArriveExactlyOnce)
+{
     McLogFile log;
     log.setLogLevel(McLogFile::LevelInfo);
     std::mutex mutex;
@@ -116,7 +122,8 @@ TEST(LogFileTest, ConcurrentMessagesArriveExactlyOnce) {
     }
 }
 
-TEST(LogFileTest, WritesOneStampedLineToStandardError) {
+TEST(LogFileTest, WritesOneStampedLineToStandardError)
+{
     McLogFile log;
     log.setLogLevel(McLogFile::LevelInfo);
     testing::internal::CaptureStderr();
@@ -128,7 +135,8 @@ TEST(LogFileTest, WritesOneStampedLineToStandardError) {
         << output;
 }
 
-TEST(LogFileTest, InitialLevelComesFromTheEnvironment) {
+TEST(LogFileTest, InitialLevelComesFromTheEnvironment)
+{
     char const* old = std::getenv("MDX_LOG_LEVEL");
     std::optional<std::string> const saved = old ? std::optional<std::string>(old) : std::nullopt;
 
@@ -146,7 +154,8 @@ TEST(LogFileTest, InitialLevelComesFromTheEnvironment) {
     }
 }
 
-TEST(LogFileTest, TheInstanceIsShared) {
+TEST(LogFileTest, TheInstanceIsShared)
+{
     ASSERT_NE(getTheLogInstance(), nullptr);
     EXPECT_EQ(getTheLogInstance(), getTheLogInstance());
 }

@@ -10,7 +10,8 @@
 
 namespace {
 
-std::vector<std::string> tokens(char const* text) {
+std::vector<std::string> tokens(char const* text)
+{
     std::vector<std::string> result;
     McStringTokenizer tokenizer(text);
     while (tokenizer.hasMoreTokens()) {
@@ -24,7 +25,8 @@ using Tokens = std::vector<std::string>;
 
 } // namespace
 
-TEST(StringTokenizerTest, SplitsOnBackslashAndWhiteSpace) {
+TEST(StringTokenizerTest, SplitsOnBackslashAndWhiteSpace)
+{
     EXPECT_EQ(tokens("1\\2"), (Tokens{"1", "2"}));
     EXPECT_EQ(tokens("  1.5 \\ -2 "), (Tokens{"1.5", "-2"}));
     EXPECT_EQ(tokens("a\\\\b\t\nc"), (Tokens{"a", "b", "c"}));
@@ -34,7 +36,8 @@ TEST(StringTokenizerTest, SplitsOnBackslashAndWhiteSpace) {
     EXPECT_EQ(tokens(nullptr), Tokens{});
 }
 
-TEST(ResultTest, CarriesTheFailureMessage) {
+TEST(ResultTest, CarriesTheFailureMessage)
+{
     EXPECT_TRUE(McResult().ok());
     EXPECT_TRUE(McResult::success());
     McResult const failed = McResult::failure("no such file");
@@ -42,7 +45,8 @@ TEST(ResultTest, CarriesTheFailureMessage) {
     EXPECT_EQ(failed.message(), "no such file");
 }
 
-TEST(WatchTest, MeasuresElapsedTime) {
+TEST(WatchTest, MeasuresElapsedTime)
+{
     McWatch watch;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_GE(watch.elapsedMsec(), 20);

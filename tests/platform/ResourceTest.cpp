@@ -14,9 +14,12 @@ namespace {
 
 // Sets (or, with a null value, unsets) an environment variable for the scope
 // of a test and puts the old value back afterwards.
-class ScopedEnv {
+class ScopedEnv
+{
 public:
-    ScopedEnv(char const* name, char const* value) : mName(name) {
+    ScopedEnv(char const* name, char const* value)
+        : mName(name)
+    {
         if (char const* old = std::getenv(name)) {
             mOld = old;
         }
@@ -29,15 +32,18 @@ private:
     std::optional<std::string> mOld;
 };
 
-class ResourceTest : public testing::Test {
+class ResourceTest : public testing::Test
+{
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         ASSERT_TRUE(mDir.isValid());
         ExResource::reloadConfiguration();
     }
     void TearDown() override { ExResource::reloadConfiguration(); }
 
-    std::string writeIni(char const* name, std::string const& text) {
+    std::string writeIni(char const* name, std::string const& text)
+    {
         std::string const path = mDir.filePath(name).toStdString();
         std::ofstream(path) << text;
         return path;
@@ -48,7 +54,8 @@ protected:
 
 } // namespace
 
-TEST_F(ResourceTest, EnvironmentWinsOverFileWinsOverNothing) {
+TEST_F(ResourceTest, EnvironmentWinsOverFileWinsOverNothing)
+{
     std::string const ini = writeIni("a.ini", "[General]\n"
                                               "MDX_TEST_BOTH=from-file\n"
                                               "MDX_TEST_FILE_ONLY=file value\n"
@@ -72,7 +79,8 @@ TEST_F(ResourceTest, EnvironmentWinsOverFileWinsOverNothing) {
     EXPECT_EQ(ExResource::getParameter(nullptr), std::nullopt);
 }
 
-TEST_F(ResourceTest, NoConfigurationFile) {
+TEST_F(ResourceTest, NoConfigurationFile)
+{
     ScopedEnv config("MDX_CONFIG", nullptr);
     ScopedEnv missing("MDX_TEST_MISSING", nullptr);
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_MISSING"), std::nullopt);
@@ -82,7 +90,8 @@ TEST_F(ResourceTest, NoConfigurationFile) {
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_MISSING"), std::nullopt);
 }
 
-TEST_F(ResourceTest, ReloadReadsTheFileAgain) {
+TEST_F(ResourceTest, ReloadReadsTheFileAgain)
+{
     std::string const first = writeIni("first.ini", "MDX_TEST_VALUE=1\n");
     std::string const second = writeIni("second.ini", "MDX_TEST_VALUE=2\n");
     ScopedEnv unset("MDX_TEST_VALUE", nullptr);
@@ -100,7 +109,8 @@ TEST_F(ResourceTest, ReloadReadsTheFileAgain) {
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_VALUE"), "three");
 }
 
-TEST_F(ResourceTest, MetaFolder) {
+TEST_F(ResourceTest, MetaFolder)
+{
     ScopedEnv config("MDX_CONFIG", nullptr);
     std::string folder;
     {

@@ -36,7 +36,8 @@ QStringList sampleFiles(QString const& subFolder)
     if (root.isEmpty())
         return {};
     QStringList files;
-    QDirIterator it(root + "/" + subFolder, QDir::Files, QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
+    QDirIterator it(root + "/" + subFolder, QDir::Files,
+                    QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
     while (it.hasNext())
         files.append(it.next());
     files.sort();
@@ -48,8 +49,9 @@ std::map<std::string, QStringList> sampleStudies()
     std::map<std::string, QStringList> studies;
     for (QString const& file : sampleFiles(QString())) {
         DcmFileFormat fileFormat;
-        if (fileFormat.loadFile(OFFilename(file.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, 4096,
-                                ERM_autoDetect)
+        if (fileFormat
+                .loadFile(OFFilename(file.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, 4096,
+                          ERM_autoDetect)
                 .bad())
             continue;
         OFString study;

@@ -31,8 +31,8 @@ DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char c
 } // namespace mdxtest
 
 // Skips the current test when the sample data is not installed.
-#define MDX_REQUIRE_SAMPLES()                                                                                     \
-    do {                                                                                                          \
-        if (mdxtest::samplesDir().isEmpty())                                                                      \
-            GTEST_SKIP() << "sample data not installed; run scripts/fetch-samples.sh";                            \
+#define MDX_REQUIRE_SAMPLES()                                                                                \
+    do {                                                                                                     \
+        if (mdxtest::samplesDir().isEmpty())                                                                 \
+            GTEST_SKIP() << "sample data not installed; run scripts/fetch-samples.sh";                       \
     } while (0)

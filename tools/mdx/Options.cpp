@@ -3,7 +3,8 @@
 namespace mdxtool {
 
 ParsedArguments parseArguments(std::vector<std::string> const& args, std::set<std::string> const& knownFlags,
-                               std::set<std::string> const& knownOptions, std::set<std::string> const& multiValued)
+                               std::set<std::string> const& knownOptions,
+                               std::set<std::string> const& multiValued)
 {
     ParsedArguments parsed;
     for (size_t i = 0; i < args.size(); ++i) {

@@ -11,7 +11,7 @@ namespace mdxtool {
 
 struct ParsedArguments
 {
-    std::set<std::string> flags;                           // "--quiet"
+    std::set<std::string> flags;                            // "--quiet"
     std::map<std::string, std::vector<std::string>> values; // "--meta" -> {"dir"}
     std::vector<std::string> positional;
     std::string error; // set when the arguments are not understood

@@ -47,9 +47,9 @@ void printSkipped(ScanResult const& result)
 {
     std::printf("%lld files: %lld images in %zu studies; skipped %lld not DICOM, %lld without UIDs, "
                 "%lld duplicate SOP Instance UIDs\n",
-                static_cast<long long>(result.files), static_cast<long long>(result.images), result.studies.size(),
-                static_cast<long long>(result.notDicom), static_cast<long long>(result.withoutUIDs),
-                static_cast<long long>(result.duplicates));
+                static_cast<long long>(result.files), static_cast<long long>(result.images),
+                result.studies.size(), static_cast<long long>(result.notDicom),
+                static_cast<long long>(result.withoutUIDs), static_cast<long long>(result.duplicates));
 }
 
 } // namespace
@@ -75,10 +75,12 @@ int scanCommand(Arguments const& args)
     int64_t flat = 0, merged = 0, optimized = 0;
     for (auto const& [uid, study] : result.studies) {
         std::printf("study %s\n", uid.constData());
-        std::printf("  series %d, images %d\n", study->tagFile.series().size(), study->tagFile.images().size());
-        std::printf("  attributes stored: flat %lld, merged %lld, optimised %lld (optimised in %lld ms)\n",
-                    static_cast<long long>(study->flatAttributes), static_cast<long long>(study->mergedAttributes),
-                    static_cast<long long>(study->optimizedAttributes), static_cast<long long>(study->optimizeMsec));
+        std::printf("  series %d, images %d\n", study->tagFile.series().size(),
+                    study->tagFile.images().size());
+        std::printf(
+            "  attributes stored: flat %lld, merged %lld, optimised %lld (optimised in %lld ms)\n",
+            static_cast<long long>(study->flatAttributes), static_cast<long long>(study->mergedAttributes),
+            static_cast<long long>(study->optimizedAttributes), static_cast<long long>(study->optimizeMsec));
         flat += study->flatAttributes;
         merged += study->mergedAttributes;
         optimized += study->optimizedAttributes;
@@ -86,8 +88,8 @@ int scanCommand(Arguments const& args)
     std::printf("\n");
     printSkipped(result);
     std::printf("attributes stored: flat %lld, merged %lld, optimised %lld; total time %.2f s\n",
-                static_cast<long long>(flat), static_cast<long long>(merged), static_cast<long long>(optimized),
-                result.seconds);
+                static_cast<long long>(flat), static_cast<long long>(merged),
+                static_cast<long long>(optimized), result.seconds);
     return 0;
 }
 
@@ -126,16 +128,17 @@ int buildCommand(Arguments const& args)
         int64_t const size = QFileInfo(study->tagFile.path()).size();
         bytes += size;
         series += study->tagFile.series().size();
-        std::printf("%s  %d series, %d images, %lld bytes  %s\n", uid.constData(), study->tagFile.series().size(),
-                    study->tagFile.images().size(), static_cast<long long>(size),
-                    study->tagFile.path().toLocal8Bit().constData());
+        std::printf("%s  %d series, %d images, %lld bytes  %s\n", uid.constData(),
+                    study->tagFile.series().size(), study->tagFile.images().size(),
+                    static_cast<long long>(size), study->tagFile.path().toLocal8Bit().constData());
     }
     std::printf("\n");
     printSkipped(result);
-    std::printf("wrote %zu tag files in %s: %d series, %lld images, %lld bytes on disk; scan %.2f s, write %.2f s\n",
-                result.studies.size() - static_cast<size_t>(failures), Mdx::TagFile::metaFolder(), series,
-                static_cast<long long>(result.images), static_cast<long long>(bytes), result.seconds,
-                writing.elapsedSeconds());
+    std::printf(
+        "wrote %zu tag files in %s: %d series, %lld images, %lld bytes on disk; scan %.2f s, write %.2f s\n",
+        result.studies.size() - static_cast<size_t>(failures), Mdx::TagFile::metaFolder(), series,
+        static_cast<long long>(result.images), static_cast<long long>(bytes), result.seconds,
+        writing.elapsedSeconds());
     if (failures > 0) {
         std::fprintf(stderr, "mdx build: %d tag files could not be written\n", failures);
         return 1;

@@ -28,7 +28,8 @@ QStringList collectFiles(std::vector<std::string> const& paths)
         QFileInfo const info(QString::fromStdString(path));
         if (info.isDir()) {
             QStringList found;
-            QDirIterator it(info.filePath(), QDir::Files, QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
+            QDirIterator it(info.filePath(), QDir::Files,
+                            QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
             while (it.hasNext())
                 found.append(it.next());
             found.sort();
@@ -74,8 +75,8 @@ ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& o
         ++result.files;
         QByteArray const path = file.toLocal8Bit();
         DcmFileFormat fileFormat;
-        OFCondition const status = fileFormat.loadFile(OFFilename(path.constData()), EXS_Unknown, EGL_noChange,
-                                                       kMaxReadLength, ERM_autoDetect);
+        OFCondition const status = fileFormat.loadFile(OFFilename(path.constData()), EXS_Unknown,
+                                                       EGL_noChange, kMaxReadLength, ERM_autoDetect);
         if (status.bad()) {
             ++result.notDicom;
             if (options.verbose)

@@ -57,7 +57,8 @@ bool openTagFile(std::string const& what, Mdx::TagFile& file)
     bool const ok = info.isFile() ? file.readCacheFile(info.filePath(), nullptr, false)
                                   : file.readCacheFileForStudy(what.c_str(), false);
     if (!ok) {
-        QString const path = info.isFile() ? info.filePath() : Mdx::TagFile::cacheFilePathForStudy(what.c_str());
+        QString const path =
+            info.isFile() ? info.filePath() : Mdx::TagFile::cacheFilePathForStudy(what.c_str());
         std::fprintf(stderr, "mdx: no readable tag file for %s (%s)\n", what.c_str(),
                      path.toLocal8Bit().constData());
     }
@@ -109,21 +110,21 @@ int lsCommand(Arguments const& args)
     // Display numbers and localizer marks are derived, not stored by every
     // writer of tag files; derive them afresh for what is shown.
     file.createAbstractTags();
-    int numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed, uncompressed,
-        unoptimized, previewBytes;
-    file.getStatistics(numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed,
-                       uncompressed, unoptimized, previewBytes);
+    int numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed,
+        uncompressed, unoptimized, previewBytes;
+    file.getStatistics(numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec,
+                       compressed, uncompressed, unoptimized, previewBytes);
 
     Mdx::TagMap const* study = file.study();
     std::printf("tag file %s\n", file.path().toLocal8Bit().constData());
-    std::printf("  %d bytes stored, %d unpacked; %d previews (%d bytes); read in %d ms\n", compressed, uncompressed,
-                numPreviews, previewBytes, readMsec);
+    std::printf("  %d bytes stored, %d unpacked; %d previews (%d bytes); read in %d ms\n", compressed,
+                uncompressed, numPreviews, previewBytes, readMsec);
     std::printf("study %s\n", file.studies().firstKey().constData());
     std::printf("  patient \"%s\" (%s), date %s, \"%s\"\n", text(study, DCM_PatientName).constData(),
                 text(study, DCM_PatientID).constData(), text(study, DCM_StudyDate).constData(),
                 text(study, DCM_StudyDescription).constData());
-    std::printf("  %d series, %d images, %d volumes, %lld attributes stored\n", numSeries, numImages, numVolumes,
-                static_cast<long long>(countStored(study)));
+    std::printf("  %d series, %d images, %d volumes, %lld attributes stored\n", numSeries, numImages,
+                numVolumes, static_cast<long long>(countStored(study)));
 
     QList<Mdx::TagMap*> series = study->children();
     std::stable_sort(series.begin(), series.end(), [](Mdx::TagMap const* a, Mdx::TagMap const* b) {

@@ -136,7 +136,8 @@ public:
     LmCurlDownloadStream read(std::string const& url, std::vector<std::string> const& headers, bool partial);
     LmCurlDownloadStream readRange(std::string const& url, std::string const& range, bool partial);
     QByteArray readBytes(std::string const& url, LmHttpStatus& status);
-    QByteArray readBytes(std::string const& url, std::vector<std::string> const& headers, LmHttpStatus& status);
+    QByteArray readBytes(std::string const& url, std::vector<std::string> const& headers,
+                         LmHttpStatus& status);
     QJsonDocument readJson(std::string const& url, LmHttpStatus& status);
     QJsonDocument postJson(std::string const& url, QJsonObject const& body, LmHttpStatus& status);
     QJsonDocument postBytes(std::string const& url, QByteArray const& body, std::string const& contentType,
@@ -145,7 +146,8 @@ public:
     QByteArray postBytesRaw(std::string const& url, QByteArray const& body, std::string const& contentType,
                             LmHttpStatus& status);
     // One raw PUT: no retry, no authentication; code 0 on a transport failure.
-    LmCurlResponse put(std::string const& url, std::vector<std::string> const& headers, QByteArray const& body);
+    LmCurlResponse put(std::string const& url, std::vector<std::string> const& headers,
+                       QByteArray const& body);
     bool deleteObject(std::string const& url);
 
     // "https://<external web service host>/sola/Browser.svc/<path>"
@@ -153,7 +155,10 @@ public:
     static bool isUrl(char const* path);
 
     void setFFS2Parameters(char const* name) { mHelper->setFFS2Parameters(name); }
-    void setSessionID(std::string id, bool asBearerToken) { mHelper->setSessionID(std::move(id), asBearerToken); }
+    void setSessionID(std::string id, bool asBearerToken)
+    {
+        mHelper->setSessionID(std::move(id), asBearerToken);
+    }
     std::string sessionID() const { return mHelper->sessionID(); }
     void setNumConcurrentRequestsPerFile(int count) { mNumConcurrentRequestsPerFile = count; }
     int numConcurrentRequestsPerFile() const { return mNumConcurrentRequestsPerFile; }

@@ -39,8 +39,7 @@ public:
 
     LmCurlResponse process(LmCurlRequest const& request) override;
 
-    template <typename T>
-    void setCurlOption(CURLoption option, T value)
+    template <typename T> void setCurlOption(CURLoption option, T value)
     {
         CURLcode const code = curl_easy_setopt(mHandle.get(), option, value);
         if (code != CURLE_OK)

@@ -48,8 +48,8 @@ namespace LmCurlRetry {
 enum class Outcome
 {
     Success,
-    Transient,     // worth another try
-    Unrecoverable  // stop at once
+    Transient,    // worth another try
+    Unrecoverable // stop at once
 };
 
 using Sleeper = std::function<void(long long milliseconds)>;

@@ -16,7 +16,7 @@
 
 struct MDX_EXPORT LmCurlSettings
 {
-    bool debug = false;                          // verbose curl output
+    bool debug = false;                              // verbose curl output
     std::string sslCipherList = "AES128-GCM-SHA256"; // empty: leave libcurl's choice
     int maxConnects = 256;
     int recBufSize = 0; // SO_RCVBUF of download sockets; 0 leaves the system's value

@@ -21,7 +21,10 @@ public:
     std::vector<uint64_t> const& bins() const { return mBins; }
     uint64_t bin(int i) const { return mBins[static_cast<size_t>(i)]; }
 
-    bool operator==(LmHistogram const& o) const { return mBins == o.mBins && mMin == o.mMin && mMax == o.mMax; }
+    bool operator==(LmHistogram const& o) const
+    {
+        return mBins == o.mBins && mMin == o.mMin && mMax == o.mMax;
+    }
 
 private:
     std::vector<uint64_t> mBins;

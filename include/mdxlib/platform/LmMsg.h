@@ -82,12 +82,10 @@ public:
 
 private:
     void ensureWritable(size_t extra);
-    template <typename T>
-    void writeLittle(T value);
-    template <typename T>
-    T readLittle();
+    template <typename T> void writeLittle(T value);
+    template <typename T> T readLittle();
 
-    QByteArray mOwned;          // storage when the message owns its bytes
+    QByteArray mOwned;           // storage when the message owns its bytes
     char const* mData = nullptr; // start of the bytes (owned or foreign)
     size_t mSize = 0;
     size_t mRead = 0;

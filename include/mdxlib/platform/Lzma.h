@@ -11,8 +11,7 @@
 
 #include <vector>
 
-template <typename T>
-using McDArray = std::vector<T>;
+template <typename T> using McDArray = std::vector<T>;
 
 constexpr long long maxLzmaOutput = 0x7FFFFFFF;
 

@@ -27,4 +27,5 @@ public:
 // parameter "section/key" (an INI file section, or an environment variable
 // of that name). False and an empty value when it is not set. name selects
 // a storage configuration in larger deployments and is not consulted here.
-MDX_EXPORT bool GetGlobalConfig(std::string const& name, char const* section, char const* key, std::string& value);
+MDX_EXPORT bool GetGlobalConfig(std::string const& name, char const* section, char const* key,
+                                std::string& value);

@@ -154,8 +154,8 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
         } else {
             sIsRunningOnEC2Instance = 0;
             if (debug())
-                log().tracef(McLogFile::LevelInfo, kCategory, "Could not connect to %s - not running on an EC2 instance",
-                             address.c_str());
+                log().tracef(McLogFile::LevelInfo, kCategory,
+                             "Could not connect to %s - not running on an EC2 instance", address.c_str());
         }
     }
     if (sIsRunningOnEC2Instance == 0)
@@ -163,12 +163,13 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
 
     LmCurlClient* client = LmCurlClient::instance();
     std::string token;
-    LmCurlResponse const tokenResponse = client->put(metadataBase() + "/latest/api/token",
-                                                     {"X-aws-ec2-metadata-token-ttl-seconds: 21600"}, QByteArray());
+    LmCurlResponse const tokenResponse = client->put(
+        metadataBase() + "/latest/api/token", {"X-aws-ec2-metadata-token-ttl-seconds: 21600"}, QByteArray());
     if (tokenResponse.getResponseCode() == 200 && !tokenResponse.getPayload().empty()) {
         token = tokenResponse.getPayload();
         if (debug())
-            log().tracef(McLogFile::LevelInfo, kCategory, "Successfully obtained meta-data token '%s'", token.c_str());
+            log().tracef(McLogFile::LevelInfo, kCategory, "Successfully obtained meta-data token '%s'",
+                         token.c_str());
     } else {
         log().tracef(McLogFile::LevelError, kCategory, "Could not obtain meta-data token (%d): %s",
                      tokenResponse.getResponseCode(), tokenResponse.getPayload().c_str());
@@ -182,16 +183,16 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
         log().tracef(McLogFile::LevelWarning, kCategory, "Could not determine IAM role");
         return nullptr;
     }
-    log().tracef(McLogFile::LevelInfo, kCategory, "Reading security credentials from instance meta-data (IAM role %s)",
-                 role.c_str());
+    log().tracef(McLogFile::LevelInfo, kCategory,
+                 "Reading security credentials from instance meta-data (IAM role %s)", role.c_str());
 
     std::string const url = baseUrl() + "iam/security-credentials/" + role;
     LmHttpStatus status;
     QByteArray const reply = client->readBytes(url, tokenHeader(token), status);
     QJsonObject const object = QJsonDocument::fromJson(reply).object();
     if (!ok(status) || object.isEmpty()) {
-        log().tracef(McLogFile::LevelError, kCategory, "Cannot read security credentials from %s\n%s", url.c_str(),
-                     reply.constData());
+        log().tracef(McLogFile::LevelError, kCategory, "Cannot read security credentials from %s\n%s",
+                     url.c_str(), reply.constData());
         return nullptr;
     }
     if (debug())
@@ -203,13 +204,15 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
     credentials->expiration = QDateTime::fromString(object.value("Expiration").toString(), Qt::ISODate);
     credentials->region = region;
     if (credentials->accessKeyId.isEmpty() || credentials->secretAccessKey.isEmpty()) {
-        log().tracef(McLogFile::LevelError, kCategory, "Got invalid security credentials from %s\n%s", url.c_str(),
-                     reply.constData());
+        log().tracef(McLogFile::LevelError, kCategory, "Got invalid security credentials from %s\n%s",
+                     url.c_str(), reply.constData());
         return nullptr;
     }
     if (debug())
-        log().tracef(McLogFile::LevelInfo, kCategory, "Got security credentials from meta-data, will expire in %lld min.",
-                     static_cast<long long>(QDateTime::currentDateTimeUtc().secsTo(credentials->expiration) / 60));
+        log().tracef(
+            McLogFile::LevelInfo, kCategory,
+            "Got security credentials from meta-data, will expire in %lld min.",
+            static_cast<long long>(QDateTime::currentDateTimeUtc().secsTo(credentials->expiration) / 60));
     return credentials;
 }
 
@@ -220,18 +223,19 @@ QByteArray LmAwsAuth::getRegionFromMetaData(std::string const& token)
     QByteArray const reply = LmCurlClient::instance()->readBytes(url, tokenHeader(token), status);
     if (ok(status)) {
         if (debug())
-            log().tracef(McLogFile::LevelInfo, kCategory, "Region from instance meta-data: %s", reply.constData());
+            log().tracef(McLogFile::LevelInfo, kCategory, "Region from instance meta-data: %s",
+                         reply.constData());
         return reply;
     }
     if (status.responseCode == 0) {
         sIsRunningOnEC2Instance = 0;
         if (debug())
-            log().tracef(McLogFile::LevelInfo, kCategory, "Could not get region from %s - not running on an EC2 instance",
-                         url.c_str());
+            log().tracef(McLogFile::LevelInfo, kCategory,
+                         "Could not get region from %s - not running on an EC2 instance", url.c_str());
         return QByteArray();
     }
-    log().tracef(McLogFile::LevelError, kCategory, "Could not get region from %s (response code %d)", url.c_str(),
-                 status.responseCode);
+    log().tracef(McLogFile::LevelError, kCategory, "Could not get region from %s (response code %d)",
+                 url.c_str(), status.responseCode);
     return QByteArray();
 }
 
@@ -243,12 +247,13 @@ std::string LmAwsAuth::getIAMRole(std::string const& token)
         return role;
     }
     LmHttpStatus status;
-    QByteArray const reply =
-        LmCurlClient::instance()->readBytes(baseUrl() + "iam/security-credentials", tokenHeader(token), status);
+    QByteArray const reply = LmCurlClient::instance()->readBytes(baseUrl() + "iam/security-credentials",
+                                                                 tokenHeader(token), status);
     if (!ok(status)) {
-        log().tracef(McLogFile::LevelError, kCategory, "Could not read IAM roles from %siam/security-credentials",
-                     baseUrl().c_str());
-        log().tracef(McLogFile::LevelError, kCategory, "Response code %d\n%s", status.responseCode, reply.constData());
+        log().tracef(McLogFile::LevelError, kCategory,
+                     "Could not read IAM roles from %siam/security-credentials", baseUrl().c_str());
+        log().tracef(McLogFile::LevelError, kCategory, "Response code %d\n%s", status.responseCode,
+                     reply.constData());
         return std::string();
     }
     if (debug())
@@ -263,16 +268,19 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromFile()
     if (char const* configured = std::getenv("AWS_CONFIG_FILE")) {
         path = QString::fromLocal8Bit(configured);
         if (debug())
-            log().tracef(McLogFile::LevelInfo, kCategory, "Environment variable AWS_CONFIG_FILE = %s", configured);
+            log().tracef(McLogFile::LevelInfo, kCategory, "Environment variable AWS_CONFIG_FILE = %s",
+                         configured);
     } else {
         path = QDir::homePath() + "/.aws/config";
     }
     QByteArray const localPath = path.toLocal8Bit();
     if (!QFileInfo::exists(path)) {
-        log().tracef(McLogFile::LevelError, kCategory, "AWS config file %s does not exist", localPath.constData());
+        log().tracef(McLogFile::LevelError, kCategory, "AWS config file %s does not exist",
+                     localPath.constData());
         return nullptr;
     }
-    log().tracef(McLogFile::LevelInfo, kCategory, "Reading credentials from config file %s", localPath.constData());
+    log().tracef(McLogFile::LevelInfo, kCategory, "Reading credentials from config file %s",
+                 localPath.constData());
     QSettings settings(path, QSettings::IniFormat);
     if (settings.status() != QSettings::NoError) {
         log().tracef(McLogFile::LevelError, kCategory, "Could not open %s: %s", localPath.constData(),
@@ -292,7 +300,8 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromFile()
         return nullptr;
     }
     if (debug()) {
-        log().tracef(McLogFile::LevelInfo, kCategory, "aws_access_key_id = %s", credentials->accessKeyId.constData());
+        log().tracef(McLogFile::LevelInfo, kCategory, "aws_access_key_id = %s",
+                     credentials->accessKeyId.constData());
         log().tracef(McLogFile::LevelInfo, kCategory, "aws_secret_access_key = %s",
                      credentials->secretAccessKey.constData());
         log().tracef(McLogFile::LevelInfo, kCategory, "region = %s", credentials->region.constData());
@@ -300,13 +309,14 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromFile()
     return credentials;
 }
 
-std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url, std::vector<std::string>& headers)
+std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url,
+                                      std::vector<std::string>& headers)
 {
     return prepareRequest(verb, url, headers, QDateTime::currentDateTimeUtc());
 }
 
-std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url, std::vector<std::string>& headers,
-                                      QDateTime const& nowIn)
+std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url,
+                                      std::vector<std::string>& headers, QDateTime const& nowIn)
 {
     QDateTime const now = nowIn.toUTC();
     std::shared_ptr<Credentials> const credentials = getCredentials(now);
@@ -321,7 +331,8 @@ std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url, 
             ++at;
     }
     size_t const bucketEnd = url.find('/', at);
-    std::string const bucket = url.substr(at, bucketEnd == std::string::npos ? std::string::npos : bucketEnd - at);
+    std::string const bucket =
+        url.substr(at, bucketEnd == std::string::npos ? std::string::npos : bucketEnd - at);
     std::string const keyPart = bucketEnd == std::string::npos ? std::string() : url.substr(bucketEnd);
 
     std::string host = bucket + ".s3.";
@@ -372,12 +383,13 @@ std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url, 
         QCryptographicHash::hash(QByteArray::fromStdString(canonical), QCryptographicHash::Sha256).toHex();
     std::string const scope =
         credentials->dateStamp.toStdString() + "/" + credentials->region.toStdString() + "/s3/aws4_request";
-    std::string const toSign = "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + canonicalHash.toStdString();
+    std::string const toSign =
+        "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + canonicalHash.toStdString();
     if (debug())
         log().tracef(McLogFile::LevelInfo, kCategory, "String to sign:\n%s", toSign.c_str());
     std::string const signature =
         hmacSha256(credentials->signingKey, QByteArray::fromStdString(toSign)).toHex().toStdString();
-    headers.push_back("Authorization: AWS4-HMAC-SHA256 Credential=" + credentials->accessKeyId.toStdString() + "/" +
-                      scope + ", SignedHeaders=" + signedHeaders + ", Signature=" + signature);
+    headers.push_back("Authorization: AWS4-HMAC-SHA256 Credential=" + credentials->accessKeyId.toStdString() +
+                      "/" + scope + ", SignedHeaders=" + signedHeaders + ", Signature=" + signature);
     return result;
 }

@@ -116,8 +116,10 @@ LmCurlDownloadRequest* LmCurlClient::createDownloadRequest(std::string const& ur
     return request;
 }
 
-LmCurlDownloadStream LmCurlClient::createDownloadStreamAndPeek(std::string const& url, QByteArray const& postData,
-                                                               std::vector<std::string> const& headers, int flags)
+LmCurlDownloadStream LmCurlClient::createDownloadStreamAndPeek(std::string const& url,
+                                                               QByteArray const& postData,
+                                                               std::vector<std::string> const& headers,
+                                                               int flags)
 {
     McLogFile* log = getTheLogInstance();
     auto policy = LmCurlExponentialBackoffRetryPolicy::forRequests();
@@ -163,7 +165,8 @@ LmCurlDownloadStream LmCurlClient::read(std::string const& url, bool partial)
     return read(url, std::vector<std::string>(), partial);
 }
 
-LmCurlDownloadStream LmCurlClient::read(std::string const& url, std::vector<std::string> const& headers, bool partial)
+LmCurlDownloadStream LmCurlClient::read(std::string const& url, std::vector<std::string> const& headers,
+                                        bool partial)
 {
     return createDownloadStreamAndPeek(url, QByteArray(), headers, partial ? PartialRequests : 0);
 }
@@ -181,7 +184,8 @@ QByteArray LmCurlClient::readBytes(std::string const& url, LmHttpStatus& status)
 QByteArray LmCurlClient::readBytes(std::string const& url, std::vector<std::string> const& headers,
                                    LmHttpStatus& status)
 {
-    LmCurlDownloadStream stream = createDownloadStreamAndPeek(url, QByteArray(), headers, PartialRequests | Tolerate404);
+    LmCurlDownloadStream stream =
+        createDownloadStreamAndPeek(url, QByteArray(), headers, PartialRequests | Tolerate404);
     auto const length = static_cast<int32_t>(stream.contentLength());
     QByteArray result;
     qint64 filled = 0;
@@ -219,8 +223,8 @@ QJsonDocument LmCurlClient::postJson(std::string const& url, QJsonObject const& 
     return postBytes(url, QJsonDocument(body).toJson(), "application/json", status);
 }
 
-QJsonDocument LmCurlClient::postBytes(std::string const& url, QByteArray const& body, std::string const& contentType,
-                                      LmHttpStatus& status)
+QJsonDocument LmCurlClient::postBytes(std::string const& url, QByteArray const& body,
+                                      std::string const& contentType, LmHttpStatus& status)
 {
     return QJsonDocument::fromJson(postBytesRaw(url, body, contentType, status));
 }
@@ -230,8 +234,8 @@ QJsonDocument LmCurlClient::postBytes(std::string const& url, QByteArray const& 
     return postBytes(url, body, "application/octet-stream", status);
 }
 
-QByteArray LmCurlClient::postBytesRaw(std::string const& url, QByteArray const& body, std::string const& contentType,
-                                      LmHttpStatus& status)
+QByteArray LmCurlClient::postBytesRaw(std::string const& url, QByteArray const& body,
+                                      std::string const& contentType, LmHttpStatus& status)
 {
     std::vector<std::string> const headers{"Content-Type: " + contentType};
     LmCurlDownloadStream stream = createDownloadStreamAndPeek(url, body, headers, 0);

@@ -103,7 +103,8 @@ void LmCurlDownloadRequest::addRangeHeader()
     mHeaders.push_back("Range: bytes=" + std::to_string(mFrom) + "-" + std::to_string(mTo));
 }
 
-void LmCurlDownloadRequest::resetOptions(QByteArray const& postData, std::vector<std::string> headers, bool head)
+void LmCurlDownloadRequest::resetOptions(QByteArray const& postData, std::vector<std::string> headers,
+                                         bool head)
 {
     LmCurlSettings const& settings = LmCurlSettings::get();
     // A later range may absorb its whole range without pausing, so that it
@@ -206,7 +207,8 @@ int LmCurlDownloadRequest::performWork()
         CURLcode const code = message->data.result;
         request->mDone = true;
         request->removeFromMulti(); // invalidates message
-        if (!request->mClosing && code != CURLE_OK && !(code == CURLE_WRITE_ERROR && request->mStatus->curlError)) {
+        if (!request->mClosing && code != CURLE_OK &&
+            !(code == CURLE_WRITE_ERROR && request->mStatus->curlError)) {
             request->curlError("transfer", code, CURLM_OK);
             return -1;
         }
@@ -311,9 +313,9 @@ bool LmCurlDownloadRequest::rangeAnswered()
     bool const wrong = (mFrom > 0 && code == 200) || (mTo >= 0 && code == 206 && mStatus->from() != mFrom);
     if (wrong) {
         getTheLogInstance()->tracef(McLogFile::LevelError, kCategory,
-                                    "%s: asked for bytes %lld-%lld, the answer was %d from byte %lld", mUrl.c_str(),
-                                    static_cast<long long>(mFrom), static_cast<long long>(mTo), code,
-                                    static_cast<long long>(mStatus->from()));
+                                    "%s: asked for bytes %lld-%lld, the answer was %d from byte %lld",
+                                    mUrl.c_str(), static_cast<long long>(mFrom), static_cast<long long>(mTo),
+                                    code, static_cast<long long>(mStatus->from()));
         mStatus->curlError = true;
     }
     mRangeChecked = true;
@@ -477,9 +479,10 @@ LmCurlDownloadRequest* LmCurlDownloadStreambuf::request()
     int64_t const lastTo = mRequests.back()->mTo;
     int64_t const total = contentLength();
     if (lastTo + 1 < total) {
-        LmCurlDownloadRequest* next = front->duplicateForRange(
-            static_cast<unsigned long>(lastTo + 1),
-            static_cast<unsigned long>(std::min<int64_t>(total - 1, lastTo + static_cast<int64_t>(mChunkSize))));
+        LmCurlDownloadRequest* next =
+            front->duplicateForRange(static_cast<unsigned long>(lastTo + 1),
+                                     static_cast<unsigned long>(std::min<int64_t>(
+                                         total - 1, lastTo + static_cast<int64_t>(mChunkSize))));
         delete front;
         mRequests.pop_front();
         mRequests.push_back(next);

@@ -67,7 +67,8 @@ LmCurlMultiHandle LmCurlHandleFactory::createMultiHandle()
     if (mMultiHandles.empty()) {
         CURLM* multi = curl_multi_init();
         if (multi) {
-            curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(LmCurlSettings::get().maxConnects));
+            curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS,
+                              static_cast<long>(LmCurlSettings::get().maxConnects));
             curl_multi_setopt(multi, CURLMOPT_PIPELINING, 0L);
         }
         return LmCurlMultiHandle(multi, cleanupMulti);

@@ -35,7 +35,8 @@ std::string gcsDownloadEndpoint()
 
 std::string gcsUploadEndpoint()
 {
-    return ExResource::getParameter("MDX_GCS_UPLOAD_ENDPOINT", "https://storage.googleapis.com/upload/storage/v1/b/");
+    return ExResource::getParameter("MDX_GCS_UPLOAD_ENDPOINT",
+                                    "https://storage.googleapis.com/upload/storage/v1/b/");
 }
 
 std::string gcsHost()
@@ -117,10 +118,12 @@ void LmCurlHelper::setMaxConnects(int maxConnects)
 
 std::string LmCurlHelper::getTransferSyntaxUID(int number)
 {
-    static char const* const kJpeg[] = {"50", "51", "52", "53", "54", "55", "56", "57", "58", "59",
-                                        "60", "61", "62", "63", "64", "65", "66"};
+    static char const* const kJpeg[] = {"50", "51", "52", "53", "54", "55", "56", "57", "58",
+                                        "59", "60", "61", "62", "63", "64", "65", "66"};
     switch (number) {
-    case 2: case 8: case 123:
+    case 2:
+    case 8:
+    case 123:
         return "1.2.840.10008.1.2.4.70";
     case 104:
         return "1.2.840.10008.1.2.1.99";
@@ -265,7 +268,8 @@ void LmCurlHelper::addGoogleAuthorizationHeader(std::vector<std::string>& header
     headers.emplace_back("Cache-Control: no-transform");
 }
 
-void LmCurlHelper::addAzureAuthorizationHeader(std::string const& url, std::vector<std::string>& headers) const
+void LmCurlHelper::addAzureAuthorizationHeader(std::string const& url,
+                                               std::vector<std::string>& headers) const
 {
     std::string const line = mAzureAuthorization ? mAzureAuthorization() : std::string();
     if (line.empty())

@@ -92,8 +92,9 @@ void LmCurlRawClient::setCurlOptionNoExcept(CURLoption option, std::nullptr_t) n
 {
     CURLcode const code = curl_easy_setopt(mHandle.get(), option, nullptr);
     if (code != CURLE_OK)
-        getTheLogInstance()->errorf("Got error code while setting curl option. Curl option: %d. Return value: %d",
-                                    static_cast<int>(option), static_cast<int>(code));
+        getTheLogInstance()->errorf(
+            "Got error code while setting curl option. Curl option: %d. Return value: %d",
+            static_cast<int>(option), static_cast<int>(code));
 }
 
 void LmCurlRawClient::throwCurlException(CURLcode code) const
@@ -126,7 +127,8 @@ LmCurlResponse LmCurlRawClient::process(LmCurlRequest const& request)
     code = curl_easy_getinfo(mHandle.get(), CURLINFO_RESPONSE_CODE, &responseCode);
     if (code != CURLE_OK)
         throwCurlException(code);
-    return LmCurlResponse(static_cast<int>(responseCode), handler.getResponseHeaders(), handler.moveResponsePayload());
+    return LmCurlResponse(static_cast<int>(responseCode), handler.getResponseHeaders(),
+                          handler.moveResponsePayload());
 }
 
 // ------------------------------------------------------------ header wrapper

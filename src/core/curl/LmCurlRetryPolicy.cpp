@@ -6,10 +6,9 @@
 #include <string>
 #include <thread>
 
-LmCurlExponentialBackoffRetryPolicy::LmCurlExponentialBackoffRetryPolicy(int maxFailures,
-                                                                         std::chrono::milliseconds initialDelay,
-                                                                         std::chrono::milliseconds maxDelay,
-                                                                         double factor)
+LmCurlExponentialBackoffRetryPolicy::LmCurlExponentialBackoffRetryPolicy(
+    int maxFailures, std::chrono::milliseconds initialDelay, std::chrono::milliseconds maxDelay,
+    double factor)
     : mMaxFailures(maxFailures)
     , mDelay(initialDelay)
     , mMaxDelay(maxDelay)
@@ -19,14 +18,14 @@ LmCurlExponentialBackoffRetryPolicy::LmCurlExponentialBackoffRetryPolicy(int max
 
 LmCurlExponentialBackoffRetryPolicy LmCurlExponentialBackoffRetryPolicy::forRequests()
 {
-    return LmCurlExponentialBackoffRetryPolicy(5, std::chrono::milliseconds(1000), std::chrono::milliseconds(300000),
-                                               2.0);
+    return LmCurlExponentialBackoffRetryPolicy(5, std::chrono::milliseconds(1000),
+                                               std::chrono::milliseconds(300000), 2.0);
 }
 
 LmCurlExponentialBackoffRetryPolicy LmCurlExponentialBackoffRetryPolicy::forCloudReader()
 {
-    return LmCurlExponentialBackoffRetryPolicy(6, std::chrono::milliseconds(1000), std::chrono::milliseconds(8000),
-                                               2.0);
+    return LmCurlExponentialBackoffRetryPolicy(6, std::chrono::milliseconds(1000),
+                                               std::chrono::milliseconds(8000), 2.0);
 }
 
 long long LmCurlExponentialBackoffRetryPolicy::onFailure()
@@ -53,8 +52,8 @@ void sleepFor(long long milliseconds)
         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-void runFormA(LmCurlExponentialBackoffRetryPolicy& policy, std::function<Outcome()> const& attempt, char const* what,
-              Sleeper const& sleeper)
+void runFormA(LmCurlExponentialBackoffRetryPolicy& policy, std::function<Outcome()> const& attempt,
+              char const* what, Sleeper const& sleeper)
 {
     if (policy.isExhausted())
         throw RetryPolicyExhaustedError(std::string(what) + ": retry policy exhausted");

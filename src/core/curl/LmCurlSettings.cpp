@@ -92,7 +92,8 @@ std::optional<std::string> LmCurlSettings::tlsMismatch(std::string const& curlSs
         expected = "LibreSSL 2";
     if (opensslVersion.rfind(expected, 0) == 0)
         return std::nullopt;
-    return "Mismatched versions of OpenSSL linked in libcurl vs. the version linked in mdxlib.\nlibcurl is linked "
+    return "Mismatched versions of OpenSSL linked in libcurl vs. the version linked in mdxlib.\nlibcurl is "
+           "linked "
            "against " +
            curlSslVersion + "\nwhile mdxlib links against " + opensslVersion +
            "\nMismatched versions are not supported.";

@@ -24,7 +24,15 @@ LmHttpStatus& LmHttpStatus::empty()
 bool LmHttpStatus::unrecoverable() const
 {
     switch (responseCode) {
-    case 400: case 401: case 403: case 404: case 405: case 409: case 411: case 412: case 416:
+    case 400:
+    case 401:
+    case 403:
+    case 404:
+    case 405:
+    case 409:
+    case 411:
+    case 412:
+    case 416:
         return true;
     default:
         return false;

@@ -20,8 +20,8 @@ QByteArray qxCompress(unsigned char const* data, int size)
         return QByteArray();
     size_t const bound = libdeflate_zlib_compress_bound(compressor, static_cast<size_t>(size));
     QByteArray out(static_cast<int>(bound + 4), Qt::Uninitialized);
-    size_t const packed = libdeflate_zlib_compress(compressor, data, static_cast<size_t>(size),
-                                                   out.data() + 4, bound);
+    size_t const packed =
+        libdeflate_zlib_compress(compressor, data, static_cast<size_t>(size), out.data() + 4, bound);
     libdeflate_free_compressor(compressor);
     out.resize(static_cast<int>(packed + 4));
     auto const length = static_cast<quint32>(size);
@@ -37,7 +37,8 @@ QByteArray qxUncompress(QByteArray const& data)
     if (data.size() <= 4)
         return QByteArray();
     auto const* bytes = reinterpret_cast<unsigned char const*>(data.constData());
-    quint32 const length = quint32(bytes[0]) << 24 | quint32(bytes[1]) << 16 | quint32(bytes[2]) << 8 | bytes[3];
+    quint32 const length =
+        quint32(bytes[0]) << 24 | quint32(bytes[1]) << 16 | quint32(bytes[2]) << 8 | bytes[3];
     if (length > 0x7FFFFFF0u || qint64(length) > (qint64(data.size()) - 4) * kMaxRatio + 64)
         return QByteArray();
     QByteArray out(length == 0 ? 1 : static_cast<int>(length), Qt::Uninitialized);

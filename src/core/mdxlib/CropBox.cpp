@@ -39,8 +39,7 @@ struct Box
     unsigned long height = 0;
 };
 
-template <typename T>
-bool isCornerMark(T const* pixels, unsigned long width)
+template <typename T> bool isCornerMark(T const* pixels, unsigned long width)
 {
     for (unsigned long y = 0; y < MarkSize; ++y) {
         T const* row = pixels + y * width;

@@ -21,22 +21,19 @@ namespace Mdx {
 namespace {
 
 // Binary values live in QByteArrays without alignment guarantees.
-template <typename T>
-T unitAt(QByteArray const& bytes, int index)
+template <typename T> T unitAt(QByteArray const& bytes, int index)
 {
     T value;
     std::memcpy(&value, bytes.constData() + static_cast<size_t>(index) * sizeof(T), sizeof(T));
     return value;
 }
 
-template <typename T>
-int unitCount(QByteArray const& bytes)
+template <typename T> int unitCount(QByteArray const& bytes)
 {
     return bytes.size() / static_cast<int>(sizeof(T));
 }
 
-template <typename T>
-void appendUnit(QByteArray& bytes, T value)
+template <typename T> void appendUnit(QByteArray& bytes, T value)
 {
     bytes.append(reinterpret_cast<char const*>(&value), sizeof(T));
 }
@@ -47,8 +44,7 @@ void appendSeparator(QByteArray& out, int index)
         out.append('\\');
 }
 
-template <typename T>
-void formatFloats(QByteArray& out, QByteArray const& value)
+template <typename T> void formatFloats(QByteArray& out, QByteArray const& value)
 {
     int const n = unitCount<T>(value);
     for (int i = 0; i < n; ++i) {
@@ -57,14 +53,14 @@ void formatFloats(QByteArray& out, QByteArray const& value)
     }
 }
 
-template <typename T>
-void formatIntegers(QByteArray& out, QByteArray const& value)
+template <typename T> void formatIntegers(QByteArray& out, QByteArray const& value)
 {
     int const n = unitCount<T>(value);
     for (int i = 0; i < n; ++i) {
         appendSeparator(out, i);
-        out.append(QByteArray::number(static_cast<std::conditional_t<std::is_signed_v<T>, qlonglong, qulonglong>>(
-            unitAt<T>(value, i))));
+        out.append(
+            QByteArray::number(static_cast<std::conditional_t<std::is_signed_v<T>, qlonglong, qulonglong>>(
+                unitAt<T>(value, i))));
     }
 }
 
@@ -74,7 +70,8 @@ void formatAttributeTags(QByteArray& out, QByteArray const& value)
     char text[16];
     for (int i = 0; i < n; ++i) {
         appendSeparator(out, i);
-        std::snprintf(text, sizeof text, "(%04x,%04x)", unitAt<Uint16>(value, 2 * i), unitAt<Uint16>(value, 2 * i + 1));
+        std::snprintf(text, sizeof text, "(%04x,%04x)", unitAt<Uint16>(value, 2 * i),
+                      unitAt<Uint16>(value, 2 * i + 1));
         out.append(text);
     }
 }
@@ -348,7 +345,14 @@ bool TagElement::putValueAsString(QByteArray const& text)
         return true;
     }
     switch (mVR) {
-    case VR_FL: case VR_OF: case VR_FD: case VR_OD: case VR_SL: case VR_SS: case VR_UL: case VR_OL:
+    case VR_FL:
+    case VR_OF:
+    case VR_FD:
+    case VR_OD:
+    case VR_SL:
+    case VR_SS:
+    case VR_UL:
+    case VR_OL:
     case VR_US:
         break;
     default:
@@ -414,35 +418,54 @@ DcmElement* TagElement::createDcmElement(DcmTagKey const& key) const
         return element;
     };
     switch (mVR) {
-    case VR_AE: return withString(new DcmApplicationEntity(tag));
-    case VR_AS: return withString(new DcmAgeString(tag));
-    case VR_CS: return withString(new DcmCodeString(tag));
-    case VR_DA: return withString(new DcmDate(tag));
-    case VR_DS: return withString(new DcmDecimalString(tag));
-    case VR_DT: return withString(new DcmDateTime(tag));
-    case VR_IS: return withString(new DcmIntegerString(tag));
-    case VR_LO: return withString(new DcmLongString(tag));
-    case VR_LT: return withString(new DcmLongText(tag));
-    case VR_PN: return withString(new DcmPersonName(tag));
-    case VR_SH: return withString(new DcmShortString(tag));
-    case VR_ST: return withString(new DcmShortText(tag));
-    case VR_TM: return withString(new DcmTime(tag));
-    case VR_UI: return withString(new DcmUniqueIdentifier(tag));
-    case VR_UT: return withString(new DcmUnlimitedText(tag));
-    case VR_UC: return withString(new DcmUnlimitedCharacters(tag));
-    case VR_UR: return withString(new DcmUniversalResourceIdentifierOrLocator(tag));
+    case VR_AE:
+        return withString(new DcmApplicationEntity(tag));
+    case VR_AS:
+        return withString(new DcmAgeString(tag));
+    case VR_CS:
+        return withString(new DcmCodeString(tag));
+    case VR_DA:
+        return withString(new DcmDate(tag));
+    case VR_DS:
+        return withString(new DcmDecimalString(tag));
+    case VR_DT:
+        return withString(new DcmDateTime(tag));
+    case VR_IS:
+        return withString(new DcmIntegerString(tag));
+    case VR_LO:
+        return withString(new DcmLongString(tag));
+    case VR_LT:
+        return withString(new DcmLongText(tag));
+    case VR_PN:
+        return withString(new DcmPersonName(tag));
+    case VR_SH:
+        return withString(new DcmShortString(tag));
+    case VR_ST:
+        return withString(new DcmShortText(tag));
+    case VR_TM:
+        return withString(new DcmTime(tag));
+    case VR_UI:
+        return withString(new DcmUniqueIdentifier(tag));
+    case VR_UT:
+        return withString(new DcmUnlimitedText(tag));
+    case VR_UC:
+        return withString(new DcmUnlimitedCharacters(tag));
+    case VR_UR:
+        return withString(new DcmUniversalResourceIdentifierOrLocator(tag));
     case VR_AT: {
         auto* e = new DcmAttributeTag(tag);
         e->putUint16Array(reinterpret_cast<Uint16 const*>(text), static_cast<unsigned long>(size / 2));
         return e;
     }
-    case VR_FL: case VR_OF: {
+    case VR_FL:
+    case VR_OF: {
         DcmElement* e = mVR == VR_FL ? static_cast<DcmElement*>(new DcmFloatingPointSingle(tag))
                                      : static_cast<DcmElement*>(new DcmOtherFloat(tag));
         e->putFloat32Array(reinterpret_cast<Float32 const*>(text), static_cast<unsigned long>(size / 4));
         return e;
     }
-    case VR_FD: case VR_OD: {
+    case VR_FD:
+    case VR_OD: {
         DcmElement* e = mVR == VR_FD ? static_cast<DcmElement*>(new DcmFloatingPointDouble(tag))
                                      : static_cast<DcmElement*>(new DcmOtherDouble(tag));
         e->putFloat64Array(reinterpret_cast<Float64 const*>(text), static_cast<unsigned long>(size / 8));
@@ -458,13 +481,16 @@ DcmElement* TagElement::createDcmElement(DcmTagKey const& key) const
         e->putSint16Array(reinterpret_cast<Sint16 const*>(text), static_cast<unsigned long>(size / 2));
         return e;
     }
-    case VR_UL: case VR_up: case VR_OL: {
+    case VR_UL:
+    case VR_up:
+    case VR_OL: {
         DcmElement* e = mVR == VR_OL ? static_cast<DcmElement*>(new DcmOtherLong(tag))
                                      : static_cast<DcmElement*>(new DcmUnsignedLong(tag));
         e->putUint32Array(reinterpret_cast<Uint32 const*>(text), static_cast<unsigned long>(size / 4));
         return e;
     }
-    case VR_US: case VR_xs: {
+    case VR_US:
+    case VR_xs: {
         auto* e = new DcmUnsignedShort(tag);
         e->putUint16Array(reinterpret_cast<Uint16 const*>(text), static_cast<unsigned long>(size / 2));
         return e;
@@ -474,12 +500,19 @@ DcmElement* TagElement::createDcmElement(DcmTagKey const& key) const
         e->putSint64Array(reinterpret_cast<Sint64 const*>(text), static_cast<unsigned long>(size / 8));
         return e;
     }
-    case VR_UV: case VR_OV: {
-        DcmUnsigned64bitVeryLong* e = mVR == VR_OV ? new DcmOther64bitVeryLong(tag) : new DcmUnsigned64bitVeryLong(tag);
+    case VR_UV:
+    case VR_OV: {
+        DcmUnsigned64bitVeryLong* e =
+            mVR == VR_OV ? new DcmOther64bitVeryLong(tag) : new DcmUnsigned64bitVeryLong(tag);
         e->putUint64Array(reinterpret_cast<Uint64 const*>(text), static_cast<unsigned long>(size / 8));
         return e;
     }
-    case VR_OB: case VR_OW: case VR_ox: case VR_lt: case VR_UN: case VR_px:
+    case VR_OB:
+    case VR_OW:
+    case VR_ox:
+    case VR_lt:
+    case VR_UN:
+    case VR_px:
         break;
     default:
         return nullptr;
@@ -544,7 +577,8 @@ QVariant fieldToVariant(VR vr, QByteArray const& field)
     default:
         if (field.isNull())
             return QString();
-        return QString::fromLatin1(field.constData(), static_cast<int>(qstrnlen(field.constData(), field.size())));
+        return QString::fromLatin1(field.constData(),
+                                   static_cast<int>(qstrnlen(field.constData(), field.size())));
     }
 }
 

@@ -163,7 +163,8 @@ bool TagFile::addSeries(int count, DcmDataset** datasets, char const** fileNames
     }
     for (int i = 0; i < count; ++i) {
         if (datasets[i])
-            addTagMap(TagMap::createTagMap(datasets[i], kMaxValueSize), fileNames ? fileNames[i] : nullptr, true);
+            addTagMap(TagMap::createTagMap(datasets[i], kMaxValueSize), fileNames ? fileNames[i] : nullptr,
+                      true);
     }
 
     TagMap* series = nullptr;
@@ -346,9 +347,9 @@ void TagFile::optimizeAll()
     mOptimizeMsec = static_cast<int>(watch.elapsedMsec());
 }
 
-void TagFile::getStatistics(int& numSeries, int& numImages, int& numVolumes, int& numPreviews, int& optimizeMsec,
-                            int& readMsec, int& writeMsec, int& compressedSize, int& uncompressedSize,
-                            int& unoptimizedSize, int& previewBytes) const
+void TagFile::getStatistics(int& numSeries, int& numImages, int& numVolumes, int& numPreviews,
+                            int& optimizeMsec, int& readMsec, int& writeMsec, int& compressedSize,
+                            int& uncompressedSize, int& unoptimizedSize, int& previewBytes) const
 {
     numSeries = mSeries.size();
     numImages = mImages.size();

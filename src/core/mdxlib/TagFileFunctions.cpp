@@ -44,8 +44,7 @@ void reportUnexpected(char const* function, char const* what)
     }
 }
 
-template <typename Body>
-int guarded(char const* function, int onError, Body body)
+template <typename Body> int guarded(char const* function, int onError, Body body)
 {
     try {
         return body();
@@ -112,26 +111,28 @@ int DeleteTagFile(const char* studyUID)
             QThread::msleep(kDeleteRetryMsec);
             if (unlink(path.constData()) == 0 || errno == ENOENT) {
                 getTheLogInstance()->tracef(McLogFile::LevelDebug, "TagFile",
-                                            "Tag file %s successfully deleted after %d retries", path.constData(),
-                                            attempt);
+                                            "Tag file %s successfully deleted after %d retries",
+                                            path.constData(), attempt);
                 return 1;
             }
             error = errno;
         }
-        getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile", "Tag file %s could not be deleted (errno %d)",
-                                    path.constData(), error);
+        getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile",
+                                    "Tag file %s could not be deleted (errno %d)", path.constData(), error);
         return 0;
     });
 }
 
 int DeleteSeriesInTagFile(const char* studyUID, int count, const char** seriesUIDs)
 {
-    return guarded("DeleteSeriesInTagFile", 0, [&] { return removeFromTagFile(studyUID, count, seriesUIDs, true); });
+    return guarded("DeleteSeriesInTagFile", 0,
+                   [&] { return removeFromTagFile(studyUID, count, seriesUIDs, true); });
 }
 
 int DeleteImagesInTagFile(const char* studyUID, int count, const char** imageUIDs)
 {
-    return guarded("DeleteImagesInTagFile", 0, [&] { return removeFromTagFile(studyUID, count, imageUIDs, false); });
+    return guarded("DeleteImagesInTagFile", 0,
+                   [&] { return removeFromTagFile(studyUID, count, imageUIDs, false); });
 }
 
 void FreeTagFileData(void* handle)

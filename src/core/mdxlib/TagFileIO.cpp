@@ -158,7 +158,8 @@ bool TagFile::writeCacheFile(QDataStream& stream) const
         }
     }
     if (msg.size() > 0x7FFFFFF0u) {
-        log().tracef(McLogFile::LevelError, kCategory, "Tag file payload of %zu bytes is too large", msg.size());
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file payload of %zu bytes is too large",
+                     msg.size());
         return false;
     }
 
@@ -240,8 +241,8 @@ bool TagFile::writeCacheFile()
         return false;
     }
     if (log().debugEnabled())
-        log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec", path.toLocal8Bit().constData(),
-                     mWriteMsec);
+        log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec",
+                     path.toLocal8Bit().constData(), mWriteMsec);
     return true;
 }
 
@@ -355,8 +356,8 @@ bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
         // No more than deflate could unpack from as many bytes: a hostile
         // payload costs memory in proportion to its size, never gigabytes.
         McResult const result =
-            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()), stored.size(),
-                           static_cast<long long>(stored.size()) * kMaxPackingRatio + 64);
+            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()),
+                           stored.size(), static_cast<long long>(stored.size()) * kMaxPackingRatio + 64);
         if (!result) {
             log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked: %s",
                          result.message().c_str());
@@ -464,7 +465,8 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
             // stores a UID twice, so a file that does is damaged, and a node
             // shadowed in the index would be out of reach of every removal.
             if (mSeries.contains(uid)) {
-                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds series %.64s twice", uid.constData());
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds series %.64s twice",
+                             uid.constData());
                 return false;
             }
             mSeries.insert(uid, node);
@@ -481,7 +483,8 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
             QByteArray uid;
             node->findAndGetString(DCM_SOPInstanceUID, uid);
             if (mImages.contains(uid)) {
-                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice", uid.constData());
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice",
+                             uid.constData());
                 return false;
             }
             mImages.insert(uid, node);
@@ -493,7 +496,8 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
             // One block per series; a second would number its volumes
             // from 0 again, next to the first block's.
             if (!series->volumes().isEmpty()) {
-                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds the volumes of a series twice");
+                log().tracef(McLogFile::LevelError, kCategory,
+                             "Tag file holds the volumes of a series twice");
                 return false;
             }
             series->deserializeVolumes(body, previews);

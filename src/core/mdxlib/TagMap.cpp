@@ -21,7 +21,8 @@ bool isLargeByNature(DcmTagKey const& key)
     Uint16 const group = key.getGroup();
     Uint16 const element = key.getElement();
     Uint16 const low = element & 0xFF;
-    return key == DcmTagKey(0x0018, 0x1065) || key == DcmTagKey(0x0070, 0x0022) || (group == 0x0029 && low == 0x00) ||
+    return key == DcmTagKey(0x0018, 0x1065) || key == DcmTagKey(0x0070, 0x0022) ||
+           (group == 0x0029 && low == 0x00) ||
            (group == 0x0071 && (low == 0x21 || low == 0x62 || low == 0x64)) ||
            (element == 0x3000 && group >= 0x5000 && group <= 0x501E);
 }
@@ -380,17 +381,20 @@ bool TagMap::compare(TagMap const& other, bool compareAll, std::string* differen
         if (mine.key() != theirs.key()) {
             if (difference) {
                 std::snprintf(line, sizeof line, "(%04x,%04x) %s <> (%04x,%04x) %s\n", mine.key().getGroup(),
-                              mine.key().getElement(), dcmVRName(mine.element()->mVR), theirs.key().getGroup(),
-                              theirs.key().getElement(), dcmVRName(theirs.element()->mVR));
+                              mine.key().getElement(), dcmVRName(mine.element()->mVR),
+                              theirs.key().getGroup(), theirs.key().getElement(),
+                              dcmVRName(theirs.element()->mVR));
                 *difference = line;
             }
             return false;
         }
         if (compareAll || !isPrivateGroup(mine.key().getGroup())) {
             std::string elementDifference;
-            if (!mine.element()->compare(*theirs.element(), compareAll, difference ? &elementDifference : nullptr)) {
+            if (!mine.element()->compare(*theirs.element(), compareAll,
+                                         difference ? &elementDifference : nullptr)) {
                 if (difference) {
-                    std::snprintf(line, sizeof line, "(%04x,%04x) ", mine.key().getGroup(), mine.key().getElement());
+                    std::snprintf(line, sizeof line, "(%04x,%04x) ", mine.key().getGroup(),
+                                  mine.key().getElement());
                     *difference = line + elementDifference;
                 }
                 return false;
@@ -502,8 +506,8 @@ void TagMap::removeTagsNotNeededByClient()
         DcmTagKey const& key = it.key();
         Uint16 const group = key.getGroup();
         bool const overlay = key.getElement() == 0x3000 && group >= 0x6000 && group <= 0x601E;
-        if (it.value()->mVR == VR_UN || key == DcmTagKey(0x2050, 0x0010) || key == DcmTagKey(0x0028, 0x3000) ||
-            key == DcmTagKey(0x0028, 0x3010) || overlay) {
+        if (it.value()->mVR == VR_UN || key == DcmTagKey(0x2050, 0x0010) ||
+            key == DcmTagKey(0x0028, 0x3000) || key == DcmTagKey(0x0028, 0x3010) || overlay) {
             delete it.value();
             it = mElements.erase(it);
         } else {

@@ -39,7 +39,8 @@ struct ValueKeyLess
     {
         if (a.value.size() != b.value.size())
             return a.value.size() < b.value.size();
-        int const c = std::memcmp(a.value.constData(), b.value.constData(), static_cast<size_t>(a.value.size()));
+        int const c =
+            std::memcmp(a.value.constData(), b.value.constData(), static_cast<size_t>(a.value.size()));
         if (c != 0)
             return c < 0;
         return a.vr < b.vr;
@@ -108,7 +109,8 @@ void TagMap::optimize(DcmTagKey const& key)
     }
 
     int64_t const absent = emptyChildren + missingChildren;
-    int64_t const sizeB = best->first.value.size() + kMarkerSize * absent + (total - best->second) + kAttributeOverhead;
+    int64_t const sizeB =
+        best->first.value.size() + kMarkerSize * absent + (total - best->second) + kAttributeOverhead;
     if (total < sizeB && total < keepSize)
         storeOptionA(key);
     else if (sizeB < keepSize)

@@ -23,8 +23,8 @@ void writeHeader(LmMsg& out, DcmTagKey const& key, VR vr)
 void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth);
 void store(TagMap* node, DcmTagKey const& key, TagElement* element);
 
-void readSequence(TagMap* node, DcmTagKey const& key, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews,
-                  int depth)
+void readSequence(TagMap* node, DcmTagKey const& key, LmMsg& in, TagMap* parent,
+                  QList<QByteArray> const& previews, int depth)
 {
     auto* sequence = new TagSequence;
     int const count = TagMap::readLength(in);

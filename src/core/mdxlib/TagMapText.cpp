@@ -36,19 +36,22 @@ enum class View
     Own
 };
 
-void writeBlanks(QTextStream& stream, int count) {
+void writeBlanks(QTextStream& stream, int count)
+{
     if (count > 0)
         stream << QString(count, QLatin1Char(' '));
 }
 
-void writeKey(QTextStream& stream, int indent, DcmTagKey const& key) {
+void writeKey(QTextStream& stream, int indent, DcmTagKey const& key)
+{
     char text[16];
     std::snprintf(text, sizeof text, "(%04x,%04x) ", key.getGroup(), key.getElement());
     writeBlanks(stream, indent);
     stream << text;
 }
 
-QByteArray truncated(QByteArray text) {
+QByteArray truncated(QByteArray text)
+{
     if (text.size() >= kLongText) {
         text.truncate(kKeptText);
         text.append("...");
@@ -56,7 +59,8 @@ QByteArray truncated(QByteArray text) {
     return text;
 }
 
-char const* vrText(VR vr) {
+char const* vrText(VR vr)
+{
     DcmEVR const evr = toDcmEVR(vr);
     // DCMTK names no VR for the codes it lacks; ours does.
     if (evr == EVR_UNKNOWN)
@@ -67,7 +71,8 @@ char const* vrText(VR vr) {
 // The system's own private data is stored compressed or base64 encoded;
 // dumping the raw bytes would hide exactly what one looks for, so these
 // values are shown decoded and in full. Empty when nothing applies.
-QByteArray decodedLumoraText(DcmTagKey const& key, char const* creator, TagElement const& element) {
+QByteArray decodedLumoraText(DcmTagKey const& key, char const* creator, TagElement const& element)
+{
     if (key.getGroup() != 0x0071 || !creator || qstrcmp(creator, "Lumora") != 0)
         return QByteArray();
     switch (key.getElement()) {
@@ -85,7 +90,8 @@ QByteArray decodedLumoraText(DcmTagKey const& key, char const* creator, TagEleme
 void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict, View view);
 
 void writeSequence(TagSequence const& sequence, QTextStream& stream, int indent,
-                   DcmDataDictionary const& dict, View view) {
+                   DcmDataDictionary const& dict, View view)
+{
     int const itemIndent = qMax(indent + 2, 1);
     for (TagMap const* item : sequence.mItems) {
         writeBlanks(stream, itemIndent);
@@ -100,7 +106,8 @@ void writeSequence(TagSequence const& sequence, QTextStream& stream, int indent,
 }
 
 void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& element, QTextStream& stream,
-                  int indent, DcmDataDictionary const& dict, View view) {
+                  int indent, DcmDataDictionary const& dict, View view)
+{
     writeKey(stream, indent, key);
     char const* creator = node.privateCreator(key);
     DcmDictEntry const* entry = dict.findEntry(key, creator);
@@ -145,8 +152,8 @@ void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& el
     stream << "# " << element.mValue.size() << ' ' << name << '\n';
 }
 
-void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict,
-               View view) {
+void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict, View view)
+{
     if (view == View::Inherited) {
         for (TagMap::iterator it = node.begin(), last = node.end(); it != last; ++it)
             writeElement(node, it.key(), *it.element(), stream, indent, dict, view);
@@ -160,7 +167,8 @@ void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDicti
 
 } // namespace
 
-TagElement* TagMap::findElement(QString const& path, DcmTagKey const& key) const {
+TagElement* TagMap::findElement(QString const& path, DcmTagKey const& key) const
+{
     if (path.isEmpty())
         return findElement(key);
     TagMap const* node = this;
@@ -183,13 +191,15 @@ TagElement* TagMap::findElement(QString const& path, DcmTagKey const& key) const
     return node->findElement(key);
 }
 
-void TagMap::dump(QTextStream& stream, int indent) const {
+void TagMap::dump(QTextStream& stream, int indent) const
+{
     DcmDataDictionary const& dict = dcmDataDict.rdlock();
     writeNode(*this, stream, indent, dict, View::Inherited);
     dcmDataDict.rdunlock();
 }
 
-void TagMap::listContent(QTextStream& stream, int indent) const {
+void TagMap::listContent(QTextStream& stream, int indent) const
+{
     DcmDataDictionary const& dict = dcmDataDict.rdlock();
     writeNode(*this, stream, indent, dict, View::Own);
     dcmDataDict.rdunlock();

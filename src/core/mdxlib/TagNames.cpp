@@ -19,24 +19,28 @@ namespace {
 // preset key, and failures are rare enough not to matter.
 QBasicMutex localDictMutex;
 
-QHash<QByteArray, DcmDictEntry const*>& nameCache() {
+QHash<QByteArray, DcmDictEntry const*>& nameCache()
+{
     static QHash<QByteArray, DcmDictEntry const*> cache;
     return cache;
 }
 
-DcmDictEntry const* cachedEntry(char const* name) {
+DcmDictEntry const* cachedEntry(char const* name)
+{
     QMutexLocker lock(&localDictMutex);
     return nameCache().value(QByteArray(name), nullptr);
 }
 
-void cacheEntry(char const* name, DcmDictEntry const* entry) {
+void cacheEntry(char const* name, DcmDictEntry const* entry)
+{
     QMutexLocker lock(&localDictMutex);
     nameCache().insert(QByteArray(name), entry);
 }
 
 } // namespace
 
-std::map<std::string, std::string> createLegacyDicomTags() {
+std::map<std::string, std::string> createLegacyDicomTags()
+{
     // Names that earlier DCMTK dictionaries used, as they still appear in
     // stored QA jobs and configuration. "(deleted)" marks attributes that
     // later dictionaries dropped; no dictionary holds that name, so such
@@ -124,7 +128,8 @@ std::map<std::string, std::string> const LegacyDicomTags = createLegacyDicomTags
 
 } // namespace
 
-bool isExpliciteDicomTagRepresentation(char const* text, DcmTagKey& key) {
+bool isExpliciteDicomTagRepresentation(char const* text, DcmTagKey& key)
+{
     if (!text || std::strlen(text) != 11 || text[0] != '(' || text[5] != ',' || text[10] != ')')
         return false;
     char group[5] = {text[1], text[2], text[3], text[4], '\0'};
@@ -140,7 +145,8 @@ bool isExpliciteDicomTagRepresentation(char const* text, DcmTagKey& key) {
     return true;
 }
 
-bool parseDicomTag(char const* name, DcmTagKey& key) {
+bool parseDicomTag(char const* name, DcmTagKey& key)
+{
     if (isExpliciteDicomTagRepresentation(name, key))
         return true;
     if (!name)

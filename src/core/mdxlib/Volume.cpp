@@ -163,12 +163,14 @@ void Volume::initRescaleSlopeIntercept() const
             continue;
         QByteArray text;
         float const slope = map->findAndGetString(DCM_RescaleSlope, text) ? text.trimmed().toFloat() : 1.0f;
-        float const intercept = map->findAndGetString(DCM_RescaleIntercept, text) ? text.trimmed().toFloat() : 0.0f;
+        float const intercept =
+            map->findAndGetString(DCM_RescaleIntercept, text) ? text.trimmed().toFloat() : 0.0f;
         int bitsStored = 8;
         if (!map->findAndGetInt(DCM_BitsStored, bitsStored))
             bitsStored = 8;
         int representation = 0;
-        bool const isSigned = map->findAndGetInt(DCM_PixelRepresentation, representation) && representation == 1;
+        bool const isSigned =
+            map->findAndGetInt(DCM_PixelRepresentation, representation) && representation == 1;
         calculator.add(slope, intercept, bitsStored, isSigned);
     }
     mRescaleSlope = calculator.rescaleSlope();
@@ -250,7 +252,7 @@ Volume* Volume::duplicate(TagFile& tagFile, TagMap& series)
     copy->mPaddingRangeMax = mPaddingRangeMax;
     copy->mSuvBox = mSuvBox;
 
-    DcmTagKey const seriesKeys[] = {DCM_StudyInstanceUID, DCM_SeriesInstanceUID, DCM_SeriesNumber,
+    DcmTagKey const seriesKeys[] = {DCM_StudyInstanceUID,  DCM_SeriesInstanceUID, DCM_SeriesNumber,
                                     DCM_SeriesDescription, DCM_SeriesDate,        DCM_SeriesTime};
     QByteArray seriesTexts[6];
     for (int i = 0; i < 6; ++i)

@@ -10,8 +10,8 @@
 // Kinds without a written count take n from dims.z.
 #include <mdxlib/Volume.h>
 
-#include <mdxlib/TagMapSerializer.h>
 #include <mdxlib/TagMap.h>
+#include <mdxlib/TagMapSerializer.h>
 #include <mdxlib/platform/LmMsg.h>
 
 #include <cmath>
@@ -187,14 +187,17 @@ bool Volume::deserialize(LmMsg& in, QList<QByteArray> const& previews, int numIm
 
 bool Volume::hasExtraData() const
 {
-    return !mFileNameSuffix.isEmpty() && mHistogram.numBins() <= 65535 && mHistogram.numValues() <= 0xFFFFFFFFull;
+    return !mFileNameSuffix.isEmpty() && mHistogram.numBins() <= 65535 &&
+           mHistogram.numValues() <= 0xFFFFFFFFull;
 }
 
 void Volume::serializeExtraData(LmMsg& out) const
 {
-    auto histogramBound = [](float v) { return static_cast<unsigned short>(static_cast<int>(std::rintf(v)) & 0xFFFF); };
-    out << static_cast<unsigned char>(0) << mFileNameSuffix << mRescaleSlope << mRescaleIntercept << mPrecisionBitLoss
-        << static_cast<unsigned short>(mNumLossyCompressedImages)
+    auto histogramBound = [](float v) {
+        return static_cast<unsigned short>(static_cast<int>(std::rintf(v)) & 0xFFFF);
+    };
+    out << static_cast<unsigned char>(0) << mFileNameSuffix << mRescaleSlope << mRescaleIntercept
+        << mPrecisionBitLoss << static_cast<unsigned short>(mNumLossyCompressedImages)
         << static_cast<unsigned char>(mHasPaddingValue ? 1 : 0);
     if (mHasPaddingValue)
         out << static_cast<unsigned short>(mPaddingValue);

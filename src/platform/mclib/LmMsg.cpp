@@ -84,8 +84,7 @@ bool LmMsg::readRawBytes(void* target, size_t count)
     return true;
 }
 
-template <typename T>
-void LmMsg::writeLittle(T value)
+template <typename T> void LmMsg::writeLittle(T value)
 {
     static_assert(std::is_integral_v<T> && std::is_unsigned_v<T>, "unsigned integers only");
     unsigned char bytes[sizeof(T)];
@@ -94,8 +93,7 @@ void LmMsg::writeLittle(T value)
     writeRawBytes(bytes, sizeof(T));
 }
 
-template <typename T>
-T LmMsg::readLittle()
+template <typename T> T LmMsg::readLittle()
 {
     static_assert(std::is_integral_v<T> && std::is_unsigned_v<T>, "unsigned integers only");
     unsigned char const* bytes = reinterpret_cast<unsigned char const*>(readRawBytes(sizeof(T)));

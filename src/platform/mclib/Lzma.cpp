@@ -24,8 +24,8 @@ McResult lzmaCompress(McDArray<unsigned char>& out, unsigned char const* data, l
         return McResult::failure("lzmaCompress: no data");
     out.resize(lzma_stream_buffer_bound(static_cast<size_t>(size)));
     size_t written = 0;
-    lzma_ret const ret = lzma_easy_buffer_encode(kPreset, LZMA_CHECK_CRC64, nullptr, data, static_cast<size_t>(size),
-                                                 out.data(), &written, out.size());
+    lzma_ret const ret = lzma_easy_buffer_encode(kPreset, LZMA_CHECK_CRC64, nullptr, data,
+                                                 static_cast<size_t>(size), out.data(), &written, out.size());
     if (ret != LZMA_OK) {
         out.clear();
         return McResult::failure(lzmaError("lzmaCompress", ret));
@@ -34,7 +34,8 @@ McResult lzmaCompress(McDArray<unsigned char>& out, unsigned char const* data, l
     return McResult::success();
 }
 
-McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size, long long maxOutput)
+McResult lzmaUncompress(McDArray<unsigned char>& out, unsigned char const* data, long long size,
+                        long long maxOutput)
 {
     maxOutput = std::min(maxOutput, maxLzmaOutput);
     out.clear();

@@ -12,10 +12,13 @@ std::string McCreateUIDs::createUID()
     QByteArray const raw = QUuid::createUuid().toRfc4122();
     std::array<uint32_t, 4> limbs{};
     for (int i = 0; i < 16; ++i)
-        limbs[static_cast<size_t>(i / 4)] = (limbs[static_cast<size_t>(i / 4)] << 8) | static_cast<uint8_t>(raw[i]);
+        limbs[static_cast<size_t>(i / 4)] =
+            (limbs[static_cast<size_t>(i / 4)] << 8) | static_cast<uint8_t>(raw[i]);
 
     std::string digits;
-    auto isZero = [&limbs] { return std::all_of(limbs.begin(), limbs.end(), [](uint32_t v) { return v == 0; }); };
+    auto isZero = [&limbs] {
+        return std::all_of(limbs.begin(), limbs.end(), [](uint32_t v) { return v == 0; });
+    };
     do {
         uint64_t remainder = 0;
         for (uint32_t& limb : limbs) {

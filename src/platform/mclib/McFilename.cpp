@@ -12,8 +12,8 @@ size_t schemeLength(char const* path)
     if (!path)
         return 0;
     size_t n = 0;
-    while (path[n] && (std::isalnum(static_cast<unsigned char>(path[n])) || path[n] == '+' || path[n] == '-' ||
-                       path[n] == '.'))
+    while (path[n] && (std::isalnum(static_cast<unsigned char>(path[n])) || path[n] == '+' ||
+                       path[n] == '-' || path[n] == '.'))
         ++n;
     return n >= 2 && std::strncmp(path + n, "://", 3) == 0 ? n : 0;
 }

@@ -10,7 +10,8 @@
 
 namespace {
 
-char const* levelName(int level) {
+char const* levelName(int level)
+{
     if (level <= McLogFile::LevelDebug) {
         return "DEBUG";
     }
@@ -24,7 +25,8 @@ char const* levelName(int level) {
 }
 
 // Local time as "YYYY-MM-DD hh:mm:ss.zzz".
-std::string timestamp() {
+std::string timestamp()
+{
     auto const now = std::chrono::system_clock::now();
     std::time_t const seconds = std::chrono::system_clock::to_time_t(now);
     auto const millis =
@@ -37,7 +39,8 @@ std::string timestamp() {
     return text;
 }
 
-std::string formatText(char const* format, va_list args) {
+std::string formatText(char const* format, va_list args)
+{
     if (!format) {
         return std::string();
     }
@@ -63,7 +66,8 @@ std::string formatText(char const* format, va_list args) {
     return text;
 }
 
-std::string withCategory(char const* category, std::string text) {
+std::string withCategory(char const* category, std::string text)
+{
     if (!category || !*category) {
         return text;
     }
@@ -76,7 +80,8 @@ std::string withCategory(char const* category, std::string text) {
     return message;
 }
 
-std::optional<int> levelFromEnvironment() {
+std::optional<int> levelFromEnvironment()
+{
     std::optional<std::string> const value = ExResource::getParameter("MDX_LOG_LEVEL");
     if (!value || value->size() != 1 || (*value)[0] < '0' || (*value)[0] > '3') {
         return std::nullopt;
@@ -86,41 +91,48 @@ std::optional<int> levelFromEnvironment() {
 
 } // namespace
 
-McLogFile::McLogFile() : mLevel(LevelInfo) {
+McLogFile::McLogFile()
+    : mLevel(LevelInfo)
+{
     if (std::optional<int> const level = levelFromEnvironment()) {
         mLevel = *level;
     }
 }
 
-void McLogFile::errorf(char const* format, ...) {
+void McLogFile::errorf(char const* format, ...)
+{
     va_list args;
     va_start(args, format);
     vtracef(LevelError, nullptr, format, args);
     va_end(args);
 }
 
-void McLogFile::warnf(char const* format, ...) {
+void McLogFile::warnf(char const* format, ...)
+{
     va_list args;
     va_start(args, format);
     vtracef(LevelWarning, nullptr, format, args);
     va_end(args);
 }
 
-void McLogFile::printf(char const* format, ...) {
+void McLogFile::printf(char const* format, ...)
+{
     va_list args;
     va_start(args, format);
     vtracef(LevelInfo, nullptr, format, args);
     va_end(args);
 }
 
-void McLogFile::tracef(int level, char const* category, char const* format, ...) {
+void McLogFile::tracef(int level, char const* category, char const* format, ...)
+{
     va_list args;
     va_start(args, format);
     vtracef(level, category, format, args);
     va_end(args);
 }
 
-void McLogFile::vtracef(int level, char const* category, char const* format, va_list args) {
+void McLogFile::vtracef(int level, char const* category, char const* format, va_list args)
+{
     // Filter before formatting: debug traces are frequent and usually off.
     if (level < logLevel()) {
         return;
@@ -128,33 +140,39 @@ void McLogFile::vtracef(int level, char const* category, char const* format, va_
     write(level, withCategory(category, formatText(format, args)));
 }
 
-void McLogFile::trace(int level, char const* category, char const* text) {
+void McLogFile::trace(int level, char const* category, char const* text)
+{
     if (level < logLevel()) {
         return;
     }
     write(level, withCategory(category, text ? text : ""));
 }
 
-void McLogFile::setLogLevel(int level) {
+void McLogFile::setLogLevel(int level)
+{
     std::lock_guard<std::mutex> lock(mMutex);
     mLevel = level;
 }
 
-int McLogFile::logLevel() const {
+int McLogFile::logLevel() const
+{
     std::lock_guard<std::mutex> lock(mMutex);
     return mLevel;
 }
 
-bool McLogFile::debugEnabled() const {
+bool McLogFile::debugEnabled() const
+{
     return logLevel() <= LevelDebug;
 }
 
-void McLogFile::setWriteCallback(WriteCallback callback) {
+void McLogFile::setWriteCallback(WriteCallback callback)
+{
     std::lock_guard<std::mutex> lock(mMutex);
     mCallback = std::move(callback);
 }
 
-void McLogFile::write(int level, std::string const& message) {
+void McLogFile::write(int level, std::string const& message)
+{
     // The callback runs outside the lock, so a callback that logs, or
     // replaces itself, cannot deadlock.
     WriteCallback callback;
@@ -177,7 +195,8 @@ void McLogFile::write(int level, std::string const& message) {
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-McLogFile* getTheLogInstance() {
+McLogFile* getTheLogInstance()
+{
     // Never destroyed, so logging from other static destructors at exit is safe.
     static McLogFile* instance = new McLogFile();
     return instance;

@@ -2,11 +2,13 @@
 
 #include <utility>
 
-McResult McResult::success() {
+McResult McResult::success()
+{
     return McResult();
 }
 
-McResult McResult::failure(std::string message) {
+McResult McResult::failure(std::string message)
+{
     McResult result;
     result.mOk = false;
     result.mMessage = std::move(message);

@@ -2,7 +2,8 @@
 
 namespace {
 
-bool isSeparator(char c) {
+bool isSeparator(char c)
+{
     switch (c) {
     case '\\':
     case ' ':
@@ -19,17 +20,21 @@ bool isSeparator(char c) {
 
 } // namespace
 
-McStringTokenizer::McStringTokenizer(char const* text) : mText(text ? text : "") {
+McStringTokenizer::McStringTokenizer(char const* text)
+    : mText(text ? text : "")
+{
     skipSeparators();
 }
 
-bool McStringTokenizer::hasMoreTokens() const {
+bool McStringTokenizer::hasMoreTokens() const
+{
     // The position always rests on the start of a token or at the end, so
     // this needs no scan.
     return mPos < mText.size();
 }
 
-std::string McStringTokenizer::nextToken() {
+std::string McStringTokenizer::nextToken()
+{
     size_t const begin = mPos;
     while (mPos < mText.size() && !isSeparator(mText[mPos])) {
         ++mPos;
@@ -39,7 +44,8 @@ std::string McStringTokenizer::nextToken() {
     return token;
 }
 
-void McStringTokenizer::skipSeparators() {
+void McStringTokenizer::skipSeparators()
+{
     while (mPos < mText.size() && isSeparator(mText[mPos])) {
         ++mPos;
     }

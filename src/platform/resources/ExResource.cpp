@@ -24,14 +24,16 @@ struct ConfigCache
     std::map<std::string, std::string> values;
 };
 
-ConfigCache& configCache() {
+ConfigCache& configCache()
+{
     // Leaked on purpose: parameters may still be read by other static
     // destructors at exit.
     static ConfigCache* cache = new ConfigCache();
     return *cache;
 }
 
-std::string variantText(QVariant const& value) {
+std::string variantText(QVariant const& value)
+{
     // An unquoted INI value with commas comes back as a list; the caller
     // wants the text as written.
     if (value.userType() == QMetaType::QStringList) {
@@ -40,7 +42,8 @@ std::string variantText(QVariant const& value) {
     return value.toString().toStdString();
 }
 
-std::map<std::string, std::string> readIniFile(std::string const& path) {
+std::map<std::string, std::string> readIniFile(std::string const& path)
+{
     std::map<std::string, std::string> values;
     QSettings settings(QString::fromStdString(path), QSettings::IniFormat);
     // Without a codec Qt 5 reads the file as Latin-1, which would garble
@@ -56,7 +59,8 @@ std::map<std::string, std::string> readIniFile(std::string const& path) {
 
 } // namespace
 
-std::optional<std::string> ExResource::getParameter(char const* name) {
+std::optional<std::string> ExResource::getParameter(char const* name)
+{
     if (!name || !*name) {
         return std::nullopt;
     }
@@ -84,7 +88,8 @@ std::optional<std::string> ExResource::getParameter(char const* name) {
     return it->second;
 }
 
-void ExResource::reloadConfiguration() {
+void ExResource::reloadConfiguration()
+{
     ConfigCache& cache = configCache();
     std::lock_guard<std::mutex> lock(cache.mutex);
     cache.loaded = false;

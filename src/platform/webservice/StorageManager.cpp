@@ -6,7 +6,8 @@
 
 namespace Lmg {
 
-bool StorageManager::getMetaFolder(std::string& folder) {
+bool StorageManager::getMetaFolder(std::string& folder)
+{
     std::optional<std::string> configured = ExResource::getParameter("MDX_META_FOLDER");
     if (!configured || configured->empty()) {
         folder = "./meta/";

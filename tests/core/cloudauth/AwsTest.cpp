@@ -149,8 +149,8 @@ int closedPort()
 }
 
 // One request outside the code under test, for the peers' control paths.
-LmCurlResponse rawRequest(std::string const& verb, std::string const& url, std::vector<std::string> const& headers = {},
-                          QByteArray const& body = QByteArray())
+LmCurlResponse rawRequest(std::string const& verb, std::string const& url,
+                          std::vector<std::string> const& headers = {}, QByteArray const& body = QByteArray())
 {
     try {
         LmCurlRawClient client(std::make_shared<LmCurlHandleFactory>(1), nullptr);
@@ -369,7 +369,8 @@ TEST_F(Metadata, withoutATokenTheRequestsGoOnWithoutTheHeader)
     QJsonObject const s = stats();
     EXPECT_EQ(count(s, kToken), 1);
     for (char const* request : {kRegion, kRoles, kRole})
-        EXPECT_EQ(s.value("token_headers").toObject().value(request).toArray(), QJsonArray{QJsonValue()}) << request;
+        EXPECT_EQ(s.value("token_headers").toObject().value(request).toArray(), QJsonArray{QJsonValue()})
+            << request;
 }
 
 TEST_F(Metadata, emptyRegionFallsBackToTheFile)
@@ -407,12 +408,13 @@ TEST_F(Metadata, serverErrorsAreRetriedThenTheFileIsUsed)
     ASSERT_TRUE(found);
     EXPECT_EQ(found->accessKeyId, "FILEKEY");
     QJsonObject const s = stats();
-    EXPECT_EQ(count(s, kToken), 1); // one raw PUT, no retry
+    EXPECT_EQ(count(s, kToken), 1);  // one raw PUT, no retry
     EXPECT_EQ(count(s, kRegion), 6); // the stream-opening retry loop
     EXPECT_EQ(waitCount(), 5u);
     EXPECT_EQ(count(s, kRoles), 0);
     EXPECT_EQ(log.count(McLogFile::LevelError, "Could not obtain meta-data token (500)"), 1);
-    EXPECT_EQ(log.count(McLogFile::LevelError, "Could not get region from " + peer("/latest/meta-data/placement/region") +
+    EXPECT_EQ(log.count(McLogFile::LevelError, "Could not get region from " +
+                                                   peer("/latest/meta-data/placement/region") +
                                                    " (response code 500)"),
               1);
 
@@ -430,8 +432,9 @@ TEST_F(Metadata, brokenCredentialDocumentsFallBackToTheFile)
         LmAwsAuth auth;
         EXPECT_EQ(auth.getCredentials(QDateTime::currentDateTimeUtc())->accessKeyId, "FILEKEY");
         EXPECT_EQ(count(stats(), kRole), 6);
-        EXPECT_EQ(log.count(McLogFile::LevelError, "Cannot read security credentials from " +
-                                                       peer("/latest/meta-data/iam/security-credentials/mdx-test-role")),
+        EXPECT_EQ(log.count(McLogFile::LevelError,
+                            "Cannot read security credentials from " +
+                                peer("/latest/meta-data/iam/security-credentials/mdx-test-role")),
                   1);
     }
     setMode("invalid_credentials");
@@ -589,8 +592,9 @@ protected:
     };
 
     // Signs with auth and sends with the client's plain paths.
-    Answer send(LmAwsAuth& auth, char const* verb, std::string const& s3url, std::vector<std::string> headers = {},
-                QByteArray const& body = QByteArray(), char const* sendAs = nullptr)
+    Answer send(LmAwsAuth& auth, char const* verb, std::string const& s3url,
+                std::vector<std::string> headers = {}, QByteArray const& body = QByteArray(),
+                char const* sendAs = nullptr)
     {
         std::string const url = auth.prepareRequest(verb, s3url, headers);
         std::string const method = sendAs ? sendAs : verb;
@@ -644,7 +648,8 @@ TEST_F(Signatures, everyVerbWithAndWithoutSessionToken)
         LmAwsAuth auth;
         auth.setCredentials(withToken ? tokenIdentity() : plainIdentity());
         for (Case const& c : cases) {
-            SCOPED_TRACE(std::string(c.verb) + " " + c.url + (c.md5 ? " md5" : "") + (withToken ? " token" : ""));
+            SCOPED_TRACE(std::string(c.verb) + " " + c.url + (c.md5 ? " md5" : "") +
+                         (withToken ? " token" : ""));
             std::vector<std::string> headers;
             if (c.md5)
                 headers.push_back("Content-MD5: " + md5);
@@ -689,17 +694,20 @@ TEST_F(Signatures, thePeerRefusesWhatDoesNotFit)
     Answer const get = send(wrongSecret, "GET", "s3://mdx-bucket/object.bin");
     EXPECT_EQ(get.code, 403);
     EXPECT_NE(get.body.find("<Code>SignatureDoesNotMatch</Code>"), std::string::npos) << get.body;
-    Answer const put = send(wrongSecret, "PUT", "s3://mdx-bucket/object.bin", {"Content-MD5: " + md5Base64(body)}, body);
+    Answer const put =
+        send(wrongSecret, "PUT", "s3://mdx-bucket/object.bin", {"Content-MD5: " + md5Base64(body)}, body);
     EXPECT_EQ(put.code, 403);
     EXPECT_NE(put.body.find("SignatureDoesNotMatch"), std::string::npos) << put.body;
 
     LmAwsAuth unknown;
     unknown.setCredentials(credentials("AKIDUNKNOWN", "x", "us-east-1"));
-    EXPECT_NE(send(unknown, "GET", "s3://mdx-bucket/object.bin").body.find("InvalidAccessKeyId"), std::string::npos);
+    EXPECT_NE(send(unknown, "GET", "s3://mdx-bucket/object.bin").body.find("InvalidAccessKeyId"),
+              std::string::npos);
 
     LmAwsAuth tokenMissing;
     tokenMissing.setCredentials(credentials("ASIASIGV4TOKEN", "sigv4/token/SECRETKEY", "us-east-1"));
-    EXPECT_NE(send(tokenMissing, "GET", "s3://mdx-bucket/object.bin").body.find("InvalidToken"), std::string::npos);
+    EXPECT_NE(send(tokenMissing, "GET", "s3://mdx-bucket/object.bin").body.find("InvalidToken"),
+              std::string::npos);
 
     LmAwsAuth good;
     good.setCredentials(plainIdentity());
@@ -756,7 +764,8 @@ TEST_F(Signatures, theClientsS3Operations)
     ASSERT_EQ(seen.size(), 6);
     QStringList verbs;
     for (QJsonValue const& v : seen) {
-        EXPECT_EQ(v.toObject().value("status").toInt() / 100, 2) << v.toObject().value("code").toString().toStdString();
+        EXPECT_EQ(v.toObject().value("status").toInt() / 100, 2)
+            << v.toObject().value("code").toString().toStdString();
         EXPECT_EQ(v.toObject().value("access_key").toString(), "ASIASIGV4TOKEN");
         verbs << v.toObject().value("method").toString();
     }
@@ -773,7 +782,8 @@ TEST_F(Signatures, deleteSucceedsOn204And404Only)
         bool success;
     };
     for (Case const& c : {Case{404, true}, Case{500, false}, Case{403, false}, Case{200, false}}) {
-        ASSERT_EQ(rawRequest("POST", control("/__fail?count=1&status=" + std::to_string(c.status))).getResponseCode(),
+        ASSERT_EQ(rawRequest("POST", control("/__fail?count=1&status=" + std::to_string(c.status)))
+                      .getResponseCode(),
                   200);
         EXPECT_EQ(client->deleteObject("s3://mdx-bucket/a.bin"), c.success) << c.status;
     }
@@ -793,7 +803,8 @@ TEST_F(Signatures, everyRetryIsSignedAnew)
     int tries = 0;
     client->setRetrySleeper([&](long long) {
         ++tries;
-        client->helper()->awsAuth()->setCredentials(tries == 1 ? tokenIdentity() : plainIdentity("eu-central-1"));
+        client->helper()->awsAuth()->setCredentials(tries == 1 ? tokenIdentity()
+                                                               : plainIdentity("eu-central-1"));
     });
     LmCurlDownloadStream stream = client->read("s3://mdx-bucket/retry.bin", false);
     EXPECT_EQ(stream.httpStatus().responseCode, 200);
@@ -844,9 +855,11 @@ protected:
     // A PUT as the upload code does it: the digest is signed with the rest.
     LmCurlResponse put(std::string const& s3url, QByteArray const& body)
     {
-        std::vector<std::string> headers{"Content-MD5: " + md5Base64(body), "Content-Type: application/octet-stream"};
+        std::vector<std::string> headers{"Content-MD5: " + md5Base64(body),
+                                         "Content-Type: application/octet-stream"};
         std::string const url = client->helper()->awsAuth()->prepareRequest("PUT", s3url, headers);
-        EXPECT_EQ(url, "https://mybucket.s3.us-east-1.localhost:" + port + s3url.substr(std::string("s3://mybucket").size()));
+        EXPECT_EQ(url, "https://mybucket.s3.us-east-1.localhost:" + port +
+                           s3url.substr(std::string("s3://mybucket").size()));
         return client->put(url, headers, body);
     }
 
@@ -859,7 +872,8 @@ TEST_F(S3rver, putReadHeadAndDelete)
     QByteArray const body = testBytes(300 * 1024, 7);
     LmCurlResponse const stored = put(url, body);
     ASSERT_EQ(stored.getResponseCode(), 200) << stored.getPayload();
-    std::string const etag = "\"" + QCryptographicHash::hash(body, QCryptographicHash::Md5).toHex().toStdString() + "\"";
+    std::string const etag =
+        "\"" + QCryptographicHash::hash(body, QCryptographicHash::Md5).toHex().toStdString() + "\"";
     EXPECT_EQ(stored.getSingleHeader("etag").value_or(""), etag);
     // The credentials came from the configuration file.
     auto const used = client->helper()->awsAuth()->getCredentials(QDateTime::currentDateTimeUtc());

@@ -195,8 +195,8 @@ std::string hmacSha256(std::string const& key, std::string const& data)
 {
     unsigned char out[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), reinterpret_cast<unsigned char const*>(data.data()),
-         data.size(), out, &length);
+    HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+         reinterpret_cast<unsigned char const*>(data.data()), data.size(), out, &length);
     return std::string(reinterpret_cast<char const*>(out), length);
 }
 
@@ -221,13 +221,15 @@ std::string sha256Hex(std::string const& data)
 std::string signingKey(std::string const& secret, std::string const& date, std::string const& region,
                        std::string const& service)
 {
-    return hmacSha256(hmacSha256(hmacSha256(hmacSha256("AWS4" + secret, date), region), service), "aws4_request");
+    return hmacSha256(hmacSha256(hmacSha256(hmacSha256("AWS4" + secret, date), region), service),
+                      "aws4_request");
 }
 
 std::string signature(std::string const& key, std::string const& amzDate, std::string const& scope,
                       std::string const& canonicalRequest)
 {
-    std::string const toSign = "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + sha256Hex(canonicalRequest);
+    std::string const toSign =
+        "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + sha256Hex(canonicalRequest);
     return toHex(hmacSha256(key, toSign));
 }
 
@@ -272,8 +274,8 @@ struct Built
     bool head = false;
 };
 
-Built build(std::string const& url, QByteArray const& post = QByteArray(), std::vector<std::string> headers = {},
-            int flags = 0)
+Built build(std::string const& url, QByteArray const& post = QByteArray(),
+            std::vector<std::string> headers = {}, int flags = 0)
 {
     LmCurlDownloadRequest* request =
         LmCurlClient::instance()->createDownloadRequest(url, post, std::move(headers), flags);
@@ -289,7 +291,10 @@ Built build(std::string const& url, QByteArray const& post = QByteArray(), std::
 TEST(GoogleUrl, keyBecomesOneSegmentBehindTheBucket)
 {
     ScopedEnv env;
-    env.unset("MDX_CONFIG").unset("MDX_GCS_ENDPOINT").unset("MDX_GCS_DOWNLOAD_ENDPOINT").unset("MDX_GCS_UPLOAD_ENDPOINT");
+    env.unset("MDX_CONFIG")
+        .unset("MDX_GCS_ENDPOINT")
+        .unset("MDX_GCS_DOWNLOAD_ENDPOINT")
+        .unset("MDX_GCS_UPLOAD_ENDPOINT");
     std::string const plain = "https://storage.googleapis.com/";
     EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y/z", false, false), plain + "b/x%2Fy%2Fz");
     EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/", false, false), plain + "b/x%2F");
@@ -305,11 +310,16 @@ TEST(GoogleUrl, keyBecomesOneSegmentBehindTheBucket)
 TEST(GoogleUrl, endpointByTransferAndDirection)
 {
     ScopedEnv env;
-    env.unset("MDX_CONFIG").unset("MDX_GCS_ENDPOINT").unset("MDX_GCS_DOWNLOAD_ENDPOINT").unset("MDX_GCS_UPLOAD_ENDPOINT");
-    EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", true, false), "https://storage.googleapis.com/b/x%2Fy");
+    env.unset("MDX_CONFIG")
+        .unset("MDX_GCS_ENDPOINT")
+        .unset("MDX_GCS_DOWNLOAD_ENDPOINT")
+        .unset("MDX_GCS_UPLOAD_ENDPOINT");
+    EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", true, false),
+              "https://storage.googleapis.com/b/x%2Fy");
     EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", true, true),
               "https://storage.googleapis.com/upload/storage/v1/b/b/x%2Fy");
-    EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", false, true), "https://storage.googleapis.com/b/x%2Fy");
+    EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", false, true),
+              "https://storage.googleapis.com/b/x%2Fy");
 
     // The three endpoints are separate settings.
     env.set("MDX_GCS_ENDPOINT", "https://gcs.localhost:1/plain/")
@@ -354,13 +364,15 @@ TEST(WadoUrl, uriForm)
     EXPECT_EQ(helper.convertWadoUrl("wa://pacs.example/wado/1.2.3/4.5.6/7.8.9", headers),
               "http://pacs.example/wado?requestType=WADO&studyUID=1.2.3&seriesUID=4.5.6&objectUID=7.8.9");
     EXPECT_TRUE(headers.empty());
-    EXPECT_EQ(helper.convertWadoUrl("was://pacs.example:8443/wado/1.2.3/4.5.6/7.8.9", headers),
-              "https://pacs.example:8443/wado?requestType=WADO&studyUID=1.2.3&seriesUID=4.5.6&objectUID=7.8.9");
+    EXPECT_EQ(
+        helper.convertWadoUrl("was://pacs.example:8443/wado/1.2.3/4.5.6/7.8.9", headers),
+        "https://pacs.example:8443/wado?requestType=WADO&studyUID=1.2.3&seriesUID=4.5.6&objectUID=7.8.9");
     EXPECT_EQ(helper.convertWadoUrl("was://pacs.example:8443/wado/1.2.3/4.5.6/7.8.9_x124", headers),
               "https://pacs.example:8443/wado?requestType=WADO&studyUID=1.2.3&seriesUID=4.5.6&objectUID=7.8.9"
               "&transferSyntax=1.2.840.10008.1.2.4.90");
     EXPECT_EQ(helper.convertWadoUrl("wa://h/s/1/2/3_x2", headers),
-              "http://h/s?requestType=WADO&studyUID=1&seriesUID=2&objectUID=3&transferSyntax=1.2.840.10008.1.2.4.70");
+              "http://h/"
+              "s?requestType=WADO&studyUID=1&seriesUID=2&objectUID=3&transferSyntax=1.2.840.10008.1.2.4.70");
     EXPECT_TRUE(headers.empty()); // WADO-URI never adds a header
 }
 
@@ -383,7 +395,8 @@ TEST(WadoUrl, noTransferSyntaxForZeroOrUnknownNumbers)
 {
     LmCurlHelper helper(nullptr);
     std::string const accept = "Accept: multipart/related; type=\"application/dicom\"";
-    for (char const* tail : {"_x0", "_x1", "_x100", "_x103", "_x129", "_x132", "_x147", "_x999", "_x", "_xabc"}) {
+    for (char const* tail :
+         {"_x0", "_x1", "_x100", "_x103", "_x129", "_x132", "_x147", "_x999", "_x", "_xabc"}) {
         SCOPED_TRACE(tail);
         std::vector<std::string> headers;
         std::string const uri = helper.convertWadoUrl(std::string("wa://h/p/1/2/3") + tail, headers);
@@ -551,21 +564,23 @@ TEST_F(ClientRequests, googleAndAzureAuthorizationLines)
     EXPECT_TRUE(build("gs://b/k").headers.empty());
     client->helper()->setGoogleAuthorizationProvider([] { return std::string(); });
     EXPECT_TRUE(build("gs://b/k").headers.empty());
-    client->helper()->setGoogleAuthorizationProvider([] { return std::string("Authorization: Bearer g-token"); });
+    client->helper()->setGoogleAuthorizationProvider(
+        [] { return std::string("Authorization: Bearer g-token"); });
     EXPECT_EQ(build("gs://b/k").headers,
               (std::vector<std::string>{"Authorization: Bearer g-token", "Host: gcs.localhost",
                                         "Cache-Control: no-transform"}));
 
     EXPECT_TRUE(build("az://acct/c/b").headers.empty());
-    client->helper()->setAzureAuthorizationProvider([] { return std::string("Authorization: Bearer a-token"); });
+    client->helper()->setAzureAuthorizationProvider(
+        [] { return std::string("Authorization: Bearer a-token"); });
     EXPECT_EQ(build("az://acct/c/b").headers,
               (std::vector<std::string>{"Authorization: Bearer a-token", "Cache-Control: no-transform",
                                         "x-ms-version: 2020-04-08", "Host: acct.blob.localhost:" + port}));
     // The Host line needs a '/' at or behind position 8.
     std::vector<std::string> headers;
     client->helper()->addAzureAuthorizationHeader("https://h.localhost", headers);
-    EXPECT_EQ(headers, (std::vector<std::string>{"Authorization: Bearer a-token", "Cache-Control: no-transform",
-                                                 "x-ms-version: 2020-04-08"}));
+    EXPECT_EQ(headers, (std::vector<std::string>{"Authorization: Bearer a-token",
+                                                 "Cache-Control: no-transform", "x-ms-version: 2020-04-08"}));
 }
 
 TEST_F(ClientRequests, firstRangeIsAtLeast1025Bytes)
@@ -649,7 +664,10 @@ TEST(FileServers, tokenWithoutPortUsesTheDefaultPortFromAConfigFile)
     QString const ini = QDir(dir.path()).filePath("mdx.ini");
     ASSERT_TRUE(writeFile(ini, "MDX_STORAGE_SERVERS=store1,store2\n[FFS2]\nPort=\nBearerToken=tok-ini\n"));
     ScopedEnv env;
-    env.unset("MDX_STORAGE_SERVERS").unset("FFS2/Port").unset("FFS2/BearerToken").set("MDX_CONFIG", ini.toStdString());
+    env.unset("MDX_STORAGE_SERVERS")
+        .unset("FFS2/Port")
+        .unset("FFS2/BearerToken")
+        .set("MDX_CONFIG", ini.toStdString());
     LmCurlHelper helper(nullptr);
     helper.setFFS2Parameters("main");
     EXPECT_EQ(helper.getFFS2Port("store1"), "8181");
@@ -661,7 +679,10 @@ TEST(FileServers, tokenWithoutPortUsesTheDefaultPortFromAConfigFile)
 TEST(FileServers, portWithoutTokenAndNoServers)
 {
     ScopedEnv env;
-    env.unset("MDX_CONFIG").set("MDX_STORAGE_SERVERS", "p1").set("FFS2/Port", "7000").unset("FFS2/BearerToken");
+    env.unset("MDX_CONFIG")
+        .set("MDX_STORAGE_SERVERS", "p1")
+        .set("FFS2/Port", "7000")
+        .unset("FFS2/BearerToken");
     LmCurlHelper helper(nullptr);
     helper.setFFS2Parameters("main");
     EXPECT_EQ(helper.getFFS2Port("p1"), "7000");
@@ -677,12 +698,15 @@ TEST(FileServers, portWithoutTokenAndNoServers)
 TEST(FileServers, bearerTokenKeyRules)
 {
     ScopedEnv env;
-    env.unset("MDX_CONFIG").set("MDX_STORAGE_SERVERS", "fs1").set("FFS2/Port", "9000").set("FFS2/BearerToken", "T");
+    env.unset("MDX_CONFIG")
+        .set("MDX_STORAGE_SERVERS", "fs1")
+        .set("FFS2/Port", "9000")
+        .set("FFS2/BearerToken", "T");
     LmCurlHelper helper(nullptr);
     helper.setFFS2Parameters(nullptr);
     EXPECT_EQ(helper.getFFS2BearerToken("http://fs1:9000/x"), "T");
     EXPECT_EQ(helper.getFFS2BearerToken("http://fs1:9000/"), "T");
-    EXPECT_EQ(helper.getFFS2BearerToken("http://fs1:9000"), ""); // no '/' behind the host
+    EXPECT_EQ(helper.getFFS2BearerToken("http://fs1:9000"), "");  // no '/' behind the host
     EXPECT_EQ(helper.getFFS2BearerToken("http:/fs1:9000/x"), ""); // no "//"
     EXPECT_EQ(helper.getFFS2BearerToken("short"), "");
     EXPECT_EQ(helper.getFFS2BearerToken("http:/"), "");
@@ -740,8 +764,8 @@ TEST(ClientPaths, filenameRules)
 
     for (char const* path : {"/data/study.kz/member.dcm", "s3://b/x.kz/y", "rel.kz/m"})
         EXPECT_TRUE(McFilename::isInContainer(path)) << path;
-    for (char const* path : {"/data/.kz/member", "/data/study.kz", "/data/study.kzz/m", "/data/study.kz.bak/m",
-                             "a\\.kz/m", "", ".kz/m"})
+    for (char const* path : {"/data/.kz/member", "/data/study.kz", "/data/study.kzz/m",
+                             "/data/study.kz.bak/m", "a\\.kz/m", "", ".kz/m"})
         EXPECT_FALSE(McFilename::isInContainer(path)) << path;
     EXPECT_FALSE(McFilename::isInContainer(nullptr));
 }
@@ -809,7 +833,8 @@ TEST(AwsKeyDerivation, publishedExampleByTheIndependentChain)
 
 TEST(AwsKeyDerivation, s3KeyMatchesTheIndependentChain)
 {
-    auto credentials = makeCredentials(kExampleKeyId, kExampleSecret, "us-east-1", "", QDateTime(), QDate(2015, 8, 30));
+    auto credentials =
+        makeCredentials(kExampleKeyId, kExampleSecret, "us-east-1", "", QDateTime(), QDate(2015, 8, 30));
     EXPECT_EQ(credentials->signingDate, QDate(2015, 8, 30));
     EXPECT_EQ(credentials->dateStamp, "20150830");
     ASSERT_EQ(credentials->signingKey.size(), 32);
@@ -832,7 +857,8 @@ TEST(AwsKeyDerivation, s3KeyMatchesTheIndependentChain)
         EXPECT_EQ(credentials->signingDate, c.day);
         credentials->region = c.region;
         LmAwsAuth::computeSecreteSigV4(credentials, c.day);
-        EXPECT_EQ(bytes(credentials->signingKey), signingKey(kExampleSecret, c.stamp, c.region, "s3")) << c.region;
+        EXPECT_EQ(bytes(credentials->signingKey), signingKey(kExampleSecret, c.stamp, c.region, "s3"))
+            << c.region;
     }
     LmAwsAuth::computeSecreteSigV4(nullptr, QDate(2026, 1, 1)); // nothing to do, no crash
 }
@@ -884,13 +910,15 @@ TEST_F(AwsSigning, withoutCredentialsTheRequestGoesOutUnsigned)
     std::vector<std::string> headers{"X-Keep: 1"};
     EXPECT_EQ(auth.prepareRequest("GET", "s3://bucket/key", headers), "https://bucket.s3.amazonaws.com/key");
     EXPECT_EQ(headers, std::vector<std::string>{"X-Keep: 1"});
-    EXPECT_EQ(log.count(McLogFile::LevelError, "AWS config file " + missingFile().toStdString() + " does not exist"),
+    EXPECT_EQ(log.count(McLogFile::LevelError,
+                        "AWS config file " + missingFile().toStdString() + " does not exist"),
               1);
 
     env.set("MDX_S3_DOMAIN", "s3-test.localhost:4568");
     EXPECT_EQ(auth.prepareRequest("PUT", "s3://bucket/dir/key?uploads=", headers),
               "https://bucket.s3.s3-test.localhost:4568/dir/key?uploads=");
-    EXPECT_EQ(auth.prepareRequest("GET", "s3:///bucket/key", headers), "https://bucket.s3.s3-test.localhost:4568/key");
+    EXPECT_EQ(auth.prepareRequest("GET", "s3:///bucket/key", headers),
+              "https://bucket.s3.s3-test.localhost:4568/key");
     EXPECT_EQ(auth.prepareRequest("GET", "s3://bucket", headers), "https://bucket.s3.s3-test.localhost:4568");
     EXPECT_EQ(headers, std::vector<std::string>{"X-Keep: 1"});
     // A failure is not remembered: every request looks again, and says so.
@@ -919,40 +947,77 @@ std::vector<BotocoreCase> botocoreCases()
     QDateTime const may = utc(2013, 5, 24, 0, 0, 0);
     QDateTime const nov = utc(2026, 11, 13, 23, 44, 29);
     return {
-        {"GET", "s3://examplebucket/test.txt", {}, "us-east-1", "", may, "examplebucket.s3.us-east-1.amazonaws.com",
+        {"GET",
+         "s3://examplebucket/test.txt",
+         {},
+         "us-east-1",
+         "",
+         may,
+         "examplebucket.s3.us-east-1.amazonaws.com",
          "host;x-amz-content-sha256;x-amz-date",
-         "GET\n/test.txt\n\nhost:examplebucket.s3.us-east-1.amazonaws.com\nx-amz-content-sha256:UNSIGNED-PAYLOAD\n"
+         "GET\n/"
+         "test.txt\n\nhost:examplebucket.s3.us-east-1.amazonaws.com\nx-amz-content-sha256:UNSIGNED-PAYLOAD\n"
          "x-amz-date:20130524T000000Z\n\nhost;x-amz-content-sha256;x-amz-date\nUNSIGNED-PAYLOAD",
          "588cf9c3120b5c570015c72b8e566ada1c4bd2f89d3e76f21ae120dd82affa75"},
-        {"PUT", "s3://examplebucket/test.txt", {"Content-MD5: 1B2M2Y8AsgTpgAmY7PhCfg=="}, "us-east-1", kSessionToken,
-         may, "examplebucket.s3.us-east-1.amazonaws.com",
+        {"PUT",
+         "s3://examplebucket/test.txt",
+         {"Content-MD5: 1B2M2Y8AsgTpgAmY7PhCfg=="},
+         "us-east-1",
+         kSessionToken,
+         may,
+         "examplebucket.s3.us-east-1.amazonaws.com",
          "content-md5;host;x-amz-content-sha256;x-amz-date;x-amz-security-token",
-         "PUT\n/test.txt\n\ncontent-md5:1B2M2Y8AsgTpgAmY7PhCfg==\nhost:examplebucket.s3.us-east-1.amazonaws.com\n"
+         "PUT\n/"
+         "test.txt\n\ncontent-md5:1B2M2Y8AsgTpgAmY7PhCfg==\nhost:examplebucket.s3.us-east-1.amazonaws.com\n"
          "x-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:20130524T000000Z\n"
          "x-amz-security-token:FwoGZXIvYXdzEXAMPLE//session+token=\n\n"
          "content-md5;host;x-amz-content-sha256;x-amz-date;x-amz-security-token\nUNSIGNED-PAYLOAD",
          "129c63573cfe357d57d9becf60fbbf1ba5c058c25ad5ceae37d4d38f1cfd9a8d"},
-        {"POST", "s3://examplebucket/big.bin?uploads=", {}, "us-east-1", "", may,
-         "examplebucket.s3.us-east-1.amazonaws.com", "host;x-amz-content-sha256;x-amz-date",
+        {"POST",
+         "s3://examplebucket/big.bin?uploads=",
+         {},
+         "us-east-1",
+         "",
+         may,
+         "examplebucket.s3.us-east-1.amazonaws.com",
+         "host;x-amz-content-sha256;x-amz-date",
          "POST\n/big.bin\nuploads=\nhost:examplebucket.s3.us-east-1.amazonaws.com\n"
          "x-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:20130524T000000Z\n\n"
          "host;x-amz-content-sha256;x-amz-date\nUNSIGNED-PAYLOAD",
          "8434480432aa8b8bec9fd1c3fd2a441c9e59e801f5cc44e4cea60c3d073141ba"},
-        {"PUT", "s3://examplebucket/big.bin?partNumber=1&uploadId=VXBsb2FkSUQ", {"Content-MD5: XrY7u+Ae7tCTyyK7j1rNww=="},
-         "us-east-1", "", may, "examplebucket.s3.us-east-1.amazonaws.com", "content-md5;host;x-amz-content-sha256;x-amz-date",
+        {"PUT",
+         "s3://examplebucket/big.bin?partNumber=1&uploadId=VXBsb2FkSUQ",
+         {"Content-MD5: XrY7u+Ae7tCTyyK7j1rNww=="},
+         "us-east-1",
+         "",
+         may,
+         "examplebucket.s3.us-east-1.amazonaws.com",
+         "content-md5;host;x-amz-content-sha256;x-amz-date",
          "PUT\n/big.bin\npartNumber=1&uploadId=VXBsb2FkSUQ\ncontent-md5:XrY7u+Ae7tCTyyK7j1rNww==\n"
          "host:examplebucket.s3.us-east-1.amazonaws.com\nx-amz-content-sha256:UNSIGNED-PAYLOAD\n"
          "x-amz-date:20130524T000000Z\n\ncontent-md5;host;x-amz-content-sha256;x-amz-date\nUNSIGNED-PAYLOAD",
          "7b3a8d4d48bbc096e61f18185364dcaaf06595e2d28ff7da1bddee23806f7592"},
-        {"DELETE", "s3://examplebucket/dir/sub/obj.dcm", {}, "eu-central-1", kSessionToken, nov,
-         "examplebucket.s3.eu-central-1.amazonaws.com", "host;x-amz-content-sha256;x-amz-date;x-amz-security-token",
+        {"DELETE",
+         "s3://examplebucket/dir/sub/obj.dcm",
+         {},
+         "eu-central-1",
+         kSessionToken,
+         nov,
+         "examplebucket.s3.eu-central-1.amazonaws.com",
+         "host;x-amz-content-sha256;x-amz-date;x-amz-security-token",
          "DELETE\n/dir/sub/obj.dcm\n\nhost:examplebucket.s3.eu-central-1.amazonaws.com\n"
          "x-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:20261113T234429Z\n"
          "x-amz-security-token:FwoGZXIvYXdzEXAMPLE//session+token=\n\n"
          "host;x-amz-content-sha256;x-amz-date;x-amz-security-token\nUNSIGNED-PAYLOAD",
          "3f783fd4d2c876a4f984731cdab767ba5c4dd7057c73446a069ccb1602c1bf93"},
-        {"HEAD", "s3://examplebucket/dir/sub/obj.dcm", {}, "eu-central-1", "", nov,
-         "examplebucket.s3.eu-central-1.amazonaws.com", "host;x-amz-content-sha256;x-amz-date",
+        {"HEAD",
+         "s3://examplebucket/dir/sub/obj.dcm",
+         {},
+         "eu-central-1",
+         "",
+         nov,
+         "examplebucket.s3.eu-central-1.amazonaws.com",
+         "host;x-amz-content-sha256;x-amz-date",
          "HEAD\n/dir/sub/obj.dcm\n\nhost:examplebucket.s3.eu-central-1.amazonaws.com\n"
          "x-amz-content-sha256:UNSIGNED-PAYLOAD\nx-amz-date:20261113T234429Z\n\n"
          "host;x-amz-content-sha256;x-amz-date\nUNSIGNED-PAYLOAD",
@@ -982,11 +1047,12 @@ TEST_F(AwsSigning, signaturesMatchBotocoreAndTheIndependentComputation)
         expected.push_back("X-Amz-Date: " + amzDate);
         if (*c.token)
             expected.push_back("X-Amz-Security-Token: " + std::string(c.token));
-        expected.push_back("Authorization: AWS4-HMAC-SHA256 Credential=" + std::string(kExampleKeyId) + "/" + scope +
-                           ", SignedHeaders=" + c.signedHeaders + ", Signature=" + c.signature);
+        expected.push_back("Authorization: AWS4-HMAC-SHA256 Credential=" + std::string(kExampleKeyId) + "/" +
+                           scope + ", SignedHeaders=" + c.signedHeaders + ", Signature=" + c.signature);
         EXPECT_EQ(headers, expected);
         EXPECT_EQ(canonicalRequest(), c.canonical);
-        EXPECT_EQ(stringToSign(), "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + sha256Hex(c.canonical));
+        EXPECT_EQ(stringToSign(),
+                  "AWS4-HMAC-SHA256\n" + amzDate + "\n" + scope + "\n" + sha256Hex(c.canonical));
         // The same signature from OpenSSL, with the key derived here.
         EXPECT_EQ(signature(signingKey(kExampleSecret, amzDate.substr(0, 8), c.region, "s3"), amzDate, scope,
                             c.canonical),
@@ -1000,15 +1066,16 @@ TEST_F(AwsSigning, contentMd5IsSignedFirstAndTheLastOneCounts)
     QDateTime const now = utc(2026, 11, 13, 23, 44, 29);
     LmAwsAuth auth;
     auth.setCredentials(makeCredentials("AKID", "secret", "us-east-1", "", QDateTime(), now.date()));
-    std::vector<std::string> headers{"Content-Type: application/octet-stream", "Content-MD5: abc==",
-                                     "Content-Length: 3"};
+    std::vector<std::string> headers{"Content-Type: application/octet-stream",
+                                     "Content-MD5: abc==", "Content-Length: 3"};
     auth.prepareRequest("PUT", "s3://b/k", headers, now);
     ASSERT_FALSE(headers.empty());
     EXPECT_NE(headers.back().find("SignedHeaders=content-md5;host;x-amz-content-sha256;x-amz-date, "),
               std::string::npos)
         << headers.back();
     std::string const canonical = canonicalRequest();
-    EXPECT_EQ(canonical.rfind("PUT\n/k\n\ncontent-md5:abc==\nhost:b.s3.us-east-1.amazonaws.com\n", 0), 0u) << canonical;
+    EXPECT_EQ(canonical.rfind("PUT\n/k\n\ncontent-md5:abc==\nhost:b.s3.us-east-1.amazonaws.com\n", 0), 0u)
+        << canonical;
     // Neither the type nor the length is signed.
     EXPECT_EQ(canonical.find("content-type"), std::string::npos);
     EXPECT_EQ(canonical.find("content-length"), std::string::npos);
@@ -1049,14 +1116,16 @@ TEST_F(AwsSigning, sessionTokenIsSentAndSigned)
     LmCurlClient::sDebug = true;
     QDateTime const now = utc(2026, 11, 13, 12, 0, 0);
     LmAwsAuth auth;
-    auth.setCredentials(makeCredentials("ASIAKEY", "secret", "eu-west-1", "tok/en+1=", now.addSecs(3600), now.date()));
+    auth.setCredentials(
+        makeCredentials("ASIAKEY", "secret", "eu-west-1", "tok/en+1=", now.addSecs(3600), now.date()));
     std::vector<std::string> headers;
     auth.prepareRequest("GET", "s3://b/k", headers, now);
     ASSERT_EQ(headers.size(), 5u);
     EXPECT_EQ(headers[0], "Host: b.s3.eu-west-1.amazonaws.com");
     EXPECT_EQ(headers[3], "X-Amz-Security-Token: tok/en+1=");
-    EXPECT_NE(headers[4].find("Credential=ASIAKEY/20261113/eu-west-1/s3/aws4_request, "
-                              "SignedHeaders=host;x-amz-content-sha256;x-amz-date;x-amz-security-token, Signature="),
+    EXPECT_NE(headers[4].find(
+                  "Credential=ASIAKEY/20261113/eu-west-1/s3/aws4_request, "
+                  "SignedHeaders=host;x-amz-content-sha256;x-amz-date;x-amz-security-token, Signature="),
               std::string::npos)
         << headers[4];
     EXPECT_NE(canonicalRequest().find("\nx-amz-date:20261113T120000Z\nx-amz-security-token:tok/en+1=\n\n"),
@@ -1070,11 +1139,12 @@ TEST_F(AwsSigning, amzDateIsCompactUtc)
         QDateTime now;
         char const* amzDate;
     };
-    for (Case const& c :
-         {Case{utc(2026, 11, 13, 23, 44, 29), "20261113T234429Z"}, Case{utc(2026, 1, 2, 3, 4, 5), "20260102T030405Z"},
-          Case{utc(2026, 6, 30, 13, 0, 0), "20260630T130000Z"},
-          // Local times are turned into UTC first, also across the day.
-          Case{QDateTime(QDate(2026, 11, 14), QTime(1, 44, 29), Qt::OffsetFromUTC, 7200), "20261113T234429Z"}}) {
+    for (Case const& c : {Case{utc(2026, 11, 13, 23, 44, 29), "20261113T234429Z"},
+                          Case{utc(2026, 1, 2, 3, 4, 5), "20260102T030405Z"},
+                          Case{utc(2026, 6, 30, 13, 0, 0), "20260630T130000Z"},
+                          // Local times are turned into UTC first, also across the day.
+                          Case{QDateTime(QDate(2026, 11, 14), QTime(1, 44, 29), Qt::OffsetFromUTC, 7200),
+                               "20261113T234429Z"}}) {
         LmAwsAuth auth;
         QDateTime const now = c.now.toUTC();
         auth.setCredentials(makeCredentials("AKID", "secret", "us-east-1", "", QDateTime(), now.date()));
@@ -1118,7 +1188,8 @@ TEST_F(AwsSigning, credentialsWith119SecondsLeftAreRenewedWith120NotYet)
 
     // Long expired is the same.
     LmAwsAuth expired;
-    expired.setCredentials(makeCredentials("OLDKEY", "old", "us-east-1", "t", now.addSecs(-3600), now.date()));
+    expired.setCredentials(
+        makeCredentials("OLDKEY", "old", "us-east-1", "t", now.addSecs(-3600), now.date()));
     EXPECT_EQ(expired.getCredentials(now)->accessKeyId, "FILEKEY");
 }
 
@@ -1214,8 +1285,9 @@ TEST_F(AwsSigning, configFileWithDefaultSection)
 
 TEST_F(AwsSigning, configFileInTheHomeFolderWhenNoneIsNamed)
 {
-    ASSERT_TRUE(writeFile(QDir(dir.path()).filePath("home/.aws/config"),
-                          "[default]\naws_access_key_id=AKIDHOME\naws_secret_access_key=home\nregion=us-east-2\n"));
+    ASSERT_TRUE(
+        writeFile(QDir(dir.path()).filePath("home/.aws/config"),
+                  "[default]\naws_access_key_id=AKIDHOME\naws_secret_access_key=home\nregion=us-east-2\n"));
     env.unset("AWS_CONFIG_FILE").set("HOME", QDir(dir.path()).filePath("home").toStdString());
     LmAwsAuth auth;
     auto const credentials = auth.readCredentialsFromFile();
@@ -1225,25 +1297,29 @@ TEST_F(AwsSigning, configFileInTheHomeFolderWhenNoneIsNamed)
 
 TEST_F(AwsSigning, incompleteOrMissingConfigFilesAreReported)
 {
-    env.set("AWS_CONFIG_FILE", configFile("[default]\naws_access_key_id=AKID\naws_secret_access_key=s\n").toStdString());
+    env.set("AWS_CONFIG_FILE",
+            configFile("[default]\naws_access_key_id=AKID\naws_secret_access_key=s\n").toStdString());
     LmAwsAuth auth;
     EXPECT_EQ(auth.readCredentialsFromFile(), nullptr);
-    EXPECT_EQ(log.count(McLogFile::LevelError,
-                        "aws_access_key_id, aws_secret_access_key, and/or region not set in [default] section"),
-              1);
+    EXPECT_EQ(
+        log.count(McLogFile::LevelError,
+                  "aws_access_key_id, aws_secret_access_key, and/or region not set in [default] section"),
+        1);
 
     env.set("AWS_CONFIG_FILE", missingFile().toStdString());
     EXPECT_EQ(auth.readCredentialsFromFile(), nullptr);
     EXPECT_EQ(auth.readCredentialsFromFile(), nullptr);
     // Reported each time it is tried.
-    EXPECT_EQ(log.count(McLogFile::LevelError, "AWS config file " + missingFile().toStdString() + " does not exist"),
+    EXPECT_EQ(log.count(McLogFile::LevelError,
+                        "AWS config file " + missingFile().toStdString() + " does not exist"),
               2);
 }
 
 TEST_F(AwsSigning, fileCredentialsSignRequests)
 {
     env.set("AWS_CONFIG_FILE",
-            configFile("[default]\naws_access_key_id=AKIDFILE\naws_secret_access_key=filesecret\nregion=us-east-1\n")
+            configFile(
+                "[default]\naws_access_key_id=AKIDFILE\naws_secret_access_key=filesecret\nregion=us-east-1\n")
                 .toStdString());
     LmAwsAuth auth;
     std::vector<std::string> headers;
@@ -1277,9 +1353,9 @@ TEST(AwsSigningLocale, asciiDigitsWhateverTheSystemLanguage)
             auth.setCredentials(makeCredentials("AKID", "secret", "us-east-1", "", QDateTime(), now.date()));
             std::vector<std::string> headers;
             auth.prepareRequest("GET", "s3://b/k", headers, now);
-            bool const ascii = headers.size() == 4 && headers[2] == "X-Amz-Date: 20261113T234429Z" &&
-                               headers[3].find("Credential=AKID/20261113/us-east-1/s3/aws4_request") !=
-                                   std::string::npos;
+            bool const ascii =
+                headers.size() == 4 && headers[2] == "X-Amz-Date: 20261113T234429Z" &&
+                headers[3].find("Credential=AKID/20261113/us-east-1/s3/aws4_request") != std::string::npos;
             std::_Exit(ascii ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");

@@ -52,14 +52,15 @@ std::string env(char const* name)
 
 std::string nginx(char const* path, bool tls = false)
 {
-    return std::string(tls ? "https" : "http") + "://127.0.0.1:" +
-           env(tls ? "MDX_NGINX_HTTPS_PORT" : "MDX_NGINX_HTTP_PORT") + "/" + path;
+    return std::string(tls ? "https" : "http") +
+           "://127.0.0.1:" + env(tls ? "MDX_NGINX_HTTPS_PORT" : "MDX_NGINX_HTTP_PORT") + "/" + path;
 }
 
 std::string fault(std::string const& query, std::string const& id, bool tls = false)
 {
-    return std::string(tls ? "https" : "http") + "://127.0.0.1:" + env(tls ? "MDX_FAULT_TLS_PORT" : "MDX_FAULT_PORT") +
-           "/object?id=" + id + "&" + query;
+    return std::string(tls ? "https" : "http") +
+           "://127.0.0.1:" + env(tls ? "MDX_FAULT_TLS_PORT" : "MDX_FAULT_PORT") + "/object?id=" + id + "&" +
+           query;
 }
 
 // Requests the fault peer saw for a test id.
@@ -312,7 +313,8 @@ TEST_F(Download, readBytesAndPosts)
     QJsonDocument const reply =
         client->postJson(fault("", id + "-post"), QJsonObject{{"key", "value"}}, status);
     EXPECT_EQ(status.responseCode, 200);
-    EXPECT_EQ(reply.object().value("length").toInt(), QJsonDocument(QJsonObject{{"key", "value"}}).toJson().size());
+    EXPECT_EQ(reply.object().value("length").toInt(),
+              QJsonDocument(QJsonObject{{"key", "value"}}).toJson().size());
 }
 
 TEST_F(Download, destroyingAStreamWithRunningRangesReturnsEveryHandle)

@@ -54,8 +54,9 @@ TEST(CurlSettings, environmentAndParameters)
     EXPECT_TRUE(LmCurlSettings::parse(table({{"CURL_DEBUG", ""}}), none).debug);
     EXPECT_EQ(LmCurlSettings::parse(table({{"SSL_CIPHER_LIST", ""}}), none).sslCipherList, "");
 
-    LmCurlSettings const buffers = LmCurlSettings::parse(
-        table({{"CURL_RECBUF_SIZE", "1000"}, {"CURL_SNDBUF_SIZE", "2000"}}), table({{"CURL_RECBUF_SIZE", "4096"}}));
+    LmCurlSettings const buffers =
+        LmCurlSettings::parse(table({{"CURL_RECBUF_SIZE", "1000"}, {"CURL_SNDBUF_SIZE", "2000"}}),
+                              table({{"CURL_RECBUF_SIZE", "4096"}}));
     EXPECT_EQ(buffers.recBufSize, 4096); // the parameter store wins
     EXPECT_EQ(buffers.sndBufSize, 2000);
 }
@@ -132,7 +133,8 @@ TEST(CurlResponse, headerNamesLowerCasedAndPayloadNeverNull)
     LmCurlRequest request("http://127.0.0.1/x", "PUT");
     request.addRequestHeader("Content-Type", "text/plain");
     request.addAuthorizationHeader("Authorization: Bearer t");
-    EXPECT_EQ(request.headers(), std::vector<std::string>({"Content-Type: text/plain", "Authorization: Bearer t"}));
+    EXPECT_EQ(request.headers(),
+              std::vector<std::string>({"Content-Type: text/plain", "Authorization: Bearer t"}));
 }
 
 TEST(HttpStatus, codesLengthsAndRanges)
@@ -230,7 +232,12 @@ TEST(RetryLoops, formAMakesFiveTriesAndFourRealWaits)
     std::vector<long long> waits;
     auto sleeper = [&waits](long long ms) { waits.push_back(ms); };
     EXPECT_THROW(LmCurlRetry::runFormA(
-                     policy, [&] { ++tries; return LmCurlRetry::Outcome::Transient; }, "upload", sleeper),
+                     policy,
+                     [&] {
+                         ++tries;
+                         return LmCurlRetry::Outcome::Transient;
+                     },
+                     "upload", sleeper),
                  RetryPolicyExhaustedError);
     EXPECT_EQ(tries, 5);
     ASSERT_EQ(waits.size(), 5u);
@@ -241,15 +248,20 @@ TEST(RetryLoops, formAMakesFiveTriesAndFourRealWaits)
     auto second = LmCurlExponentialBackoffRetryPolicy::forRequests();
     tries = 0;
     EXPECT_THROW(LmCurlRetry::runFormA(
-                     second, [&] { ++tries; return LmCurlRetry::Outcome::Unrecoverable; }, "upload", sleeper),
+                     second,
+                     [&] {
+                         ++tries;
+                         return LmCurlRetry::Outcome::Unrecoverable;
+                     },
+                     "upload", sleeper),
                  UnrecoverableResponseError);
     EXPECT_EQ(tries, 1);
 
     auto third = LmCurlExponentialBackoffRetryPolicy::forRequests();
     tries = 0;
     LmCurlRetry::runFormA(
-        third, [&] { return ++tries < 3 ? LmCurlRetry::Outcome::Transient : LmCurlRetry::Outcome::Success; }, "x",
-        sleeper);
+        third, [&] { return ++tries < 3 ? LmCurlRetry::Outcome::Transient : LmCurlRetry::Outcome::Success; },
+        "x", sleeper);
     EXPECT_EQ(tries, 3);
 }
 
@@ -260,7 +272,11 @@ TEST(RetryLoops, formBMakesSixTriesTheLastWithoutWaiting)
     std::vector<long long> waits;
     std::vector<int> retries;
     bool const ok = LmCurlRetry::runFormB(
-        policy, [&] { ++tries; return LmCurlRetry::Outcome::Transient; },
+        policy,
+        [&] {
+            ++tries;
+            return LmCurlRetry::Outcome::Transient;
+        },
         [&](int failures, long long) { retries.push_back(failures); },
         [&](long long ms) { waits.push_back(ms); });
     EXPECT_FALSE(ok);
@@ -271,7 +287,10 @@ TEST(RetryLoops, formBMakesSixTriesTheLastWithoutWaiting)
 
     auto second = LmCurlExponentialBackoffRetryPolicy::forRequests();
     tries = 0;
-    EXPECT_FALSE(LmCurlRetry::runFormB(second, [&] { ++tries; return LmCurlRetry::Outcome::Unrecoverable; }));
+    EXPECT_FALSE(LmCurlRetry::runFormB(second, [&] {
+        ++tries;
+        return LmCurlRetry::Outcome::Unrecoverable;
+    }));
     EXPECT_EQ(tries, 1);
 }
 

@@ -80,20 +80,21 @@ TestImage makeImage(int width, int height, std::vector<T> const& pixels, Layout 
 }
 
 // width x height pixels of value background.
-template <typename T>
-std::vector<T> fill(int width, int height, T background) {
+template <typename T> std::vector<T> fill(int width, int height, T background)
+{
     return std::vector<T>(static_cast<size_t>(width) * height, background);
 }
 
-template <typename T>
-void setRect(std::vector<T>& pixels, int width, int x0, int y0, int w, int h, T value) {
+template <typename T> void setRect(std::vector<T>& pixels, int width, int x0, int y0, int w, int h, T value)
+{
     for (int y = y0; y < y0 + h; ++y)
         for (int x = x0; x < x0 + w; ++x)
             pixels[static_cast<size_t>(y) * width + x] = value;
 }
 
 // The stored box, or "none" when nothing was stored.
-QByteArray cropOf(TestImage& t) {
+QByteArray cropOf(TestImage& t)
+{
     if (t.image->isMonochrome()) {
         EXPECT_EQ(t.image->getStatus(), EIS_Normal);
     }
@@ -108,12 +109,14 @@ QByteArray cropOf(TestImage& t) {
 
 // ---- CropBox on built images ----
 
-TEST(CropBox, AllZerosHasNoForegroundAndGivesTheWholeImage) {
+TEST(CropBox, AllZerosHasNoForegroundAndGivesTheWholeImage)
+{
     TestImage t = makeImage(20, 10, fill<uint8_t>(20, 10, 0));
     EXPECT_EQ(cropOf(t), "0\\0\\20\\10\\v1");
 }
 
-TEST(CropBox, StoresTheBoxOfWhatDiffersFromTheFirstPixel) {
+TEST(CropBox, StoresTheBoxOfWhatDiffersFromTheFirstPixel)
+{
     auto pixels = fill<uint8_t>(30, 20, 100);
     setRect<uint8_t>(pixels, 30, 5, 3, 5, 10, 200);
     pixels[18 * 30 + 2] = 99; // below the background value counts as well
@@ -127,7 +130,8 @@ TEST(CropBox, StoresTheBoxOfWhatDiffersFromTheFirstPixel) {
     EXPECT_NE(t.map->findElement(DcmTagKey(0x0071, 0x1074)), nullptr);
 }
 
-TEST(CropBox, OnlyMonochromeCrAndDxImagesAreProcessed) {
+TEST(CropBox, OnlyMonochromeCrAndDxImagesAreProcessed)
+{
     auto pixels = fill<uint8_t>(8, 8, 0);
     pixels[9] = 50;
     Layout layout;
@@ -162,7 +166,8 @@ TEST(CropBox, OnlyMonochromeCrAndDxImagesAreProcessed) {
     CropBox::process(dx.image.get(), nullptr);
 }
 
-TEST(CropBox, SignedEightBitPixelsAreNotRead) {
+TEST(CropBox, SignedEightBitPixelsAreNotRead)
+{
     std::vector<int8_t> pixels(8 * 8, -100);
     pixels[10] = 100;
     Layout layout;
@@ -172,7 +177,8 @@ TEST(CropBox, SignedEightBitPixelsAreNotRead) {
     EXPECT_EQ(cropOf(t), "none");
 }
 
-TEST(CropBox, SixteenBitUnsignedPixels) {
+TEST(CropBox, SixteenBitUnsignedPixels)
+{
     Layout layout;
     layout.bitsStored = 12;
     auto pixels = fill<uint16_t>(40, 30, 4000);
@@ -182,7 +188,8 @@ TEST(CropBox, SixteenBitUnsignedPixels) {
     EXPECT_EQ(cropOf(t), "10\\20\\25\\3\\v1");
 }
 
-TEST(CropBox, SixteenBitSignedPixelsCompareByBitPattern) {
+TEST(CropBox, SixteenBitSignedPixelsCompareByBitPattern)
+{
     // Background -1000 reads as 64536; -500 (65036) and 1000 are foreground.
     Layout layout;
     layout.isSigned = true;
@@ -194,7 +201,8 @@ TEST(CropBox, SixteenBitSignedPixelsCompareByBitPattern) {
     EXPECT_EQ(cropOf(t), "3\\4\\15\\12\\v1");
 }
 
-TEST(CropBox, SiemensWithFirstPixelZeroTreatsZeroToSixteenAsBackground) {
+TEST(CropBox, SiemensWithFirstPixelZeroTreatsZeroToSixteenAsBackground)
+{
     auto pixels = fill<uint8_t>(20, 20, 0);
     setRect<uint8_t>(pixels, 20, 0, 1, 20, 4, 16); // noise of the unexposed plate
     pixels[10 * 20 + 4] = 17;
@@ -215,7 +223,8 @@ TEST(CropBox, SiemensWithFirstPixelZeroTreatsZeroToSixteenAsBackground) {
     EXPECT_EQ(cropOf(notZero), "3\\7\\1\\1\\v1");
 }
 
-TEST(CropBox, KonicaCornerMarkIsLeftOutOfTheSearch) {
+TEST(CropBox, KonicaCornerMarkIsLeftOutOfTheSearch)
+{
     int const w = 60;
     int const h = 50;
     Layout layout;
@@ -241,7 +250,8 @@ TEST(CropBox, KonicaCornerMarkIsLeftOutOfTheSearch) {
     EXPECT_EQ(cropOf(other), "5\\0\\55\\46\\v1");
 }
 
-TEST(CropBox, KonicaBlockWithOtherValuesIsNoMarkButFirstPixelZeroStillRaisesHigh) {
+TEST(CropBox, KonicaBlockWithOtherValuesIsNoMarkButFirstPixelZeroStillRaisesHigh)
+{
     int const w = 41;
     int const h = 41;
     Layout layout;
@@ -260,7 +270,8 @@ TEST(CropBox, KonicaBlockWithOtherValuesIsNoMarkButFirstPixelZeroStillRaisesHigh
     EXPECT_EQ(cropOf(mark), "0\\0\\41\\41\\v1");
 }
 
-TEST(CropBox, KonicaImageOfFortyColumnsNeverGetsTheCornerMark) {
+TEST(CropBox, KonicaImageOfFortyColumnsNeverGetsTheCornerMark)
+{
     int const w = 40;
     int const h = 50;
     Layout layout;
@@ -273,7 +284,8 @@ TEST(CropBox, KonicaImageOfFortyColumnsNeverGetsTheCornerMark) {
     EXPECT_EQ(cropOf(t), "0\\0\\40\\46\\v1");
 }
 
-TEST(CropBox, FujifilmBackgroundIsTheTwoCornerValuesOnly) {
+TEST(CropBox, FujifilmBackgroundIsTheTwoCornerValuesOnly)
+{
     int const w = 10;
     int const h = 8;
     Layout layout;
@@ -293,7 +305,8 @@ TEST(CropBox, FujifilmBackgroundIsTheTwoCornerValuesOnly) {
     EXPECT_EQ(cropOf(flat), "2\\0\\3\\1\\v1");
 }
 
-TEST(CropBox, FujifilmCornersJoinTheHighSoFar) {
+TEST(CropBox, FujifilmCornersJoinTheHighSoFar)
+{
     // Siemens widens high to 16 first; the corners 0, 0, 0, 3 then give the
     // pair (0, 16), and the 3 in between is image.
     Layout layout;
@@ -308,15 +321,16 @@ TEST(CropBox, FujifilmCornersJoinTheHighSoFar) {
 
 // ---- CropBox on real radiographs ----
 
-TEST(CropBox, RealCrImagesGiveANonEmptyBoxInsideTheImage) {
+TEST(CropBox, RealCrImagesGiveANonEmptyBoxInsideTheImage)
+{
     MDX_REQUIRE_SAMPLES();
     int checked = 0;
     for (QString const& file : mdxtest::sampleFiles("pydicom/dicomdirtests")) {
         DcmFileFormat fileFormat;
         // Only files with a DICOM preamble: the folder holds a read-me too.
         if (fileFormat
-                .loadFile(OFFilename(file.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, DCM_MaxReadLength,
-                          ERM_fileOnly)
+                .loadFile(OFFilename(file.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange,
+                          DCM_MaxReadLength, ERM_fileOnly)
                 .bad())
             continue;
         DcmDataset* dataset = fileFormat.getDataset();
@@ -373,7 +387,8 @@ TEST(CropBox, RealCrImagesGiveANonEmptyBoxInsideTheImage) {
 
 // ---- RescaleSlopeCalculator ----
 
-TEST(RescaleSlopeCalculator, StartsUniformWithTheIdentity) {
+TEST(RescaleSlopeCalculator, StartsUniformWithTheIdentity)
+{
     RescaleSlopeCalculator calc(2);
     EXPECT_FALSE(calc.hasData());
     EXPECT_TRUE(calc.isUniform());
@@ -387,7 +402,8 @@ TEST(RescaleSlopeCalculator, StartsUniformWithTheIdentity) {
     EXPECT_EQ(calc.numClamped(), 0);
 }
 
-TEST(RescaleSlopeCalculator, ThreeEqualImagesStayUniform) {
+TEST(RescaleSlopeCalculator, ThreeEqualImagesStayUniform)
+{
     RescaleSlopeCalculator calc(2);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(calc.add(2.0f, -100.0f, 12, false), 4095);
@@ -400,7 +416,8 @@ TEST(RescaleSlopeCalculator, ThreeEqualImagesStayUniform) {
     EXPECT_EQ(calc.maxValue(), 8090.0f);
 }
 
-TEST(RescaleSlopeCalculator, IdentityImageDoesNotWidenTheRange) {
+TEST(RescaleSlopeCalculator, IdentityImageDoesNotWidenTheRange)
+{
     RescaleSlopeCalculator calc(2);
     EXPECT_EQ(calc.add(1.0f, 0.0f, 12, false), 4095);
     EXPECT_EQ(calc.minValue(), FLT_MAX);
@@ -414,7 +431,8 @@ TEST(RescaleSlopeCalculator, IdentityImageDoesNotWidenTheRange) {
     EXPECT_EQ(calc.precisionBitLoss(), 0.0f); // 0.125 is finer than 1
 }
 
-TEST(RescaleSlopeCalculator, SignedDataIsShiftedByTheOffset) {
+TEST(RescaleSlopeCalculator, SignedDataIsShiftedByTheOffset)
+{
     RescaleSlopeCalculator calc(2);
     // 12-bit signed, -2048..2047, shifted by 32768 to 30720..34815.
     EXPECT_EQ(calc.add(1.0f, -1024.0f, 12, true), 34815);
@@ -445,7 +463,8 @@ TEST(RescaleSlopeCalculator, SignedDataIsShiftedByTheOffset) {
     EXPECT_EQ(bytes.maxBits(), 8);
 }
 
-TEST(RescaleSlopeCalculator, ValuesPastTheLimitsAreClamped) {
+TEST(RescaleSlopeCalculator, ValuesPastTheLimitsAreClamped)
+{
     RescaleSlopeCalculator calc(2);
     calc.setLimits(-1024.0f, 3071.0f);
     calc.add(1.0f, -1024.0f, 12, true); // -3072..1023
@@ -465,7 +484,8 @@ TEST(RescaleSlopeCalculator, ValuesPastTheLimitsAreClamped) {
     EXPECT_EQ(identity.numClamped(), 0);
 }
 
-TEST(RescaleSlopeCalculator, PrecisionBitLossByHand) {
+TEST(RescaleSlopeCalculator, PrecisionBitLossByHand)
+{
     // Slopes 0.5 and 4 over 8 bits: range 0..1020, common slope 1020 / 255 = 4,
     // which is 8 times the finer slope: 3 bits.
     RescaleSlopeCalculator calc(1);
@@ -493,7 +513,8 @@ TEST(RescaleSlopeCalculator, PrecisionBitLossByHand) {
 
 // ---- Low-resolution level ----
 
-TEST(LowRes, SizesOfTheListedVolumes) {
+TEST(LowRes, SizesOfTheListedVolumes)
+{
     int lowDims[3];
     int steps[3];
     int const cube[3] = {512, 512, 512};
@@ -518,7 +539,8 @@ TEST(LowRes, SizesOfTheListedVolumes) {
     EXPECT_EQ(std::vector<int>(lowDims, lowDims + 3), (std::vector<int>{256, 256, 382}));
 }
 
-TEST(LowRes, StepIsTheSmallestThatFits) {
+TEST(LowRes, StepIsTheSmallestThatFits)
+{
     for (int d = 1; d < 3000; d += 7) {
         int const dims[3] = {d, d, d};
         int lowDims[3];
@@ -535,7 +557,8 @@ TEST(LowRes, StepIsTheSmallestThatFits) {
     }
 }
 
-TEST(LowRes, BoxOfTheVoxelCentres) {
+TEST(LowRes, BoxOfTheVoxelCentres)
+{
     int const dims[3] = {512, 512, 1};
     int lowDims[3];
     int steps[3];

@@ -112,8 +112,8 @@ void expectImagesMatchFiles(Mdx::TagFile const& tagFile, std::vector<LoadedImage
             ADD_FAILURE() << stage << ": image " << image.sopUID.constData() << " not found";
             continue;
         }
-        differences += compareWithItem(image.file->getDataset(), node,
-                                       stage + " " + image.path.toStdString());
+        differences +=
+            compareWithItem(image.file->getDataset(), node, stage + " " + image.path.toStdString());
         if (differences > 20)
             FAIL() << "too many differences, stopping";
     }
@@ -149,8 +149,8 @@ protected:
             image.path = path;
             image.file = std::make_unique<DcmFileFormat>();
             EXPECT_TRUE(image.file
-                            ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange, 4096,
-                                       ERM_autoDetect)
+                            ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange,
+                                       4096, ERM_autoDetect)
                             .good());
             // The UIDs as the tree reads them: a file whose data set is all UN
             // has its UIDs in hexadecimal text there.
@@ -176,8 +176,9 @@ TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingAndAfterOptimising)
         std::vector<LoadedImage> const images = load(files);
         Mdx::TagFile tagFile;
         for (LoadedImage const& image : images) {
-            ASSERT_NE(tagFile.addDataset(image.file->getDataset(), image.path.toLocal8Bit().constData(), false),
-                      nullptr);
+            ASSERT_NE(
+                tagFile.addDataset(image.file->getDataset(), image.path.toLocal8Bit().constData(), false),
+                nullptr);
         }
         ASSERT_EQ(tagFile.images().size(), static_cast<int>(images.size()));
         ASSERT_EQ(tagFile.studies().size(), 1);
@@ -241,7 +242,8 @@ TEST_F(SampleStudies, addingWholeSeriesKeepsThePropertyAndLeavesTheStudyWithItsU
             std::vector<char const*> nameList;
             for (QByteArray const& name : names)
                 nameList.push_back(name.constData());
-            ASSERT_TRUE(tagFile.addSeries(static_cast<int>(datasets.size()), datasets.data(), nameList.data()));
+            ASSERT_TRUE(
+                tagFile.addSeries(static_cast<int>(datasets.size()), datasets.data(), nameList.data()));
             if (first) {
                 // The first series made the study: it holds the UID and nothing else.
                 Mdx::TagMap const* study = tagFile.study();

@@ -58,7 +58,8 @@ TEST(StudyTree, duplicatesAndForeignStudiesAreRefused)
 {
     TagFile file;
     ASSERT_NE(addImage(file, "1.2", "1.2.3", "1.2.3.4", false, nullptr, {{DCM_PatientID, "first"}}), nullptr);
-    EXPECT_EQ(addImage(file, "1.2", "1.2.3", "1.2.3.4", false, nullptr, {{DCM_PatientID, "second"}}), nullptr);
+    EXPECT_EQ(addImage(file, "1.2", "1.2.3", "1.2.3.4", false, nullptr, {{DCM_PatientID, "second"}}),
+              nullptr);
     EXPECT_EQ(text(file.findImage("1.2.3.4"), DCM_PatientID), "first");
 
     EXPECT_EQ(addImage(file, "9.9", "9.9.9", "9.9.9.9"), nullptr);
@@ -257,7 +258,8 @@ TEST(StudyTree, unreadableFilesAreLoggedAndRefused)
     getTheLogInstance()->setWriteCallback(nullptr);
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].first, McLogFile::LevelError);
-    EXPECT_EQ(messages[0].second.rfind("Could not load /nonexistent/file.dcm: ", 0), 0u) << messages[0].second;
+    EXPECT_EQ(messages[0].second.rfind("Could not load /nonexistent/file.dcm: ", 0), 0u)
+        << messages[0].second;
 }
 
 TEST(StudyTree, addDicomFileReadsARealFile)
@@ -285,7 +287,7 @@ TEST(Suffix, extractSuffixCutsNameQueryAndExtension)
     EXPECT_EQ(suffix("/data/plain.dcm"), "plain");
     EXPECT_EQ(suffix("/data/1.2.3.4_abc.dcm?QA=7"), "abc");
     EXPECT_EQ(suffix("/data/1.2.3.4_abc.jpg"), "");
-    EXPECT_EQ(suffix("a.dcm"), "");   // the name ends below position 6
+    EXPECT_EQ(suffix("a.dcm"), ""); // the name ends below position 6
     EXPECT_EQ(suffix("ab.dcm"), "ab");
     EXPECT_EQ(suffix("/dir_x/name.dcm"), "name"); // never past the file name's start
     EXPECT_EQ(suffix("/data/_.dcm"), "");

@@ -21,39 +21,45 @@ using namespace Mdx;
 
 namespace {
 
-template <typename T> QByteArray pack(std::initializer_list<T> values) {
+template <typename T> QByteArray pack(std::initializer_list<T> values)
+{
     QByteArray bytes;
     for (T value : values)
         bytes.append(reinterpret_cast<char const*>(&value), sizeof value);
     return bytes;
 }
 
-std::unique_ptr<TagElement> make(VR vr, QByteArray const& value) {
+std::unique_ptr<TagElement> make(VR vr, QByteArray const& value)
+{
     auto element = std::make_unique<TagElement>();
     element->mVR = vr;
     element->mValue = value;
     return element;
 }
 
-QByteArray text(VR vr, QByteArray const& value) {
+QByteArray text(VR vr, QByteArray const& value)
+{
     QByteArray out = "stale";
     make(vr, value)->getValueAsString(out);
     return out;
 }
 
 // n copies of field joined by backslashes.
-QByteArray fields(QByteArray const& field, int n) {
+QByteArray fields(QByteArray const& field, int n)
+{
     QByteArray out;
     for (int i = 0; i < n; ++i)
         out += (i ? "\\" : "") + field;
     return out;
 }
 
-template <typename T> bool isExactly(DcmObject const* object) {
+template <typename T> bool isExactly(DcmObject const* object)
+{
     return object && typeid(*object) == typeid(T);
 }
 
-QByteArray dcmBytes(DcmElement* element) {
+QByteArray dcmBytes(DcmElement* element)
+{
     Uint8* bytes = nullptr;
     element->getUint8Array(bytes);
     return QByteArray(reinterpret_cast<char const*>(bytes), static_cast<int>(element->getLength()));
@@ -61,7 +67,8 @@ QByteArray dcmBytes(DcmElement* element) {
 
 } // namespace
 
-TEST(VRTest, StoredCodesAreFixedAndConvertBothWays) {
+TEST(VRTest, StoredCodesAreFixedAndConvertBothWays)
+{
     EXPECT_EQ(VR_AE, 0);
     EXPECT_EQ(VR_SQ, 18);
     EXPECT_EQ(VR_UT, 25);
@@ -79,7 +86,8 @@ TEST(VRTest, StoredCodesAreFixedAndConvertBothWays) {
     EXPECT_STREQ(vrName(VR_US), "US");
 }
 
-TEST(TagElementTest, DefaultElementIsEmptyUnknown) {
+TEST(TagElementTest, DefaultElementIsEmptyUnknown)
+{
     TagElement element;
     EXPECT_EQ(element.mVR, VR_UN);
     EXPECT_TRUE(element.mValue.isEmpty());
@@ -92,7 +100,8 @@ TEST(TagElementTest, DefaultElementIsEmptyUnknown) {
     EXPECT_FALSE(element.isMarker());
 }
 
-TEST(TagElementTest, TextFormOfNumericVRs) {
+TEST(TagElementTest, TextFormOfNumericVRs)
+{
     EXPECT_EQ(text(VR_AT, pack<Uint16>({0x0010, 0x0020, 0x7FE0, 0x0010})), "(0010,0020)\\(7fe0,0010)");
     EXPECT_EQ(text(VR_AT, pack<Uint16>({0x0010, 0x0020, 0x0028})), "(0010,0020)");
     EXPECT_EQ(text(VR_AT, QByteArray(3, '\1')), "");
@@ -106,7 +115,8 @@ TEST(TagElementTest, TextFormOfNumericVRs) {
     EXPECT_EQ(text(VR_xs, pack<Uint16>({65535})), "65535");
 }
 
-TEST(TagElementTest, TextFormOfStringVRsIsTheValue) {
+TEST(TagElementTest, TextFormOfStringVRsIsTheValue)
+{
     for (VR vr : {VR_AE, VR_AS, VR_CS, VR_DA, VR_DS, VR_DT, VR_IS, VR_LO, VR_LT, VR_PN, VR_SH, VR_ST, VR_TM,
                   VR_UI, VR_UT})
         EXPECT_EQ(text(vr, "A\\b c"), "A\\b c") << vr;
@@ -117,7 +127,8 @@ TEST(TagElementTest, TextFormOfStringVRsIsTheValue) {
     EXPECT_EQ(out, "4660");
 }
 
-TEST(TagElementTest, LongWordValuesAreCutAfterThirteenWords) {
+TEST(TagElementTest, LongWordValuesAreCutAfterThirteenWords)
+{
     QByteArray const word = pack<Uint16>({0xABCD});
     EXPECT_EQ(text(VR_OW, word.repeated(12)), fields("abcd", 12));
     EXPECT_EQ(text(VR_OW, word.repeated(13)), fields("abcd", 13) + "...");
@@ -125,7 +136,8 @@ TEST(TagElementTest, LongWordValuesAreCutAfterThirteenWords) {
     EXPECT_EQ(text(VR_OW, word + "x"), "abcd");
 }
 
-TEST(TagElementTest, OtherVRsPrintHexBytesCutAfterTwentyTwo) {
+TEST(TagElementTest, OtherVRsPrintHexBytesCutAfterTwentyTwo)
+{
     EXPECT_EQ(text(VR_OB, QByteArray(21, '\x0f')), fields("0f", 21));
     EXPECT_EQ(text(VR_OB, QByteArray(22, '\x0f')), fields("0f", 22) + "...");
     EXPECT_EQ(text(VR_OB, QByteArray(30, '\xA0')), fields("a0", 22) + "...");
@@ -134,7 +146,8 @@ TEST(TagElementTest, OtherVRsPrintHexBytesCutAfterTwentyTwo) {
         EXPECT_EQ(text(vr, QByteArray("\x01\xff", 2)), "01\\ff") << vr;
 }
 
-TEST(TagElementTest, UnknownVRIsResolvedThroughTheDictionary) {
+TEST(TagElementTest, UnknownVRIsResolvedThroughTheDictionary)
+{
     ASSERT_TRUE(dcmDataDict.isDictionaryLoaded());
     auto element = make(VR_UN, pack<Uint16>({512}));
     QByteArray out;
@@ -151,7 +164,8 @@ TEST(TagElementTest, UnknownVRIsResolvedThroughTheDictionary) {
     EXPECT_EQ(out, "512");
 }
 
-TEST(TagElementTest, ValueAsIntByVR) {
+TEST(TagElementTest, ValueAsIntByVR)
+{
     // The result and ok, which must be set whatever it held before.
     auto asInt = [](VR vr, QByteArray const& value, int index) {
         auto element = make(vr, value);
@@ -180,7 +194,8 @@ TEST(TagElementTest, ValueAsIntByVR) {
     EXPECT_EQ(make(VR_AS, "042")->valueAsInt(nullptr, 0), 42);
 }
 
-TEST(TagElementTest, NumFieldsByVR) {
+TEST(TagElementTest, NumFieldsByVR)
+{
     EXPECT_EQ(make(VR_IS, "1\\2\\3")->numFields(), 3);
     EXPECT_EQ(make(VR_DS, "")->numFields(), 1);
     EXPECT_EQ(make(VR_LO, "a\\b")->numFields(), 0);
@@ -194,7 +209,8 @@ TEST(TagElementTest, NumFieldsByVR) {
     EXPECT_EQ(make(VR_AT, QByteArray(4, '\0'))->numFields(), 0);
 }
 
-TEST(TagElementTest, FieldToVariantParsesDatesTimesAndNumbers) {
+TEST(TagElementTest, FieldToVariantParsesDatesTimesAndNumbers)
+{
     EXPECT_EQ(fieldToVariant(VR_DA, " 20010203 ").toDate(), QDate(2001, 2, 3));
     EXPECT_FALSE(fieldToVariant(VR_DA, "2001011").isValid());
     EXPECT_FALSE(fieldToVariant(VR_DA, "200102031").isValid());
@@ -215,7 +231,8 @@ TEST(TagElementTest, FieldToVariantParsesDatesTimesAndNumbers) {
     EXPECT_EQ(fieldToVariant(VR_LO, QByteArray()).type(), QVariant::String);
 }
 
-TEST(TagElementTest, ValueAsVariantSplitsMultipleValues) {
+TEST(TagElementTest, ValueAsVariantSplitsMultipleValues)
+{
     EXPECT_EQ(make(VR_DA, "20010203")->valueAsVariant().toDate(), QDate(2001, 2, 3));
     EXPECT_EQ(make(VR_TM, "101112")->valueAsVariant().toTime(), QTime(10, 11, 12));
     EXPECT_EQ(make(VR_DT, "20010203040506")->valueAsVariant().toDateTime().date(), QDate(2001, 2, 3));
@@ -229,7 +246,8 @@ TEST(TagElementTest, ValueAsVariantSplitsMultipleValues) {
               QVariant(QVariantList{QString("1"), QString("2")}));
 }
 
-TEST(TagElementTest, ValueReadAsOtherArrayTypes) {
+TEST(TagElementTest, ValueReadAsOtherArrayTypes)
+{
     auto element = make(VR_OB, pack<Uint16>({1, 0xFFFF}));
     auto read = [&](int mode) {
         QByteArray out = "x:";
@@ -249,7 +267,8 @@ TEST(TagElementTest, ValueReadAsOtherArrayTypes) {
     EXPECT_EQ(read(2), "x:");
 }
 
-TEST(TagElementTest, PutValueIntPicksTheSmallestUnsignedForm) {
+TEST(TagElementTest, PutValueIntPicksTheSmallestUnsignedForm)
+{
     TagElement element;
     auto put = [&](int value) {
         element.putValue(value);
@@ -264,7 +283,8 @@ TEST(TagElementTest, PutValueIntPicksTheSmallestUnsignedForm) {
     EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(VR_SL, QByteArray("raw")));
 }
 
-TEST(TagElementTest, PutValueAsStringRoundTripsBinaryVRs) {
+TEST(TagElementTest, PutValueAsStringRoundTripsBinaryVRs)
+{
     struct Case
     {
         VR vr;
@@ -298,7 +318,8 @@ TEST(TagElementTest, PutValueAsStringRoundTripsBinaryVRs) {
     }
 }
 
-TEST(TagElementTest, CompareAndItsDifferenceLine) {
+TEST(TagElementTest, CompareAndItsDifferenceLine)
+{
     auto lo = make(VR_LO, "abc");
     auto sh = make(VR_SH, "abc");
     EXPECT_TRUE(lo->compare(*sh, false, nullptr));
@@ -319,7 +340,8 @@ TEST(TagElementTest, CompareAndItsDifferenceLine) {
     EXPECT_EQ(difference, "na [] <> [abc]\n");
 }
 
-TEST(TagElementTest, CreateDcmElementForStringVRs) {
+TEST(TagElementTest, CreateDcmElementForStringVRs)
+{
     DcmTagKey const key(0x0011, 0x1001);
     for (VR vr : {VR_AE, VR_AS, VR_CS, VR_DA, VR_DS, VR_DT, VR_IS, VR_LO, VR_LT, VR_PN, VR_SH, VR_ST, VR_TM,
                   VR_UI, VR_UT}) {
@@ -333,7 +355,8 @@ TEST(TagElementTest, CreateDcmElementForStringVRs) {
     }
 }
 
-TEST(TagElementTest, CreateDcmElementForBinaryVRs) {
+TEST(TagElementTest, CreateDcmElementForBinaryVRs)
+{
     DcmTagKey const key(0x0011, 0x1002);
     auto create = [&](VR vr, QByteArray const& value, DcmEVR ident) {
         DcmElement* element = make(vr, value)->createDcmElement(key);
@@ -377,7 +400,8 @@ TEST(TagElementTest, CreateDcmElementForBinaryVRs) {
         EXPECT_EQ(make(vr, "x")->createDcmElement(key), nullptr) << vr;
 }
 
-TEST(TagElementTest, CreateDcmElementForOtherVRsDependsOnTheKey) {
+TEST(TagElementTest, CreateDcmElementForOtherVRsDependsOnTheKey)
+{
     QByteArray const bytes("\x01\x02\x03\x04", 4);
     for (VR vr : {VR_OB, VR_OW, VR_ox}) {
         std::unique_ptr<DcmElement> pixels(make(vr, bytes)->createDcmElement(DCM_PixelData));
@@ -405,7 +429,8 @@ TEST(TagElementTest, CreateDcmElementForOtherVRsDependsOnTheKey) {
     EXPECT_EQ(dcmBytes(un.get()), bytes);
 }
 
-TEST(TagElementTest, CloneSharesTheValueAndResetsCounters) {
+TEST(TagElementTest, CloneSharesTheValueAndResetsCounters)
+{
     auto element = make(VR_LO, "shared");
     element->mDifferentCount = 3;
     element->mMissingCount = 4;
@@ -429,7 +454,8 @@ struct LinkedSequence
     TagMap* upperItem = new TagMap;
     TagMap* lowerItem = new TagMap;
 
-    LinkedSequence() {
+    LinkedSequence()
+    {
         upperItem->mIsItem = lowerItem->mIsItem = true;
         upper.addItem(upperItem);
         lower.addItem(lowerItem);
@@ -449,7 +475,8 @@ struct LinkedSequence
 
 } // namespace
 
-TEST(TagSequenceTest, RebuildsItemsWithInheritedValuesAndWithoutMarkers) {
+TEST(TagSequenceTest, RebuildsItemsWithInheritedValuesAndWithoutMarkers)
+{
     LinkedSequence s;
     EXPECT_EQ(s.lower.mVR, VR_SQ);
     std::unique_ptr<DcmElement> element(s.lower.createDcmElement(DCM_ReferencedImageSequence));
@@ -470,7 +497,8 @@ TEST(TagSequenceTest, RebuildsItemsWithInheritedValuesAndWithoutMarkers) {
     EXPECT_EQ(value, "TWO");
 }
 
-TEST(TagSequenceTest, CloneFlattensItems) {
+TEST(TagSequenceTest, CloneFlattensItems)
+{
     LinkedSequence s;
     std::unique_ptr<TagElement> copy(s.lower.clone());
     auto* sequence = dynamic_cast<TagSequence*>(copy.get());
@@ -488,7 +516,8 @@ TEST(TagSequenceTest, CloneFlattensItems) {
     EXPECT_TRUE(sequence->compare(s.lower, true, nullptr));
 }
 
-TEST(TagSequenceTest, CompareItemByItem) {
+TEST(TagSequenceTest, CompareItemByItem)
+{
     LinkedSequence s;
     TagSequence empty1;
     TagSequence empty2;
@@ -508,7 +537,8 @@ TEST(TagSequenceTest, CompareItemByItem) {
     EXPECT_FALSE(withNull.compare(s.lower, true, nullptr));
 }
 
-TEST(DcmOverlayDataTest, IdentCloneAndCopyFrom) {
+TEST(DcmOverlayDataTest, IdentCloneAndCopyFrom)
+{
     Uint8 const bytes[] = {1, 2, 3, 4};
     Mdx::DcmOverlayData overlay(DcmTag(0x6000, 0x3000));
     overlay.putUint8Array(bytes, 4);

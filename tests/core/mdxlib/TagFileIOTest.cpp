@@ -19,12 +19,12 @@
 #include <gtest/gtest.h>
 
 #include <QCryptographicHash>
-#include <QtEndian>
 #include <QDataStream>
 #include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <QtEndian>
 
 #include <memory>
 #include <sys/wait.h>
@@ -151,9 +151,9 @@ TEST_F(TagFileIO, pathComesFromTheMD5OfTheStudyUID)
     EXPECT_EQ(path, TagFile::cacheFilePathForStudy("1.2.840.1"));
     EXPECT_NE(path, TagFile::cacheFilePathForStudy("1.2.840.2"));
     EXPECT_FALSE(path.contains("1.2.840.1"));
-    QString const digits =
-        QCryptographicHash::hash("1.2.840.1\n", QCryptographicHash::Md5).toHex();
-    EXPECT_EQ(path, mDir.path() + "/" + digits.left(2) + "/" + digits.mid(2, 2) + "/" + digits.mid(4) + ".tc");
+    QString const digits = QCryptographicHash::hash("1.2.840.1\n", QCryptographicHash::Md5).toHex();
+    EXPECT_EQ(path,
+              mDir.path() + "/" + digits.left(2) + "/" + digits.mid(2, 2) + "/" + digits.mid(4) + ".tc");
 }
 
 TEST_F(TagFileIO, everyModeRoundTripsThroughDisk)
@@ -169,10 +169,10 @@ TEST_F(TagFileIO, everyModeRoundTripsThroughDisk)
         expectSameTree(original.study(), read.study());
         EXPECT_EQ(read.images().size(), 4);
         EXPECT_EQ(read.series().size(), 2);
-        int series, images, volumes, previews, optimize, readMsec, write, compressed, uncompressed, unoptimized,
-            previewBytes;
-        read.getStatistics(series, images, volumes, previews, optimize, readMsec, write, compressed, uncompressed,
-                           unoptimized, previewBytes);
+        int series, images, volumes, previews, optimize, readMsec, write, compressed, uncompressed,
+            unoptimized, previewBytes;
+        read.getStatistics(series, images, volumes, previews, optimize, readMsec, write, compressed,
+                           uncompressed, unoptimized, previewBytes);
         EXPECT_EQ(volumes, 1);
         EXPECT_EQ(previews, 2);
         EXPECT_EQ(previewBytes, 7 + 13);
@@ -264,7 +264,9 @@ TEST_F(TagFileIO, studySelectionAndSeveralStudies)
     QByteArray const a = bytesOf(first);
     QByteArray const b = bytesOf(second);
     // A payload of both studies, one after the other.
-    auto payloadOf = [](QByteArray const& file) { return file.mid(12, qFromBigEndian<qint32>(file.constData() + 8)); };
+    auto payloadOf = [](QByteArray const& file) {
+        return file.mid(12, qFromBigEndian<qint32>(file.constData() + 8));
+    };
     QByteArray const both = payloadOf(a) + payloadOf(b);
     QByteArray file = QByteArray("TaCa\x00\x00\x02\x00", 8);
     QByteArray length(4, '\0');
@@ -308,7 +310,8 @@ TEST_F(TagFileIO, damagedFilesFailCleanly)
 
     // Mode 1 with a stored payload of 4 bytes or fewer unpacks to nothing.
     TagFile read;
-    EXPECT_FALSE(readBytes(read, QByteArray("TaCa\x00\x00\x02\x01\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00", 19)));
+    EXPECT_FALSE(
+        readBytes(read, QByteArray("TaCa\x00\x00\x02\x01\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00", 19)));
 }
 
 TEST_F(TagFileIO, randomDamageNeverCrashes)
@@ -324,7 +327,8 @@ TEST_F(TagFileIO, randomDamageNeverCrashes)
             QByteArray damaged = bytes;
             int const flips = 1 + static_cast<int>(random.bounded(4));
             for (int f = 0; f < flips; ++f)
-                damaged[static_cast<int>(random.bounded(damaged.size()))] = static_cast<char>(random.bounded(256));
+                damaged[static_cast<int>(random.bounded(damaged.size()))] =
+                    static_cast<char>(random.bounded(256));
             TagFile read;
             if (readBytes(read, damaged)) {
                 // What was read is a consistent tree: every indexed image
@@ -440,7 +444,8 @@ TEST_F(TagFileIO, deleteFunctions)
     std::vector<std::tuple<int, std::string, std::string>> traces;
     static std::vector<std::tuple<int, std::string, std::string>>* sink;
     sink = &traces;
-    SetTraceFunction([](int level, char const* category, char const* text) { sink->emplace_back(level, category, text); });
+    SetTraceFunction(
+        [](int level, char const* category, char const* text) { sink->emplace_back(level, category, text); });
     ConfigureLogging(1, "Server=db.localhost;Database=mdx");
     EXPECT_EQ(GetDatabaseServer(), "Server=db.localhost;Database=mdx");
     ASSERT_FALSE(traces.empty());
@@ -488,12 +493,10 @@ TEST_F(TagFileIO, deleteFunctions)
     SetTraceFunction(nullptr);
 }
 
-
 // Runs body in a child process without write permission anywhere the test
 // made: as root, the child drops to an unprivileged user, since root ignores
 // file modes. Returns the child's exit status.
-template <typename Body>
-int runUnprivileged(Body body)
+template <typename Body> int runUnprivileged(Body body)
 {
     pid_t const pid = fork();
     if (pid == 0) {

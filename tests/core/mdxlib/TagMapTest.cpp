@@ -26,7 +26,8 @@ struct Attr
     VR vr = VR_LO;
 };
 
-TagMap* makeNode(std::initializer_list<Attr> attrs) {
+TagMap* makeNode(std::initializer_list<Attr> attrs)
+{
     auto* node = new TagMap;
     for (Attr const& a : attrs) {
         if (a.value == "~")
@@ -37,33 +38,39 @@ TagMap* makeNode(std::initializer_list<Attr> attrs) {
     return node;
 }
 
-TagMap* link(TagMap* parent, TagMap* child) {
+TagMap* link(TagMap* parent, TagMap* child)
+{
     child->mParent = parent;
     parent->mChildren.append(child);
     return child;
 }
 
 // What a node shows at key through inheritance.
-QByteArray shown(TagMap const* node, DcmTagKey const& key) {
+QByteArray shown(TagMap const* node, DcmTagKey const& key)
+{
     TagElement const* element = node->findElement(key);
     return element ? element->mValue : QByteArray("<none>");
 }
 
 // What a node holds itself: "-" nothing, "~" a missing marker, else the value.
-QByteArray own(TagMap const* node, DcmTagKey const& key) {
+QByteArray own(TagMap const* node, DcmTagKey const& key)
+{
     TagElement const* element = node->ownElement(key);
     return !element ? "-" : element->isMissingMarker() ? "~" : element->mValue;
 }
 
-QList<DcmTagKey> ownKeys(TagMap const* node) {
+QList<DcmTagKey> ownKeys(TagMap const* node)
+{
     return node->elements().keys();
 }
 
-DcmTagKey k(int element) {
+DcmTagKey k(int element)
+{
     return DcmTagKey(0x0010, static_cast<Uint16>(element));
 }
 
-std::string walk(TagMap::iterator it, TagMap::iterator const& end) {
+std::string walk(TagMap::iterator it, TagMap::iterator const& end)
+{
     std::string out;
     for (; it != end; ++it) {
         TagElement const* e = it.element();
@@ -73,7 +80,8 @@ std::string walk(TagMap::iterator it, TagMap::iterator const& end) {
     return out;
 }
 
-TagSequence* putSequence(TagMap* node, DcmTagKey const& key, int items) {
+TagSequence* putSequence(TagMap* node, DcmTagKey const& key, int items)
+{
     auto* sequence = new TagSequence;
     for (int i = 0; i < items; ++i) {
         TagMap* item = makeNode({{DCM_ReferencedSOPInstanceUID, QByteArray::number(i), VR_UI}});
@@ -85,7 +93,8 @@ TagSequence* putSequence(TagMap* node, DcmTagKey const& key, int items) {
 }
 
 // Stored bytes of a subtree as optimize prices them.
-int storedBytes(TagMap const* node) {
+int storedBytes(TagMap const* node)
+{
     int n = 0;
     for (TagElement const* e : node->elements())
         n += e->isMissingMarker() ? 5 : e->mValue.size() + 7;
@@ -96,7 +105,8 @@ int storedBytes(TagMap const* node) {
 
 } // namespace
 
-TEST(TagMapTest, FirstImageMovesEverythingUp) {
+TEST(TagMapTest, FirstImageMovesEverythingUp)
+{
     auto study = std::make_unique<TagMap>();
     auto* series = new TagMap;
     TagMap* image = makeNode({{DCM_SOPInstanceUID, "1.1", VR_UI},
@@ -118,7 +128,8 @@ TEST(TagMapTest, FirstImageMovesEverythingUp) {
             EXPECT_FALSE(e->isMarker());
 }
 
-TEST(TagMapTest, LaterImageKeepsOnlyItsDifferences) {
+TEST(TagMapTest, LaterImageKeepsOnlyItsDifferences)
+{
     auto study = std::make_unique<TagMap>();
     auto* series = new TagMap;
     TagMap* first = makeNode({{DCM_SOPInstanceUID, "1.1", VR_UI},
@@ -157,7 +168,8 @@ TEST(TagMapTest, LaterImageKeepsOnlyItsDifferences) {
     EXPECT_EQ(series->ownElement(DCM_SeriesInstanceUID)->mMissingCount, 0);
 }
 
-TEST(TagMapTest, DifferingSequencesGetTheirItemsLinked) {
+TEST(TagMapTest, DifferingSequencesGetTheirItemsLinked)
+{
     auto makeImage = [](char const* sop, char const* reference) {
         TagMap* image = makeNode({{DCM_SOPInstanceUID, sop, VR_UI}, {DCM_PatientID, "P"}});
         TagSequence* sequence = putSequence(image, DCM_ReferencedImageSequence, 1);
@@ -188,7 +200,8 @@ TEST(TagMapTest, DifferingSequencesGetTheirItemsLinked) {
     EXPECT_EQ(ownKeys(third), QList<DcmTagKey>{DCM_SOPInstanceUID});
 }
 
-TEST(TagMapTest, RemoveAndInsertUID) {
+TEST(TagMapTest, RemoveAndInsertUID)
+{
     std::unique_ptr<TagMap> node(
         makeNode({{DCM_SOPInstanceUID, "1", VR_UI}, {DCM_SeriesInstanceUID, "2", VR_UI}}));
     EXPECT_EQ(node->removeUID(TagMap::LevelItem), nullptr);
@@ -209,7 +222,8 @@ TEST(TagMapTest, RemoveAndInsertUID) {
     EXPECT_EQ(node->elements().size(), 2);
 }
 
-TEST(TagMapTest, IterationOverThreeLevelsAndLookupsOverAll) {
+TEST(TagMapTest, IterationOverThreeLevelsAndLookupsOverAll)
+{
     std::unique_ptr<TagMap> top(makeNode({{k(1), "gg"}, {k(9), "gg9"}}));
     TagMap* grand = link(top.get(), makeNode({{k(2), "g2"}, {k(3), "g3"}, {k(5), "g5"}, {k(7), "g7"}}));
     TagMap* parent = link(grand, makeNode({{k(3), "p3"}, {k(4), "p4"}, {k(5), "~"}, {k(6), "p6"}}));
@@ -242,7 +256,8 @@ TEST(TagMapTest, IterationOverThreeLevelsAndLookupsOverAll) {
     EXPECT_EQ(shown(node, k(11)), "<none>");
 }
 
-TEST(TagMapTest, PrivateBlocksAreFoundByCreator) {
+TEST(TagMapTest, PrivateBlocksAreFoundByCreator)
+{
     std::unique_ptr<TagMap> root(makeNode({{DcmTagKey(0x0029, 0x0010), "ACME 1"},
                                            {DcmTagKey(0x0029, 0x0011), "OTHER"},
                                            {DcmTagKey(0x0029, 0x1008), "r8"},
@@ -272,7 +287,8 @@ TEST(TagMapTest, PrivateBlocksAreFoundByCreator) {
     EXPECT_EQ(child->privateCreator(DcmTagKey(0x0010, 0x1008)), nullptr);
 }
 
-TEST(TagMapTest, PutAndInsertValueWithCreatorReservesBlocks) {
+TEST(TagMapTest, PutAndInsertValueWithCreatorReservesBlocks)
+{
     std::unique_ptr<TagMap> root(
         makeNode({{DcmTagKey(0x0029, 0x0010), "ACME 1"}, {DcmTagKey(0x0029, 0x0011), "B"}}));
     TagMap* child = link(root.get(), makeNode({{DcmTagKey(0x0029, 0x0013), "D"}}));
@@ -299,7 +315,8 @@ TEST(TagMapTest, PutAndInsertValueWithCreatorReservesBlocks) {
     EXPECT_EQ(own(&full, DcmTagKey(0x0029, 0xFF01)), "v");
 }
 
-TEST(TagMapTest, WritingElements) {
+TEST(TagMapTest, WritingElements)
+{
     ASSERT_TRUE(dcmDataDict.isDictionaryLoaded());
     TagMap map;
     EXPECT_TRUE(map.putAndInsertString(DCM_Rows, "512"));
@@ -340,7 +357,8 @@ TEST(TagMapTest, WritingElements) {
     EXPECT_FALSE(map.deleteElement(DCM_PatientName));
 }
 
-TEST(TagMapTest, ReadingValuesAsTextAndInt) {
+TEST(TagMapTest, ReadingValuesAsTextAndInt)
+{
     std::unique_ptr<TagMap> root(makeNode({{DcmTagKey(0x0029, 0x0010), "SIEMENS CSA HEADER"},
                                            {DcmTagKey(0x0029, 0x1008), "IMAGE NUM 4", VR_UN},
                                            {DCM_Rows, QByteArray("\x00\x02", 2), VR_UN},
@@ -369,7 +387,8 @@ DcmTagKey const kKey(0x0010, 0x1000);
 
 // A root holding rootValue at kKey (null: nothing) with one child per entry:
 // null holds nothing, "~" a missing marker, anything else that value.
-std::unique_ptr<TagMap> family(char const* rootValue, std::initializer_list<char const*> children) {
+std::unique_ptr<TagMap> family(char const* rootValue, std::initializer_list<char const*> children)
+{
     auto root = std::make_unique<TagMap>();
     if (rootValue)
         root->putAndInsertValue(kKey, VR_LO, rootValue);
@@ -379,14 +398,16 @@ std::unique_ptr<TagMap> family(char const* rootValue, std::initializer_list<char
 }
 
 // "root|child0|child1|..." in the notation of own().
-std::string state(TagMap const* root) {
+std::string state(TagMap const* root)
+{
     std::string out = own(root, kKey).toStdString();
     for (TagMap const* child : root->children())
         out += "|" + own(child, kKey).toStdString();
     return out;
 }
 
-std::string optimized(char const* rootValue, std::initializer_list<char const*> children) {
+std::string optimized(char const* rootValue, std::initializer_list<char const*> children)
+{
     auto root = family(rootValue, children);
     root->optimize(kKey);
     return state(root.get());
@@ -394,7 +415,8 @@ std::string optimized(char const* rootValue, std::initializer_list<char const*> 
 
 } // namespace
 
-TEST(TagMapOptimizeTest, ThresholdsBetweenTheThreeWays) {
+TEST(TagMapOptimizeTest, ThresholdsBetweenTheThreeWays)
+{
     // total 20 equals sizeB 20: not A, but B beats keeping (33).
     EXPECT_EQ(optimized("CCCCCC", {"AA", "BBBB"}), "BBBB|AA|-");
     // sizeB 20 equals keepSize 20: nothing changes.
@@ -408,7 +430,8 @@ TEST(TagMapOptimizeTest, ThresholdsBetweenTheThreeWays) {
     EXPECT_EQ(own(leaf.get(), kKey), "X");
 }
 
-TEST(TagMapOptimizeTest, HistogramTiesGoToTheShorterThenSmallerValue) {
+TEST(TagMapOptimizeTest, HistogramTiesGoToTheShorterThenSmallerValue)
+{
     EXPECT_EQ(optimized(nullptr, {"A", "A", "BBBBBBBBB"}), "A|-|-|BBBBBBBBB");
     EXPECT_EQ(optimized(nullptr, {"BB", "AA", "AA", "BB"}), "AA|BB|-|-|BB");
     // Same bytes under two VRs: the lower VR code wins, and every child with
@@ -421,7 +444,8 @@ TEST(TagMapOptimizeTest, HistogramTiesGoToTheShorterThenSmallerValue) {
     EXPECT_EQ(root->ownElement(kKey)->mVR, VR_LO);
 }
 
-TEST(TagMapOptimizeTest, KeysMissingEverywhereAreDroppedAtTheRootOnly) {
+TEST(TagMapOptimizeTest, KeysMissingEverywhereAreDroppedAtTheRootOnly)
+{
     EXPECT_EQ(optimized(nullptr, {"~", "~"}), "-|-|-");
     EXPECT_EQ(optimized("X", {"~", "~"}), "-|-|-");
     auto study = std::make_unique<TagMap>();
@@ -432,7 +456,8 @@ TEST(TagMapOptimizeTest, KeysMissingEverywhereAreDroppedAtTheRootOnly) {
     EXPECT_EQ(state(series), "-|~|~");
 }
 
-TEST(TagMapOptimizeTest, SequencesAreNeverMoved) {
+TEST(TagMapOptimizeTest, SequencesAreNeverMoved)
+{
     auto root = family(nullptr, {nullptr, nullptr, nullptr});
     for (TagMap* child : root->children())
         putSequence(child, kKey, 1);
@@ -448,7 +473,8 @@ TEST(TagMapOptimizeTest, SequencesAreNeverMoved) {
     EXPECT_EQ(state(holder.get()), "|A|B");
 }
 
-TEST(TagMapOptimizeTest, StoreOptionAHidesTheInheritedValue) {
+TEST(TagMapOptimizeTest, StoreOptionAHidesTheInheritedValue)
+{
     std::unique_ptr<TagMap> study(makeNode({{kKey, "T"}}));
     TagMap* series = link(study.get(), makeNode({{kKey, "SS"}}));
     link(series, new TagMap);
@@ -467,7 +493,8 @@ TEST(TagMapOptimizeTest, StoreOptionAHidesTheInheritedValue) {
     EXPECT_EQ(own(study.get(), kKey), "-");
 }
 
-TEST(TagMapOptimizeTest, StoreOptionBKeepsWhatEachChildShowed) {
+TEST(TagMapOptimizeTest, StoreOptionBKeepsWhatEachChildShowed)
+{
     auto root = family("ZZ", {nullptr, "AA", "~", "AA", "BB"});
     root->children()[3]->ownElement(kKey)->mVR = VR_SH;
     root->storeOptionB(kKey, VR_SH, "AA");
@@ -481,7 +508,8 @@ TEST(TagMapOptimizeTest, StoreOptionBKeepsWhatEachChildShowed) {
     EXPECT_EQ(state(same.get()), "AA|-");
 }
 
-TEST(TagMapOptimizeTest, OptimizeAllKeepsWhatEveryImageShows) {
+TEST(TagMapOptimizeTest, OptimizeAllKeepsWhatEveryImageShows)
+{
     auto study = std::make_unique<TagMap>();
     std::vector<TagMap*> images;
     std::vector<TagMap*> seriesNodes;
@@ -524,7 +552,8 @@ TEST(TagMapOptimizeTest, OptimizeAllKeepsWhatEveryImageShows) {
     EXPECT_EQ(own(seriesNodes[1], DCM_ImageComments), "-");
 }
 
-TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel) {
+TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel)
+{
     std::unique_ptr<TagMap> study(makeNode({{k(1), "a"}, {k(2), "b"}}));
     TagMap* series = link(study.get(), makeNode({{k(3), "c"}, {k(4), "d"}, {k(5), "e"}}));
     TagMap* image = link(series, makeNode({{k(2), "~"}, {k(4), "~"}, {k(5), "own"}}));
@@ -547,7 +576,8 @@ TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel) {
     EXPECT_EQ(study->elements().size(), 2);
 }
 
-TEST(TagMapTest, CompareReportsTheFirstDifference) {
+TEST(TagMapTest, CompareReportsTheFirstDifference)
+{
     auto pair = [](std::initializer_list<Attr> a, std::initializer_list<Attr> b) {
         return std::make_pair(std::unique_ptr<TagMap>(makeNode(a)), std::unique_ptr<TagMap>(makeNode(b)));
     };
@@ -600,7 +630,8 @@ TEST(TagMapTest, CompareReportsTheFirstDifference) {
     EXPECT_EQ(d, "(0008,1140) (0008,1155) UI [1] <> [9]\n");
 }
 
-TEST(TagMapTest, RemoveTagsNotNeededByClient) {
+TEST(TagMapTest, RemoveTagsNotNeededByClient)
+{
     std::unique_ptr<TagMap> study(makeNode({{DCM_PatientName, "A", VR_PN},
                                             {DcmTagKey(0x0009, 0x1001), "u", VR_UN},
                                             {DcmTagKey(0x2050, 0x0010), "x"},
@@ -634,7 +665,8 @@ TEST(TagMapTest, RemoveTagsNotNeededByClient) {
     EXPECT_EQ(four->mItems.size(), 4);
 }
 
-TEST(TagMapTest, FindPreviewDataWithoutVolumes) {
+TEST(TagMapTest, FindPreviewDataWithoutVolumes)
+{
     auto study = std::make_unique<TagMap>();
     TagMap* out = nullptr;
     EXPECT_TRUE(study->findPreviewData(&out).isEmpty());
@@ -670,7 +702,8 @@ TEST(TagMapTest, FindPreviewDataWithoutVolumes) {
     EXPECT_EQ(study->findPreviewData(nullptr), "P0");
 }
 
-TEST(TagMapTest, CreateTagMapFromDataset) {
+TEST(TagMapTest, CreateTagMapFromDataset)
+{
     unsigned int const maxSize = 64;
     auto insertOB = [](DcmItem& item, DcmTagKey const& key, int length) {
         auto* element = new DcmOtherByteOtherWord(DcmTag(key, EVR_OB));
@@ -751,7 +784,8 @@ TEST(TagMapTest, CreateTagMapFromDataset) {
     EXPECT_EQ(ownKeys(fromItem.get()), QList<DcmTagKey>{DCM_PatientID});
 }
 
-TEST(TagMapTest, CreateTagMapRecordsTheTransferSyntaxOfTheFile) {
+TEST(TagMapTest, CreateTagMapRecordsTheTransferSyntaxOfTheFile)
+{
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     std::string const path = dir.filePath("image.dcm").toStdString();
@@ -769,7 +803,8 @@ TEST(TagMapTest, CreateTagMapRecordsTheTransferSyntaxOfTheFile) {
     EXPECT_EQ(DcmtkToMdx(EXS_DeflatedLittleEndianExplicit), 25);
 }
 
-TEST(TransferSyntaxTest, StoredCodesMapToDcmtkAndBack) {
+TEST(TransferSyntaxTest, StoredCodesMapToDcmtkAndBack)
+{
     int const toDcmtk[TransferSyntaxCount] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13,
                                               14, 15, 16, 17, 18, 19, 20, 21, 22, 24, 25, 23, 26, 27,
                                               32, 33, 34, 35, 36, 37, 38, 28, 29, 30, 31, 39, 40, 41};

