@@ -68,6 +68,8 @@ public:
     // A sibling request for another range of the same object, on the same
     // multi handle, already running.
     LmCurlDownloadRequest* duplicateForRange(unsigned long from, unsigned long to);
+    // The same, with spare as the sibling's spill buffer (its memory is kept).
+    LmCurlDownloadRequest* duplicateForRange(unsigned long from, unsigned long to, QByteArray spare);
 
     bool hasSpilledBytes() const { return mSpillEnd > mSpillPos; }
 

@@ -13,7 +13,13 @@
 namespace {
 
 char const kCategory[] = "CURL";
-constexpr int kFirstSpillSize = 16384;
+// libcurl hands over up to kReceiveBufferSize bytes per callback; reading
+// sockets in large blocks is what lets a single transfer keep up with the
+// curl tool. The first request's spill buffer must hold one such block, or
+// every full reader block would pause the transfer and make libcurl buffer
+// it again.
+constexpr long kReceiveBufferSize = 512 * 1024;
+constexpr int kFirstSpillSize = 1024 * 1024;
 constexpr int kGetAreaSize = 16384;
 constexpr long kLowSpeedLimit = 1;
 constexpr long kLowSpeedTime = 120;
@@ -108,7 +114,8 @@ void LmCurlDownloadRequest::resetOptions(QByteArray const& postData, std::vector
 {
     LmCurlSettings const& settings = LmCurlSettings::get();
     // A later range may absorb its whole range without pausing, so that it
-    // runs at full speed while the front is read.
+    // runs at full speed while the front is read. (A buffer handed over by
+    // the previous range keeps its memory: resize stays within capacity.)
     mSpill.resize(mFrom > 0 ? static_cast<int>(mTo - mFrom + 1) : kFirstSpillSize);
     mSpillPos = mSpillEnd = 0;
     mHeaders = std::move(headers);
@@ -152,6 +159,7 @@ void LmCurlDownloadRequest::resetOptions(QByteArray const& postData, std::vector
     }
     setOption(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
     setOption(CURLOPT_LOW_SPEED_TIME, kLowSpeedTime);
+    setOption(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
 }
 
 void LmCurlDownloadRequest::addToMulti()
@@ -274,6 +282,14 @@ unsigned long LmCurlDownloadRequest::read(char* buf, unsigned long size)
         return 0;
     }
     drainSpillBuffer();
+    // A block served whole from the spill buffer needs no more from the
+    // network: unpausing now would only make the transfer pause again.
+    if (mDestFilled >= mDestSize) {
+        unsigned long const filled = mDestFilled;
+        mDest = nullptr;
+        mDestSize = mDestFilled = 0;
+        return filled;
+    }
     if (!mDone && mPaused) {
         // Clear the flag first: unpausing may deliver data (and pause again)
         // before curl_easy_pause returns.
@@ -347,7 +363,9 @@ size_t LmCurlDownloadRequest::write(char const* data, size_t n)
             return n;
         }
     }
-    if (mDestSize == 0 && static_cast<size_t>(mSpillEnd) + n <= static_cast<size_t>(mSpill.size())) {
+    // No reader waiting, or its block is full: keep what fits in the spill
+    // buffer, and pause only when that is full.
+    if (static_cast<size_t>(mSpillEnd) + n <= static_cast<size_t>(mSpill.size())) {
         std::memcpy(mSpill.data() + mSpillEnd, data, n);
         mSpillEnd += static_cast<int>(n);
         mStatus->bytesReceived += n;
@@ -374,7 +392,14 @@ size_t LmCurlDownloadRequest::handleHeader(char const* line, size_t n)
 
 LmCurlDownloadRequest* LmCurlDownloadRequest::duplicateForRange(unsigned long from, unsigned long to)
 {
+    return duplicateForRange(from, to, QByteArray());
+}
+
+LmCurlDownloadRequest* LmCurlDownloadRequest::duplicateForRange(unsigned long from, unsigned long to,
+                                                                QByteArray spare)
+{
     auto* sibling = new LmCurlDownloadRequest(mMulti);
+    sibling->mSpill = std::move(spare);
     sibling->mStatus->next = std::move(mStatus->next);
     mStatus->next = sibling->mStatus;
     sibling->mUrl = mUrl;
@@ -479,10 +504,13 @@ LmCurlDownloadRequest* LmCurlDownloadStreambuf::request()
     int64_t const lastTo = mRequests.back()->mTo;
     int64_t const total = contentLength();
     if (lastTo + 1 < total) {
+        // The drained front's spill buffer serves the next range: fresh
+        // buffers of many megabytes would be zeroed pages from the kernel.
         LmCurlDownloadRequest* next =
             front->duplicateForRange(static_cast<unsigned long>(lastTo + 1),
                                      static_cast<unsigned long>(std::min<int64_t>(
-                                         total - 1, lastTo + static_cast<int64_t>(mChunkSize))));
+                                         total - 1, lastTo + static_cast<int64_t>(mChunkSize))),
+                                     std::move(front->mSpill));
         delete front;
         mRequests.pop_front();
         mRequests.push_back(next);

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Runs bench_download against a loopback nginx serving one generated file.
+#
+#   bench/download/run.sh [bench_download options...]
+#
+# Environment: MDX_BENCH_BUILD (build folder, default build/bench),
+# MDX_BENCH_SIZE (file size, default 1GiB), SSL_CIPHER_LIST (read by mdxlib:
+# unset keeps its default, empty leaves the choice to libcurl).
+# The file lives on /dev/shm when there is one, so that nginx serves it from
+# memory and the figures are the clients' cost, not the disk's.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$here/../.." && pwd)
+build=${MDX_BENCH_BUILD:-$root/build/bench}
+bench=$build/bench/download/bench_download
+size=${MDX_BENCH_SIZE:-1GiB}
+
+if [ ! -x "$bench" ]; then
+  echo "run.sh: $bench is missing; build it first:" >&2
+  echo "  cmake -S $root -B $build -G Ninja -DCMAKE_BUILD_TYPE=Release -DMDX_BUILD_BENCH=ON -DMDX_BUILD_TESTS=OFF" >&2
+  echo "  cmake --build $build --target bench_download" >&2
+  exit 2
+fi
+
+base=${TMPDIR:-/tmp}
+if [ -d /dev/shm ] && [ -w /dev/shm ]; then
+  base=/dev/shm
+fi
+data=$(mktemp -d "$base/mdx-bench-download.XXXXXX")
+trap 'rm -rf "$data"' EXIT
+
+# Inside the peer: read the file once (page cache when not on tmpfs), note
+# the TLS parameters each client ends up with, then run the benchmark.
+inner='
+set -e
+cat "$MDX_PEER_DATA/big.bin" > /dev/null
+url="https://127.0.0.1:$MDX_NGINX_HTTPS_PORT/big.bin"
+tls() { curl -sk -v -r 0-0 -o /dev/null "$@" "$url" 2>&1 | sed -n "s/^\* SSL connection using /  /p" | head -n 1; }
+echo "TLS of curl:                               $(tls)"
+echo "TLS of curl with mdxlib'"'"'s default cipher list: $(tls --ciphers AES128-GCM-SHA256)"
+echo "nginx: 1 worker on http://127.0.0.1:$MDX_NGINX_HTTP_PORT and https://127.0.0.1:$MDX_NGINX_HTTPS_PORT, data in $MDX_PEER_DATA"
+echo "cpus: $(nproc), $(curl --version | head -n 1)"
+echo
+exec "$@"
+'
+
+echo "generating $size in $data ..."
+python3 "$root/tests/peers/nginx_peer.py" --data "$data" --make-file "big.bin:$size" --port-file "$data/ports" \
+  -- bash -c "$inner" bench "$bench" "$@"
