@@ -34,6 +34,9 @@ public:
     size_t idleMultiHandles() const;
 
 private:
+    template <typename Handle, typename Cleanup>
+    void returnToPool(std::vector<void*>& pool, Handle& handle, Cleanup cleanup);
+
     unsigned long mMaxHandles;
     mutable std::mutex mMutex;
     std::vector<void*> mHandles;

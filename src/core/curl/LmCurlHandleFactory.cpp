@@ -18,6 +18,24 @@ int cleanupMulti(void* handle)
 
 } // namespace
 
+// Keeps handle for reuse; a full pool first gives up its oldest handle.
+template <typename Handle, typename Cleanup>
+void LmCurlHandleFactory::returnToPool(std::vector<void*>& pool, Handle& handle, Cleanup cleanup)
+{
+    if (!handle)
+        return;
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mMaxHandles == 0) {
+        handle.reset();
+        return;
+    }
+    if (pool.size() >= mMaxHandles) {
+        cleanup(pool.front());
+        pool.erase(pool.begin());
+    }
+    pool.push_back(handle.release());
+}
+
 LmCurlHandleFactory::LmCurlHandleFactory(unsigned long maxHandles)
     : mMaxHandles(maxHandles)
 {
@@ -47,18 +65,7 @@ LmCurlEasyHandle LmCurlHandleFactory::createHandle()
 
 void LmCurlHandleFactory::cleanupHandle(LmCurlEasyHandle&& handle)
 {
-    if (!handle)
-        return;
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mMaxHandles == 0) {
-        handle.reset();
-        return;
-    }
-    if (mHandles.size() >= mMaxHandles) {
-        curl_easy_cleanup(mHandles.front());
-        mHandles.erase(mHandles.begin());
-    }
-    mHandles.push_back(handle.release());
+    returnToPool(mHandles, handle, cleanupEasy);
 }
 
 LmCurlMultiHandle LmCurlHandleFactory::createMultiHandle()
@@ -80,18 +87,7 @@ LmCurlMultiHandle LmCurlHandleFactory::createMultiHandle()
 
 void LmCurlHandleFactory::cleanupMultiHandle(LmCurlMultiHandle&& handle)
 {
-    if (!handle)
-        return;
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mMaxHandles == 0) {
-        handle.reset();
-        return;
-    }
-    if (mMultiHandles.size() >= mMaxHandles) {
-        curl_multi_cleanup(mMultiHandles.front());
-        mMultiHandles.erase(mMultiHandles.begin());
-    }
-    mMultiHandles.push_back(handle.release());
+    returnToPool(mMultiHandles, handle, cleanupMulti);
 }
 
 size_t LmCurlHandleFactory::idleHandles() const
