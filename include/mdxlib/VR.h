@@ -14,6 +14,7 @@
 #include <mdxlib/Export.h>
 
 #include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dctagkey.h"
 #include "dcmtk/dcmdata/dcvr.h"
 
 #include <cstdint>
@@ -74,6 +75,9 @@ enum VR : int32_t
 MDX_EXPORT DcmEVR toDcmEVR(VR vr);
 // The stored code of a DCMTK VR; VRs without a code give VR_UNKNOWN.
 MDX_EXPORT VR fromDcmEVR(DcmEVR evr);
+// The VR the data dictionary gives key (with its private creator, or
+// null), read under the dictionary's read lock; VR_UN without an entry.
+MDX_EXPORT VR dictionaryVR(DcmTagKey const& key, char const* privateCreator);
 // "AE", "SQ", ...; "na" for the missing marker, "omitted" for VR_Omitted.
 MDX_EXPORT char const* vrName(VR vr);
 // True for the VRs whose value is text (AE AS CS DA DS DT IS LO LT PN SH ST

@@ -105,15 +105,6 @@ void formatBytes(QByteArray& out, QByteArray const& value)
         out.append("...");
 }
 
-VR dictionaryVR(DcmTagKey const& key, char const* privateCreator)
-{
-    DcmDataDictionary const& dict = dcmDataDict.rdlock();
-    DcmDictEntry const* entry = dict.findEntry(key, privateCreator);
-    VR const vr = entry ? fromDcmEVR(entry->getEVR()) : VR_UN;
-    dcmDataDict.rdunlock();
-    return vr;
-}
-
 QList<QByteArray> splitFields(QByteArray const& value)
 {
     return value.split('\\');

@@ -32,15 +32,6 @@ Uint32 storedLength(DcmObject* object)
     return object->getLength(EXS_LittleEndianImplicit, EET_UndefinedLength);
 }
 
-VR dictionaryVR(DcmTagKey const& key, char const* privateCreator)
-{
-    DcmDataDictionary const& dict = dcmDataDict.rdlock();
-    DcmDictEntry const* entry = dict.findEntry(key, privateCreator);
-    VR const vr = entry ? fromDcmEVR(entry->getEVR()) : VR_UN;
-    dcmDataDict.rdunlock();
-    return vr;
-}
-
 // VR names in compare messages are DCMTK's, as in TagElement::compare.
 char const* dcmVRName(VR vr)
 {

@@ -1,5 +1,8 @@
 #include <mdxlib/VR.h>
 
+#include "dcmtk/dcmdata/dcdicent.h"
+#include "dcmtk/dcmdata/dcdict.h"
+
 #include <array>
 
 namespace Mdx {
@@ -74,6 +77,15 @@ char const* vrName(VR vr)
         if (p.code == vr)
             return p.name;
     return "??";
+}
+
+VR dictionaryVR(DcmTagKey const& key, char const* privateCreator)
+{
+    DcmDataDictionary const& dict = dcmDataDict.rdlock();
+    DcmDictEntry const* entry = dict.findEntry(key, privateCreator);
+    VR const vr = entry ? fromDcmEVR(entry->getEVR()) : VR_UN;
+    dcmDataDict.rdunlock();
+    return vr;
 }
 
 bool isStringVR(VR vr)
