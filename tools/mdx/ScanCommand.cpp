@@ -45,10 +45,11 @@ void printBuildUsage(std::FILE* out)
 
 void printSkipped(ScanResult const& result)
 {
-    std::printf("%lld files: %lld images in %zu studies; skipped %lld not DICOM, %lld without UIDs, "
+    std::printf("%lld files: %lld images in %zu %s; skipped %lld not DICOM, %lld without UIDs, "
                 "%lld duplicate SOP Instance UIDs\n",
                 static_cast<long long>(result.files), static_cast<long long>(result.images),
-                result.studies.size(), static_cast<long long>(result.notDicom),
+                result.studies.size(), result.studies.size() == 1 ? "study" : "studies",
+                static_cast<long long>(result.notDicom),
                 static_cast<long long>(result.withoutUIDs), static_cast<long long>(result.duplicates));
 }
 
