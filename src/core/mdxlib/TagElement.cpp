@@ -444,8 +444,9 @@ DcmElement* TagElement::createDcmElement(DcmTagKey const& key) const
     case VR_UR:
         return withString(new DcmUniversalResourceIdentifierOrLocator(tag));
     case VR_AT: {
+        // DCMTK counts attribute tags here (two words each), not words.
         auto* e = new DcmAttributeTag(tag);
-        e->putUint16Array(reinterpret_cast<Uint16 const*>(text), static_cast<unsigned long>(size / 2));
+        e->putUint16Array(reinterpret_cast<Uint16 const*>(text), static_cast<unsigned long>(size / 4));
         return e;
     }
     case VR_FL:
