@@ -4,9 +4,13 @@
 #include "dcmtk/dcmdata/dctk.h"
 #include "dcmtk/oflog/oflog.h"
 
+#include <mdxlib/platform/ExResource.h>
+#include <mdxlib/platform/McLogFile.h>
+
 #include <QDir>
 #include <QDirIterator>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace mdxtest {
@@ -83,6 +87,47 @@ DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char c
     dataset->putAndInsertUint16(DCM_Rows, 512);
     dataset->putAndInsertUint16(DCM_Columns, 512);
     return dataset;
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    for (auto it = saved.rbegin(); it != saved.rend(); ++it)
+        put(it->first, it->second);
+}
+
+ScopedEnv& ScopedEnv::set(std::string const& name, std::optional<std::string> const& value)
+{
+    char const* old = std::getenv(name.c_str());
+    saved.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+    put(name, value);
+    return *this;
+}
+
+void ScopedEnv::put(std::string const& name, std::optional<std::string> const& value)
+{
+    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    ExResource::reloadConfiguration();
+}
+
+LogCapture::LogCapture()
+{
+    getTheLogInstance()->setWriteCallback([this](int level, std::string const& message) {
+        std::lock_guard<std::mutex> lock(mutex);
+        messages.emplace_back(level, message);
+    });
+}
+
+LogCapture::~LogCapture()
+{
+    getTheLogInstance()->setWriteCallback(nullptr);
+}
+
+int LogCapture::count(int level, std::string const& part)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<int>(std::count_if(messages.begin(), messages.end(), [&](auto const& m) {
+        return m.first == level && m.second.find(part) != std::string::npos;
+    }));
 }
 
 } // namespace mdxtest

@@ -6,7 +6,10 @@
 #include <QStringList>
 
 #include <map>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 class DcmDataset;
@@ -27,6 +30,27 @@ QString testDataDir();
 
 // A dataset with the UIDs of one image and a few common attributes.
 DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char const* sopUID);
+
+// Sets or unsets environment variables (rereading the configuration), and
+// puts them back when it goes.
+struct ScopedEnv
+{
+    ~ScopedEnv();
+    ScopedEnv& set(std::string const& name, std::optional<std::string> const& value);
+    ScopedEnv& unset(std::string const& name) { return set(name, std::nullopt); }
+    static void put(std::string const& name, std::optional<std::string> const& value);
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved;
+};
+
+// The log messages written while it lives, from any thread.
+struct LogCapture
+{
+    LogCapture();
+    ~LogCapture();
+    int count(int level, std::string const& part = "");
+    std::mutex mutex;
+    std::vector<std::pair<int, std::string>> messages;
+};
 
 } // namespace mdxtest
 

@@ -1,5 +1,7 @@
 // The client's URL rules, request building and S3 signing, without a network. Signatures are
 // checked against values botocore produced, AWS's published example and OpenSSL arithmetic here.
+#include "support/TestSupport.h"
+
 #include <mdxlib/cloudauth/LmAwsAuth.h>
 #include <mdxlib/curl/LmCurlClient.h>
 #include <mdxlib/curl/LmCurlDownload.h>
@@ -33,51 +35,8 @@ namespace {
 using Strings = std::vector<std::string>;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-// Sets or unsets environment variables, and puts them back when it goes.
-struct ScopedEnv
-{
-    ~ScopedEnv()
-    {
-        for (auto it = saved.rbegin(); it != saved.rend(); ++it)
-            put(it->first, it->second);
-    }
-    ScopedEnv& set(std::string const& name, std::optional<std::string> const& value)
-    {
-        char const* old = std::getenv(name.c_str());
-        saved.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-        put(name, value);
-        return *this;
-    }
-    ScopedEnv& unset(std::string const& name) { return set(name, std::nullopt); }
-    static void put(std::string const& name, std::optional<std::string> const& value)
-    {
-        value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-        ExResource::reloadConfiguration();
-    }
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved;
-};
-
-// The log messages written while it lives.
-struct LogCapture
-{
-    LogCapture()
-    {
-        getTheLogInstance()->setWriteCallback([this](int level, std::string const& message) {
-            std::lock_guard<std::mutex> lock(mutex);
-            messages.emplace_back(level, message);
-        });
-    }
-    ~LogCapture() { getTheLogInstance()->setWriteCallback(nullptr); }
-    int count(int level, std::string const& part)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return static_cast<int>(std::count_if(messages.begin(), messages.end(), [&](auto const& m) {
-            return m.first == level && m.second.find(part) != std::string::npos;
-        }));
-    }
-    std::mutex mutex;
-    std::vector<std::pair<int, std::string>> messages;
-};
+using mdxtest::LogCapture;
+using mdxtest::ScopedEnv;
 
 // A loopback socket on a free port, listening when asked.
 int loopbackSocket(int& port, bool listening)
