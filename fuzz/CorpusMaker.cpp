@@ -1,8 +1,8 @@
 #include "CorpusMaker.h"
 
-#include <mdxlib/TagFile.h>
-#include <mdxlib/TagMap.h>
-#include <mdxlib/Volume.h>
+#include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/volumes/Volume.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"

@@ -10,10 +10,10 @@
 // The same function runs in the normal test build (fuzz_replay_test) over
 // the seed corpus and the damaged files kept with the tests, so the
 // guarantees hold in builds without a fuzzing compiler too.
-#include <mdxlib/TagFile.h>
-#include <mdxlib/TagMap.h>
-#include <mdxlib/Volume.h>
 #include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/volumes/Volume.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"

@@ -7,9 +7,9 @@
 // Usage: bench_tagfile [--images N] [--runs N] [--keep] [CT_small.dcm]
 // --keep leaves the generated files, the tag file and the JSON behind for
 // inspection.
-#include <mdxlib/Compression.h>
-#include <mdxlib/TagFile.h>
 #include <mdxlib/platform/Lzma.h>
+#include <mdxlib/tagfile/Compression.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcjson.h"

@@ -10,8 +10,8 @@
 
 #include "CorpusMaker.h"
 
-#include <mdxlib/TagFile.h>
 #include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include <gtest/gtest.h>
 

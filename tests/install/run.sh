@@ -38,7 +38,7 @@ library=$(find "$prefix" -name 'libmdxlib.so.*.*' -type f -print -quit)
 libdir=$(dirname "$library")
 [[ -L $libdir/libmdxlib.so ]] || fail "no libmdxlib.so development link"
 [[ -L $libdir/libmdxlib.so.0 ]] || fail "no libmdxlib.so.0 link"
-[[ -f $prefix/include/mdxlib/TagFile.h ]] || fail "headers not installed"
+[[ -f $prefix/include/mdxlib/tagfile/TagFile.h ]] || fail "headers not installed"
 [[ -z $(find "$prefix" -name 'libmdxlib_static*' -print -quit) ]] || fail "the static archive was installed"
 [[ -f $libdir/cmake/mdxlib/mdxlibConfig.cmake ]] || fail "no mdxlibConfig.cmake"
 [[ -f $libdir/cmake/mdxlib/mdxlibConfigVersion.cmake ]] || fail "no mdxlibConfigVersion.cmake"

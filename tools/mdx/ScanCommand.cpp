@@ -4,8 +4,8 @@
 #include "Options.h"
 #include "Scanner.h"
 
-#include <mdxlib/TagFile.h>
 #include <mdxlib/platform/McWatch.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include <QFileInfo>
 
@@ -49,8 +49,8 @@ void printSkipped(ScanResult const& result)
                 "%lld duplicate SOP Instance UIDs\n",
                 static_cast<long long>(result.files), static_cast<long long>(result.images),
                 result.studies.size(), result.studies.size() == 1 ? "study" : "studies",
-                static_cast<long long>(result.notDicom),
-                static_cast<long long>(result.withoutUIDs), static_cast<long long>(result.duplicates));
+                static_cast<long long>(result.notDicom), static_cast<long long>(result.withoutUIDs),
+                static_cast<long long>(result.duplicates));
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 #include "Scanner.h"
 #include "Progress.h"
 
-#include <mdxlib/TagMap.h>
 #include <mdxlib/platform/McWatch.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/tags/TagSequence.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"

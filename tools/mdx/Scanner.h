@@ -2,7 +2,7 @@
 // first half of both `mdx scan` and `mdx build`.
 #pragma once
 
-#include <mdxlib/TagFile.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include <QByteArray>
 

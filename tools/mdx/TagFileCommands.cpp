@@ -3,10 +3,10 @@
 #include "Options.h"
 #include "Scanner.h"
 
-#include <mdxlib/TagFile.h>
-#include <mdxlib/TagFileFunctions.h>
-#include <mdxlib/TagMap.h>
-#include <mdxlib/Volume.h>
+#include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tagfile/TagFileFunctions.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/volumes/Volume.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"

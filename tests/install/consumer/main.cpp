@@ -1,6 +1,6 @@
 // Uses only what the installed library exports.
-#include <mdxlib/TagFile.h>
 #include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include <cstdio>
 

