@@ -147,25 +147,6 @@ TEST(TagMapTest, DifferingSequencesGetTheirItemsLinked)
     EXPECT_EQ(shown(lower->mItems[0], DCM_ReferencedSOPClassUID), "1.2.3");
 }
 
-TEST(TagMapTest, RemoveAndInsertUID)
-{
-    std::unique_ptr<TagMap> map(node("SOPInstanceUID=1|SeriesInstanceUID=2"));
-    EXPECT_EQ(map->removeUID(TagMap::LevelItem), nullptr);
-    EXPECT_EQ(map->removeUID(TagMap::LevelStudy), nullptr);
-    std::unique_ptr<TagElement> uid(map->removeUID(TagMap::LevelImage));
-    ASSERT_TRUE(uid && uid->mValue == "1");
-    EXPECT_EQ(tree(map.get()), "SeriesInstanceUID=2");
-    auto* replacement = new TagElement;
-    TagElement unused;
-    map->insertUID(TagMap::LevelImage, uid.release());
-    map->insertUID(TagMap::LevelSeries, replacement);
-    map->insertUID(TagMap::LevelSeries, replacement); // again: kept, not deleted
-    map->insertUID(TagMap::LevelStudy, nullptr);
-    map->insertUID(TagMap::LevelItem, &unused);
-    EXPECT_EQ(tree(map.get()), "SOPInstanceUID=1 SeriesInstanceUID=");
-    EXPECT_EQ(map->ownElement(DCM_SeriesInstanceUID), replacement);
-}
-
 TEST(TagMapTest, IterationOverThreeLevelsAndLookupsOverAll)
 {
     auto walk = [](TagMap::iterator it, TagMap::iterator const& end) {
@@ -389,51 +370,6 @@ TEST(TagMapOptimizeTest, StoreOptionsAAndB)
     }
 }
 
-TEST(TagMapOptimizeTest, OptimizeAllKeepsWhatEveryImageShows)
-{
-    // Stored bytes of a subtree as optimize prices them.
-    std::function<int(TagMap const*)> storedBytes = [&](TagMap const* node) {
-        int n = 0;
-        for (TagElement const* e : node->elements())
-            n += e->isMissingMarker() ? 5 : e->mValue.size() + 7;
-        for (TagMap const* child : node->children())
-            n += storedBytes(child);
-        return n;
-    };
-    auto study = std::make_unique<TagMap>();
-    std::vector<TagMap*> images;
-    for (int s = 0; s < 2; ++s) {
-        auto* series = new TagMap;
-        for (QByteArray i : {"0", "1", "2", "3", "4"}) {
-            images.push_back(
-                node("SOPInstanceUID:UI=" + QByteArray::number(s) + i + "|Modality:CS=" + (s ? "MR" : "CT") +
-                     "|PatientName:PN=Doe|SeriesInstanceUID:UI=" + QByteArray::number(s) +
-                     "|SliceThickness:DS=" + (i == "3" ? "2.5" : "5") + "|InstanceNumber:IS=" + i +
-                     (s ? "|ContrastBolusAgent=agent" : "") +
-                     (i.toInt() % 2 ? (s ? "|ImageComments:LT=odd" : "|ImageComments:LT=odd image") : "")));
-            series->addChildMap(images.back(), TagMap::LevelImage);
-        }
-        study->addChildMap(series, TagMap::LevelSeries);
-    }
-    std::vector<std::unique_ptr<TagMap>> before;
-    for (TagMap* image : images)
-        before.emplace_back(image->clone());
-    int const bytesBefore = storedBytes(study.get());
-    for (TagMap* series : study->children())
-        series->optimizeAll();
-    study->optimizeAll();
-    for (size_t i = 0; i < images.size(); ++i) {
-        std::unique_ptr<TagMap> after(images[i]->clone());
-        std::string difference;
-        EXPECT_TRUE(after->compare(*before[i], true, &difference)) << i << ": " << difference;
-    }
-    EXPECT_LT(storedBytes(study.get()), bytesBefore);
-    // Three markers and one value cost less than two values.
-    EXPECT_EQ(own(study->children()[0], DCM_ImageComments) + own(images[0], DCM_ImageComments) +
-                  own(images[1], DCM_ImageComments) + own(study->children()[1], DCM_ImageComments),
-              "odd image~--");
-}
-
 TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel)
 {
     std::unique_ptr<TagMap> study(node("0010,0001=a|0010,0002=b"));
@@ -537,11 +473,6 @@ TEST(TagMapTest, FindPreviewDataWithoutVolumes)
     TagMap* inheriting = zero->parent()->children()[0];
     EXPECT_EQ(inheriting->findPreviewData(&out), "S");
     EXPECT_EQ(out, inheriting);
-    // Equal series numbers keep the order of the children, also when many.
-    study = std::make_unique<TagMap>();
-    for (int i = 0; i < 40; ++i)
-        addSeries("7", "P" + QByteArray::number(i));
-    EXPECT_EQ(study->findPreviewData(nullptr), "P0");
 }
 
 TEST(TagMapTest, CreateTagMapFromDataset)
@@ -617,32 +548,19 @@ TEST(TagMapTest, CreateTagMapFromDataset)
     EXPECT_EQ(tree(map.get()), "PatientID=1");
 }
 
-TEST(TagMapTest, CreateTagMapRecordsTheTransferSyntaxOfTheFile)
-{
-    QTemporaryDir dir;
-    std::string const path = dir.filePath("image.dcm").toStdString();
-    for (auto xfer : {EXS_BigEndianExplicit, EXS_DeflatedLittleEndianExplicit, EXS_LittleEndianImplicit}) {
-        DcmFileFormat file, loaded;
-        file.getDataset()->putAndInsertString(DCM_SOPClassUID, UID_SecondaryCaptureImageStorage);
-        file.getDataset()->putAndInsertString(DCM_SOPInstanceUID, "1.2.3");
-        ASSERT_TRUE(file.saveFile(path.c_str(), xfer).good()) << xfer;
-        ASSERT_TRUE(loaded.loadFile(path.c_str()).good());
-        std::unique_ptr<TagMap> map(TagMap::createTagMap(loaded.getDataset(), 1024));
-        EXPECT_EQ(own(map.get(), Tags::TransferSyntax), QByteArray(1, static_cast<char>(DcmtkToMdx(xfer))));
-    }
-}
-
 TEST(TransferSyntaxTest, StoredCodesMapToDcmtkAndBack)
 {
-    // Deflate moved in DCMTK's numbering; the stored code did not.
-    int const toDcmtk[TransferSyntaxCount] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13,
-                                              14, 15, 16, 17, 18, 19, 20, 21, 22, 24, 25, 23, 26, 27,
-                                              32, 33, 34, 35, 36, 37, 38, 28, 29, 30, 31, 39, 40, 41};
-    for (int code = 0; code < TransferSyntaxCount; ++code) {
-        EXPECT_EQ(MdxToDcmtk(static_cast<TransferSyntax>(code)), toDcmtk[code]) << code;
-        EXPECT_EQ(DcmtkToMdx(static_cast<E_TransferSyntax>(toDcmtk[code])), code) << code;
+    // The stored codes follow DCMTK's numbering but for deflate, which moved
+    // there (stored 25) and pushed what followed it; the codes are on disk.
+    std::pair<int, E_TransferSyntax> const pairs[] = {
+        {0, EXS_LittleEndianImplicit},           {22, static_cast<E_TransferSyntax>(22)},
+        {23, static_cast<E_TransferSyntax>(24)}, {25, EXS_DeflatedLittleEndianExplicit},
+        {28, static_cast<E_TransferSyntax>(32)}, {35, static_cast<E_TransferSyntax>(28)},
+        {41, static_cast<E_TransferSyntax>(41)}};
+    for (auto const& [code, dcmtk] : pairs) {
+        EXPECT_EQ(MdxToDcmtk(static_cast<TransferSyntax>(code)), dcmtk) << code;
+        EXPECT_EQ(DcmtkToMdx(dcmtk), code) << code;
     }
-    EXPECT_EQ(DcmtkToMdx(EXS_DeflatedLittleEndianExplicit), 25);
     EXPECT_EQ(MdxToDcmtk(42), EXS_Unknown);
     EXPECT_EQ(MdxToDcmtk(TransferSyntaxUnknown), EXS_Unknown);
     EXPECT_EQ(DcmtkToMdx(EXS_Unknown), 0xFF);
