@@ -98,24 +98,17 @@ protected:
 std::unique_ptr<QTemporaryDir> FuzzReplay::sDir;
 QStringList FuzzReplay::sCorpus;
 
-// Collects the log while it lives; the fuzz target silences the log, so the
-// level is lowered for the reads that check for a reason.
-struct LogCapture
+// The fuzz target silences the log; reads that check for a reason lower
+// the level again while they run.
+struct LoudLog
 {
-    LogCapture()
+    LoudLog()
+        : level(getTheLogInstance()->logLevel())
     {
-        mLevel = getTheLogInstance()->logLevel();
         getTheLogInstance()->setLogLevel(McLogFile::LevelDebug);
-        getTheLogInstance()->setWriteCallback(
-            [this](int, std::string const& text) { messages.push_back(text); });
     }
-    ~LogCapture()
-    {
-        getTheLogInstance()->setWriteCallback(nullptr);
-        getTheLogInstance()->setLogLevel(mLevel);
-    }
-    std::vector<std::string> messages;
-    int mLevel;
+    ~LoudLog() { getTheLogInstance()->setLogLevel(level); }
+    int level;
 };
 
 bool readBytes(QByteArray const& bytes, int* numImages)
@@ -347,7 +340,8 @@ TEST(FuzzReplayDamaged, DamagedFiles)
         QByteArray const bytes = contentsOf(dir.filePath(name));
         EXPECT_EQ(runTarget(bytes), 0);
         if (name.startsWith("refused-")) {
-            LogCapture log;
+            LoudLog loud;
+            mdxtest::LogCapture log;
             EXPECT_FALSE(readBytes(bytes, nullptr));
             EXPECT_FALSE(log.messages.empty()) << "refused without a reason";
         } else if (name.startsWith("accepted-")) {
