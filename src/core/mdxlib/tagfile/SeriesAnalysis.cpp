@@ -12,8 +12,6 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 
-#include <QSet>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -189,20 +187,19 @@ void markLocalizersOfPlainSeries(QList<TagMap*> const& candidates)
 // series' slices.
 void markLocalizersOfSeriesWithVolumes(TagMap const* series, QList<TagMap*> const& candidates)
 {
-    QSet<TagMap*> inVolumes;
     for (Volume const* volume : series->volumes()) {
-        for (TagMap* image : volume->mImages) {
+        for (TagMap* image : volume->mImages)
             setLocalizer(image, false);
-            inVolumes.insert(image);
-        }
     }
 
     std::vector<McVec3f> points;
     for (TagMap* image : candidates) {
-        // The images of the volumes were decided above. The test is on this
-        // run's volumes and not on the tag itself, which a tag file read
-        // from disk already holds, possibly inherited from the series.
-        if (inVolumes.contains(image))
+        // A mark that is there stays: the images of the volumes got theirs
+        // above, and the others theirs when the file was built or read, so
+        // volumes added later or a file read back do not change them. What
+        // an image shows counts, since optimising may hold the mark in the
+        // series.
+        if (image->findElement(Tags::AbstractLocalizer))
             continue;
         McPlane const plane = getLocalizerPlane(image);
         if (!isValidPlane(plane)) {

@@ -118,7 +118,8 @@ int DeleteTagFile(const char* studyUID)
             error = errno;
         }
         getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile",
-                                    "Tag file %s could not be deleted (errno %d)", path.constData(), error);
+                                    "Tag file %s could not be deleted (errno %d): %s", path.constData(),
+                                    error, std::strerror(error));
         return 0;
     });
 }

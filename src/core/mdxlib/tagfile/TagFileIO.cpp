@@ -31,6 +31,11 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <sys/types.h>
+
 namespace Mdx {
 
 namespace {
@@ -113,9 +118,81 @@ QByteArray readToEnd(QDataStream& stream)
     return bytes;
 }
 
+QByteArray localPathOf(QString const& path)
+{
+    return QFile::encodeName(path);
+}
+
+// Creates the folder of path and its parents one level at a time, so that a
+// failure comes with the system's reason (QDir::mkpath gives none).
 bool makeFolderFor(QString const& path)
 {
-    return QDir().mkpath(QFileInfo(path).absolutePath());
+    QByteArray const folder = localPathOf(QFileInfo(path).absolutePath());
+    struct stat info = {};
+    if (::stat(folder.constData(), &info) == 0 && S_ISDIR(info.st_mode))
+        return true;
+    int error = 0;
+    for (int end = 1; end <= folder.size(); ++end) {
+        if (end < folder.size() && folder[end] != '/')
+            continue;
+        QByteArray const part = folder.left(end);
+        if (::mkdir(part.constData(), 0777) != 0 && errno != EEXIST) {
+            error = errno;
+            break;
+        }
+    }
+    if (error == 0 && (::stat(folder.constData(), &info) != 0 || !S_ISDIR(info.st_mode)))
+        error = ENOTDIR;
+    if (error == 0)
+        return true;
+    log().tracef(McLogFile::LevelError, kCategory, "Could not create folder %s: %s", folder.constData(),
+                 std::strerror(error));
+    return false;
+}
+
+// Closes file; a close that fails (the last buffered bytes not written, or
+// the system refusing the close) is reported with the reason.
+bool closeChecked(QFile& file)
+{
+    file.close();
+    if (file.error() == QFileDevice::NoError)
+        return true;
+    log().tracef(McLogFile::LevelError, kCategory, "Could not close %s: %s",
+                 localPathOf(file.fileName()).constData(), file.errorString().toLocal8Bit().constData());
+    return false;
+}
+
+// Writes the tag file into file, open for writing at its start, and closes
+// it. cutTail drops what an earlier, longer content left behind the end.
+// Every step is checked, so that a file that did not get all of its bytes
+// is never reported as written; the first failure is logged with its reason.
+bool writeAndClose(TagFile const& tagFile, QFile& file, bool cutTail)
+{
+    QDataStream stream(&file);
+    char const* step = nullptr;
+    if (!tagFile.writeCacheFile(stream))
+        step = "write";
+    else if (cutTail && !file.resize(file.pos()))
+        step = "truncate";
+    else if (!file.flush())
+        step = "flush";
+    if (step) {
+        log().tracef(McLogFile::LevelError, kCategory, "Could not write %s (%s): %s",
+                     localPathOf(file.fileName()).constData(), step,
+                     file.errorString().toLocal8Bit().constData());
+        file.close();
+        return false;
+    }
+    return closeChecked(file);
+}
+
+bool openForWriting(QFile& file)
+{
+    if (file.open(QIODevice::WriteOnly))
+        return true;
+    log().tracef(McLogFile::LevelError, kCategory, "Could not open %s for writing: %s",
+                 localPathOf(file.fileName()).constData(), file.errorString().toLocal8Bit().constData());
+    return false;
 }
 
 } // namespace
@@ -207,61 +284,45 @@ bool TagFile::writeCacheFile(QDataStream& stream) const
 bool TagFile::writeCacheFile()
 {
     if (mStudies.isEmpty()) {
-        if (mFile.isOpen()) {
-            mFile.close();
-            return QFile::remove(mPath);
+        if (!mFile.isOpen())
+            return false;
+        closeChecked(mFile);
+        if (!mFile.remove()) {
+            log().tracef(McLogFile::LevelError, kCategory, "Could not remove %s: %s",
+                         localPathOf(mPath).constData(), mFile.errorString().toLocal8Bit().constData());
+            return false;
         }
-        return false;
+        return true;
     }
     QString const path = cacheFilePathForStudy(mStudies.firstKey().constData());
+    // A file kept open by readCacheFile is rewritten in place, from its
+    // start; the stale tail a shorter content leaves is cut off.
     bool const reopened = mFile.isOpen();
-    if (!reopened) {
-        makeFolderFor(path);
-        mFile.setFileName(path);
-        if (!mFile.open(QIODevice::WriteOnly)) {
-            log().tracef(McLogFile::LevelError, kCategory, "Could not open %s for writing",
-                         path.toLocal8Bit().constData());
+    if (reopened) {
+        if (!mFile.seek(0)) {
+            log().tracef(McLogFile::LevelError, kCategory, "Could not write %s (seek): %s",
+                         localPathOf(path).constData(), mFile.errorString().toLocal8Bit().constData());
+            mFile.close();
             return false;
         }
     } else {
-        mFile.seek(0);
+        mFile.setFileName(path);
+        if (!makeFolderFor(path) || !openForWriting(mFile))
+            return false;
     }
-    QDataStream stream(&mFile);
-    bool const written = writeCacheFile(stream);
-    // A rewrite through the file kept open by readCacheFile may be shorter
-    // than what was there; readers stop after the preview list anyway, but
-    // the stale tail is of no use to anyone.
-    if (written && reopened)
-        mFile.resize(mFile.pos());
-    bool const flushed = mFile.flush();
-    mFile.close();
+    bool const written = writeAndClose(*this, mFile, reopened);
     mPath = path;
-    if (!written || !flushed) {
-        log().tracef(McLogFile::LevelError, kCategory, "Could not write %s", path.toLocal8Bit().constData());
-        return false;
-    }
-    if (log().debugEnabled())
+    if (written && log().debugEnabled())
         log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec",
-                     path.toLocal8Bit().constData(), mWriteMsec);
-    return true;
+                     localPathOf(path).constData(), mWriteMsec);
+    return written;
 }
 
 bool TagFile::writeCacheFile(char const* path) const
 {
-    QString const name = QString::fromLocal8Bit(path);
-    makeFolderFor(name);
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly)) {
-        log().tracef(McLogFile::LevelError, kCategory, "Could not open %s for writing", path);
+    QFile file(QString::fromLocal8Bit(path));
+    if (!makeFolderFor(file.fileName()) || !openForWriting(file) || !writeAndClose(*this, file, false))
         return false;
-    }
-    QDataStream stream(&file);
-    bool const written = writeCacheFile(stream) && file.flush();
-    file.close();
-    if (!written) {
-        log().tracef(McLogFile::LevelError, kCategory, "Could not write %s", path);
-        return false;
-    }
     if (log().debugEnabled())
         log().tracef(McLogFile::LevelDebug, kCategory, "Written tag file %s in %d msec", path, mWriteMsec);
     return true;
@@ -305,7 +366,7 @@ bool TagFile::readCacheFile(QString const& path, char const* studyUID, bool keep
     QDataStream stream(&mFile);
     bool const ok = readCacheFile(stream, studyUID);
     if (!keepOpen || !ok)
-        mFile.close();
+        closeChecked(mFile);
     mReadMsec = static_cast<int>(watch.elapsedMsec());
     if (!ok)
         log().tracef(McLogFile::LevelInfo, kCategory, "Could not read %s", localPath.constData());

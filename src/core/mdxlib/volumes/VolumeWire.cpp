@@ -6,6 +6,7 @@
 //   3  one image a slice, n == dims.z          n unsigned shorts
 //   4  one image a slice, any other            int n, n ints
 //   5  frames, n == dims.z, all below 65536    n pairs of unsigned shorts
+//      (image -1 as 65535)
 //   6  frames, any other                       int n, n pairs of ints
 // Kinds without a written count take n from dims.z.
 #include <mdxlib/volumes/Volume.h>
@@ -21,6 +22,13 @@ namespace Mdx {
 namespace {
 
 constexpr size_t kBlockCapacity = 32768;
+// The 16-bit form of image index -1, the slice whose image is unknown.
+constexpr int kUnknownShortIndex = 0xFFFF;
+// Kinds 1 and 2 carry no payload: their slice count is dims.z. A count
+// above the series' images is kept (images may have been removed from the
+// series since), but only up to this surplus, so that a damaged dims.z
+// cannot make a table of billions of slices.
+constexpr int kMaxMissingImages = 65535;
 
 enum MappingKind : unsigned char
 {
@@ -48,12 +56,14 @@ MappingKind chooseKind(QVector<Volume::MultiFrameInfo> const& slices, int numIma
             return KindReversed;
         return n <= 65535 && n == dimsZ ? KindShortImages : KindIntImages;
     }
-    // Image indices must fit as well: -1 (an image not in the series) would
-    // not survive an unsigned short.
+    // In sixteen bits an unknown image (-1) is stored as 65535, which the
+    // reader turns back into -1; a real index of 65535 would read back as
+    // unknown, and a larger one would lose its high bits, so volumes with
+    // such indices take the int form.
     bool fitsShort = n < 65536 && n == dimsZ;
     for (int i = 0; fitsShort && i < n; ++i)
-        fitsShort = slices[i].frame >= 0 && slices[i].frame < 65536 && slices[i].imageIndex >= 0 &&
-                    slices[i].imageIndex < 65536;
+        fitsShort = slices[i].frame >= 0 && slices[i].frame < 65536 && slices[i].imageIndex >= -1 &&
+                    slices[i].imageIndex < kUnknownShortIndex;
     return fitsShort ? KindShortFrames : KindIntFrames;
 }
 
@@ -126,12 +136,9 @@ bool Volume::deserialize(LmMsg& in, QList<QByteArray> const& previews, int numIm
     case KindIdentity:
     case KindReversed: {
         int const n = impliedCount;
-        // No payload bounds these kinds: a count beyond the series' images
-        // cannot be right and is not built.
-        if (n < 0 || n > numImages) {
-            fits = false;
+        fits = n >= 0 && n <= numImages;
+        if (n < 0 || n - numImages > kMaxMissingImages)
             break;
-        }
         mMultiFrameInfo.resize(n);
         for (int i = 0; i < n; ++i)
             mMultiFrameInfo[i] = MultiFrameInfo{kind == KindIdentity ? i : n - 1 - i, 0};
@@ -148,7 +155,8 @@ bool Volume::deserialize(LmMsg& in, QList<QByteArray> const& previews, int numIm
             in >> image;
             if (kind == KindShortFrames)
                 in >> frame;
-            mMultiFrameInfo[i] = MultiFrameInfo{image, kind == KindShortFrames ? frame : 0};
+            int const index = image == kUnknownShortIndex ? -1 : image;
+            mMultiFrameInfo[i] = MultiFrameInfo{index, kind == KindShortFrames ? frame : 0};
         }
         break;
     }

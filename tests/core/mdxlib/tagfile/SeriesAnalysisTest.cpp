@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTemporaryDir>
+
 #include <cmath>
 #include <iterator>
 #include <map>
@@ -297,6 +299,35 @@ TEST(Localizers, moreThanHalfOfTheSlicesMustBeCut)
         file.createAbstractSeriesLocalizer();
         EXPECT_EQ(localizer(file, "1.2.1.3"), n == 21 ? 1 : 0) << n;
     }
+}
+
+TEST(Localizers, volumesDecideOnlyForImagesWithoutAMarkYet)
+{
+    // Two axial planes across a coronal volume: both localizers by the
+    // geometry, but one was marked 0 before (by an earlier run, or in the
+    // tag file it was read from), and that mark stays, also on disk.
+    McMat4f const coronal{{{2, 0, 0, -64}, {0, 0, 5, -50}, {0, -2, 0, 64}, {0, 0, 0, 1}}};
+    TagFile file;
+    addImage(file, "1.2.1", "1.2.1.1", {{DCM_NumberOfFrames, "5"}});
+    addImage(file, "1.2.1", "1.2.1.4", {{DCM_NumberOfFrames, "5"}});
+    addPlane(file, "1.2.1", "1.2.1.2", kAxial, "-100\\-100\\0");
+    addPlane(file, "1.2.1", "1.2.1.3", kAxial, "-100\\-100\\0")
+        ->putAndInsertInt(Mdx::Tags::AbstractLocalizer, 0);
+    // As many volume images as candidates: the volumes decide.
+    addVolume(file, {"1.2.1.1", "1.2.1.4"}, McVec3i(64, 64, 5), McBox3f(0, 63, 0, 63, 0, 4), coronal);
+    file.createAbstractSeriesLocalizer();
+    EXPECT_EQ(localizer(file, "1.2.1.2"), 1);
+    EXPECT_EQ(localizer(file, "1.2.1.3"), 0);
+
+    QTemporaryDir dir;
+    QString const path = dir.filePath("study.tc");
+    ASSERT_TRUE(file.writeCacheFile(path.toLocal8Bit().constData()));
+    TagFile read;
+    ASSERT_TRUE(read.readCacheFile(path, nullptr, false));
+    read.createAbstractSeriesLocalizer();
+    EXPECT_EQ(localizer(read, "1.2.1.2"), 1);
+    EXPECT_EQ(localizer(read, "1.2.1.3"), 0);
+    EXPECT_EQ(localizer(read, "1.2.1.1"), 0);
 }
 
 TEST(Previews, twentyImagesGiveTheMiddleOneByNumberAndNineteenGiveAll)

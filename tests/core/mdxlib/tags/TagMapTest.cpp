@@ -147,55 +147,6 @@ TEST(TagMapTest, DifferingSequencesGetTheirItemsLinked)
     EXPECT_EQ(shown(lower->mItems[0], DCM_ReferencedSOPClassUID), "1.2.3");
 }
 
-TEST(TagMapTest, RemoveAndInsertUID)
-{
-    std::unique_ptr<TagMap> map(node("SOPInstanceUID=1|SeriesInstanceUID=2"));
-    EXPECT_EQ(map->removeUID(TagMap::LevelItem), nullptr);
-    EXPECT_EQ(map->removeUID(TagMap::LevelStudy), nullptr);
-    std::unique_ptr<TagElement> uid(map->removeUID(TagMap::LevelImage));
-    ASSERT_TRUE(uid && uid->mValue == "1");
-    EXPECT_EQ(tree(map.get()), "SeriesInstanceUID=2");
-    auto* replacement = new TagElement;
-    TagElement unused;
-    map->insertUID(TagMap::LevelImage, uid.release());
-    map->insertUID(TagMap::LevelSeries, replacement);
-    map->insertUID(TagMap::LevelSeries, replacement); // again: kept, not deleted
-    map->insertUID(TagMap::LevelStudy, nullptr);
-    map->insertUID(TagMap::LevelItem, &unused);
-    EXPECT_EQ(tree(map.get()), "SOPInstanceUID=1 SeriesInstanceUID=");
-    EXPECT_EQ(map->ownElement(DCM_SeriesInstanceUID), replacement);
-}
-
-TEST(TagMapTest, IterationOverThreeLevelsAndLookupsOverAll)
-{
-    auto walk = [](TagMap::iterator it, TagMap::iterator const& end) {
-        std::string out;
-        for (; it != end; ++it)
-            out += std::to_string(it.key().getElement()) + "=" + text(it.element(), "").toStdString() + " ";
-        return out;
-    };
-    std::unique_ptr<TagMap> top(node("0010,0001=gg|0010,0009=gg9"));
-    TagMap* grand = link(top.get(), node("0010,0002=g2|0010,0003=g3|0010,0005=g5|0010,0007=g7"));
-    TagMap* parent = link(grand, node("0010,0003=p3|0010,0004=p4|0010,0005=~|0010,0006=p6"));
-    TagMap* child = link(parent, node("0010,0002=n2|0010,0004=~|0010,0006=!|0010,0008=n8"));
-    TagMap* hidden = link(parent, node("0010,0002=~|0010,0003=~"));
-    EXPECT_EQ(walk(child->begin(), child->end()), "2=n2 3=p3 6=! 7=g7 8=n8 ");
-    EXPECT_EQ(walk(parent->begin(), parent->end()), "1=gg 2=g2 3=p3 4=p4 6=p6 7=g7 9=gg9 ");
-    EXPECT_EQ(walk(hidden->begin(), hidden->end()), "4=p4 6=p6 7=g7 ");
-    EXPECT_EQ(walk(child->lowerBound(k(4)), child->end()), "6=! 7=g7 8=n8 ");
-    EXPECT_EQ(walk(child->lowerBound(k(1)), child->end()), walk(child->begin(), child->end()));
-    EXPECT_TRUE(child->lowerBound(k(10)) == child->end() && TagMap::iterator() == child->end());
-    EXPECT_TRUE(child->begin() == child->lowerBound(k(2)));
-    EXPECT_FALSE(child->begin() == child->lowerBound(k(3)) || child->begin() == child->lowerBound(k(8)));
-    TagMap::iterator it = child->lowerBound(k(8));
-    EXPECT_TRUE(++it == child->end() && ++it == child->end());
-    // Point lookups walk the whole chain; the first holder decides.
-    EXPECT_EQ(shown(child, k(1)) + shown(child, k(4)) + shown(child, k(5)) + shown(child, k(6)),
-              "gg<none><none>!");
-    EXPECT_EQ(shown(grand, k(5)) + shown(child, k(11)), "g5<none>");
-    EXPECT_EQ(child->findElement(DcmTag(k(3))), parent->ownElement(k(3)));
-}
-
 TEST(TagMapTest, PrivateBlocksAreFoundAndReservedByCreator)
 {
     std::unique_ptr<TagMap> root(
@@ -389,51 +340,6 @@ TEST(TagMapOptimizeTest, StoreOptionsAAndB)
     }
 }
 
-TEST(TagMapOptimizeTest, OptimizeAllKeepsWhatEveryImageShows)
-{
-    // Stored bytes of a subtree as optimize prices them.
-    std::function<int(TagMap const*)> storedBytes = [&](TagMap const* node) {
-        int n = 0;
-        for (TagElement const* e : node->elements())
-            n += e->isMissingMarker() ? 5 : e->mValue.size() + 7;
-        for (TagMap const* child : node->children())
-            n += storedBytes(child);
-        return n;
-    };
-    auto study = std::make_unique<TagMap>();
-    std::vector<TagMap*> images;
-    for (int s = 0; s < 2; ++s) {
-        auto* series = new TagMap;
-        for (QByteArray i : {"0", "1", "2", "3", "4"}) {
-            images.push_back(
-                node("SOPInstanceUID:UI=" + QByteArray::number(s) + i + "|Modality:CS=" + (s ? "MR" : "CT") +
-                     "|PatientName:PN=Doe|SeriesInstanceUID:UI=" + QByteArray::number(s) +
-                     "|SliceThickness:DS=" + (i == "3" ? "2.5" : "5") + "|InstanceNumber:IS=" + i +
-                     (s ? "|ContrastBolusAgent=agent" : "") +
-                     (i.toInt() % 2 ? (s ? "|ImageComments:LT=odd" : "|ImageComments:LT=odd image") : "")));
-            series->addChildMap(images.back(), TagMap::LevelImage);
-        }
-        study->addChildMap(series, TagMap::LevelSeries);
-    }
-    std::vector<std::unique_ptr<TagMap>> before;
-    for (TagMap* image : images)
-        before.emplace_back(image->clone());
-    int const bytesBefore = storedBytes(study.get());
-    for (TagMap* series : study->children())
-        series->optimizeAll();
-    study->optimizeAll();
-    for (size_t i = 0; i < images.size(); ++i) {
-        std::unique_ptr<TagMap> after(images[i]->clone());
-        std::string difference;
-        EXPECT_TRUE(after->compare(*before[i], true, &difference)) << i << ": " << difference;
-    }
-    EXPECT_LT(storedBytes(study.get()), bytesBefore);
-    // Three markers and one value cost less than two values.
-    EXPECT_EQ(own(study->children()[0], DCM_ImageComments) + own(images[0], DCM_ImageComments) +
-                  own(images[1], DCM_ImageComments) + own(study->children()[1], DCM_ImageComments),
-              "odd image~--");
-}
-
 TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel)
 {
     std::unique_ptr<TagMap> study(node("0010,0001=a|0010,0002=b"));
@@ -449,6 +355,13 @@ TEST(TagMapTest, CloneFlattensAndCopyFromParentFillsOneLevel)
               "(0010,0001)=a (0010,0002)=b {(0010,0003)=c (0010,0004)=d (0010,0005)=e "
               "{(0010,0002)=~ (0010,0003)=c (0010,0004)=~ (0010,0005)=own (0010,0006)=!}}");
     EXPECT_NE(image->ownElement(k(3)), series->ownElement(k(3)));
+    // Lookups walk the chain and the first holder decides: a marker in the
+    // middle hides what lies above it.
+    std::unique_ptr<TagMap> top(node("0010,0007=z"));
+    TagMap* middle = link(top.get(), node("0010,0007=~"));
+    TagMap* below = link(middle, new TagMap);
+    EXPECT_EQ(shown(below, k(7)) + shown(below, k(1)), "<none><none>");
+    EXPECT_EQ(shown(link(top.get(), new TagMap), k(7)), "z");
 }
 
 TEST(TagMapTest, CompareReportsTheFirstDifference)
@@ -537,11 +450,6 @@ TEST(TagMapTest, FindPreviewDataWithoutVolumes)
     TagMap* inheriting = zero->parent()->children()[0];
     EXPECT_EQ(inheriting->findPreviewData(&out), "S");
     EXPECT_EQ(out, inheriting);
-    // Equal series numbers keep the order of the children, also when many.
-    study = std::make_unique<TagMap>();
-    for (int i = 0; i < 40; ++i)
-        addSeries("7", "P" + QByteArray::number(i));
-    EXPECT_EQ(study->findPreviewData(nullptr), "P0");
 }
 
 TEST(TagMapTest, CreateTagMapFromDataset)
@@ -617,32 +525,19 @@ TEST(TagMapTest, CreateTagMapFromDataset)
     EXPECT_EQ(tree(map.get()), "PatientID=1");
 }
 
-TEST(TagMapTest, CreateTagMapRecordsTheTransferSyntaxOfTheFile)
-{
-    QTemporaryDir dir;
-    std::string const path = dir.filePath("image.dcm").toStdString();
-    for (auto xfer : {EXS_BigEndianExplicit, EXS_DeflatedLittleEndianExplicit, EXS_LittleEndianImplicit}) {
-        DcmFileFormat file, loaded;
-        file.getDataset()->putAndInsertString(DCM_SOPClassUID, UID_SecondaryCaptureImageStorage);
-        file.getDataset()->putAndInsertString(DCM_SOPInstanceUID, "1.2.3");
-        ASSERT_TRUE(file.saveFile(path.c_str(), xfer).good()) << xfer;
-        ASSERT_TRUE(loaded.loadFile(path.c_str()).good());
-        std::unique_ptr<TagMap> map(TagMap::createTagMap(loaded.getDataset(), 1024));
-        EXPECT_EQ(own(map.get(), Tags::TransferSyntax), QByteArray(1, static_cast<char>(DcmtkToMdx(xfer))));
-    }
-}
-
 TEST(TransferSyntaxTest, StoredCodesMapToDcmtkAndBack)
 {
-    // Deflate moved in DCMTK's numbering; the stored code did not.
-    int const toDcmtk[TransferSyntaxCount] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13,
-                                              14, 15, 16, 17, 18, 19, 20, 21, 22, 24, 25, 23, 26, 27,
-                                              32, 33, 34, 35, 36, 37, 38, 28, 29, 30, 31, 39, 40, 41};
-    for (int code = 0; code < TransferSyntaxCount; ++code) {
-        EXPECT_EQ(MdxToDcmtk(static_cast<TransferSyntax>(code)), toDcmtk[code]) << code;
-        EXPECT_EQ(DcmtkToMdx(static_cast<E_TransferSyntax>(toDcmtk[code])), code) << code;
+    // The stored codes follow DCMTK's numbering but for deflate, which moved
+    // there (stored 25) and pushed what followed it; the codes are on disk.
+    std::pair<int, E_TransferSyntax> const pairs[] = {
+        {0, EXS_LittleEndianImplicit},           {22, static_cast<E_TransferSyntax>(22)},
+        {23, static_cast<E_TransferSyntax>(24)}, {25, EXS_DeflatedLittleEndianExplicit},
+        {28, static_cast<E_TransferSyntax>(32)}, {35, static_cast<E_TransferSyntax>(28)},
+        {41, static_cast<E_TransferSyntax>(41)}};
+    for (auto const& [code, dcmtk] : pairs) {
+        EXPECT_EQ(MdxToDcmtk(static_cast<TransferSyntax>(code)), dcmtk) << code;
+        EXPECT_EQ(DcmtkToMdx(dcmtk), code) << code;
     }
-    EXPECT_EQ(DcmtkToMdx(EXS_DeflatedLittleEndianExplicit), 25);
     EXPECT_EQ(MdxToDcmtk(42), EXS_Unknown);
     EXPECT_EQ(MdxToDcmtk(TransferSyntaxUnknown), EXS_Unknown);
     EXPECT_EQ(DcmtkToMdx(EXS_Unknown), 0xFF);

