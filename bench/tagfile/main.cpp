@@ -23,6 +23,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -62,6 +63,7 @@ struct Options
     int runs = 7;
     bool keep = false;
     QString sample;
+    QString read; // an existing tag file: only its read figures
 };
 
 using Clock = std::chrono::steady_clock;
@@ -291,6 +293,7 @@ struct ModeFigures
     double readMsec = 0;
     double readFaults = 0;
     double unpackMsec = 0;
+    double treeBytes = 0;
 };
 
 ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path, int runs, int images)
@@ -320,9 +323,13 @@ ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path
     figures.readMsec = medianMsec(runs, [&] {
         Mdx::TagFile file; // deleted after the timing: a reader keeps its tree
         long const faults = minorFaults();
+        size_t const heap = mallinfo2().uordblks;
         double const msec = timeMsec([&] { file.readCacheFile(path, nullptr, false); });
         figures.readFaults += double(minorFaults() - faults) / runs;
-        if (file.images().size() != images) {
+        // Heap in use after the read, less before: the tree and its indexes
+        // (the payload buffers are freed by then).
+        figures.treeBytes = double(mallinfo2().uordblks - heap);
+        if (images >= 0 && file.images().size() != images) {
             std::fprintf(stderr, "Mode %d: read back %d images instead of %d\n", mode, file.images().size(),
                          images);
             std::exit(1);
@@ -380,6 +387,25 @@ JsonFigures studyAsJson(std::vector<std::string> const& paths, Uint32 limit, QSt
     return {json.size(), gzipSize(json)};
 }
 
+// --read: the read figures of an existing tag file, rewritten in mode 1 to
+// a temporary folder; quick to repeat while working on the reader.
+int readOnly(Options const& options)
+{
+    Mdx::TagFile file;
+    QTemporaryDir folder;
+    if (!folder.isValid() || !file.readCacheFile(options.read, nullptr, false)) {
+        std::fprintf(stderr, "Could not read %s\n", options.read.toLocal8Bit().constData());
+        return 1;
+    }
+    ModeFigures const zlib = measureMode(file, 1, folder.path() + "/study.tc", options.runs, -1);
+    std::printf("%d images; payload %lld bytes; read %.2f ms; inflate %.2f ms; tree %.0f bytes\n",
+                file.images().size(), static_cast<long long>(zlib.unpacked), zlib.readMsec, zlib.unpackMsec,
+                zlib.treeBytes);
+    std::printf("read time / inflate time = %.2f\n", zlib.readMsec / zlib.unpackMsec);
+    std::printf("tree bytes / payload bytes = %.2f\n", zlib.treeBytes / zlib.unpacked);
+    return 0;
+}
+
 bool parseOptions(int argc, char** argv, Options& options)
 {
     for (int i = 1; i < argc; ++i) {
@@ -387,6 +413,8 @@ bool parseOptions(int argc, char** argv, Options& options)
         if ((arg == "--images" || arg == "--runs") && i + 1 < argc) {
             int const value = std::atoi(argv[++i]);
             (arg == "--images" ? options.images : options.runs) = value;
+        } else if (arg == "--read" && i + 1 < argc) {
+            options.read = QString::fromLocal8Bit(argv[++i]);
         } else if (arg == "--keep") {
             options.keep = true;
         } else if (arg.rfind("--", 0) == 0) {
@@ -404,11 +432,15 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parseOptions(argc, argv, options)) {
-        std::fprintf(stderr, "Usage: %s [--images N (>= %d)] [--runs N] [--keep] [CT_small.dcm]\n", argv[0],
-                     kSeries);
+        std::fprintf(stderr,
+                     "Usage: %s [--images N (>= %d)] [--runs N] [--keep] [CT_small.dcm]\n       %s --read "
+                     "FILE.tc [--runs N]\n",
+                     argv[0], kSeries, argv[0]);
         return 2;
     }
     OFLog::configure(OFLogger::ERROR_LOG_LEVEL); // the sample's oddities are not news here
+    if (!options.read.isEmpty())
+        return readOnly(options);
     QString const sample = findSample(options);
     DcmFileFormat source;
     if (sample.isEmpty() || source.loadFile(sample.toLocal8Bit().constData()).bad()) {
@@ -486,6 +518,7 @@ int main(int argc, char** argv)
     row("  read: readCacheFile (ms)", &ModeFigures::readMsec, " %14.2f");
     row("  read: page faults (mean)", &ModeFigures::readFaults, " %14.0f");
     row("  unpack payload alone (ms)", &ModeFigures::unpackMsec, " %14.2f");
+    row("  tree in memory (heap bytes)", &ModeFigures::treeBytes, " %14.0f");
     std::printf("\nDICOM headers of the %d files (page-cached)\n", images);
     std::printf("  %-50s %12.1f ms\n", "parse: DcmFileFormat::loadFile, 4096 bytes", parseMsec);
     std::printf("  %-50s %12zu bytes\n", "JSON, values > 4096 bytes as BulkDataURI", json4096.raw);
@@ -495,6 +528,7 @@ int main(int argc, char** argv)
 
     ModeFigures const& zlib = modes[1];
     std::printf("read time / inflate time = %.2f\n", zlib.readMsec / zlib.unpackMsec);
+    std::printf("tree bytes / payload bytes = %.2f\n", zlib.treeBytes / zlib.unpacked);
     std::printf("header parse time / tag file read time = %.1f\n", parseMsec / zlib.readMsec);
     std::printf("gzip JSON size / tag file size = %.1f\n", double(json4096.gzipped) / zlib.onDisk);
     std::printf("(with the tag file's own 1024-byte limit in the JSON: %.1f)\n",

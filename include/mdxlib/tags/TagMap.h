@@ -22,6 +22,7 @@
 #pragma once
 
 #include <mdxlib/Export.h>
+#include <mdxlib/tags/ElementMap.h>
 #include <mdxlib/tags/TagElement.h>
 #include <mdxlib/tags/TagSequence.h>
 #include <mdxlib/tags/TransferSyntax.h>
@@ -74,7 +75,7 @@ public:
         LevelStudy = 3
     };
 
-    using ElementMap = QMap<DcmTagKey, TagElement*>;
+    using ElementMap = Mdx::ElementMap;
 
     // Walks a node together with its parent and grandparent in key order.
     // The nearest level wins a tie, and a missing marker at any level hides

@@ -40,6 +40,17 @@ namespace Mdx {
 
 namespace {
 
+// Adds uid to an index unless it is there, with one search: the UIDs of a
+// study share long prefixes, so each comparison is a long memcmp.
+bool insertUnique(QMap<QByteArray, TagMap*>& index, QByteArray const& uid, TagMap* node)
+{
+    auto const pos = index.lowerBound(uid);
+    if (pos != index.end() && pos.key() == uid)
+        return false;
+    index.insert(pos, uid, node);
+    return true;
+}
+
 char const kCategory[] = "TagFile";
 char const kMagic[4] = {'T', 'a', 'C', 'a'};
 constexpr quint8 kFormat = 2;
@@ -525,12 +536,11 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
             // The indexes must name every node of the tree: the writer never
             // stores a UID twice, so a file that does is damaged, and a node
             // shadowed in the index would be out of reach of every removal.
-            if (mSeries.contains(uid)) {
+            if (!insertUnique(mSeries, uid, node)) {
                 log().tracef(McLogFile::LevelError, kCategory, "Tag file holds series %.64s twice",
                              uid.constData());
                 return false;
             }
-            mSeries.insert(uid, node);
             series = node;
             break;
         }
@@ -543,12 +553,11 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
                 return false;
             QByteArray uid;
             node->findAndGetString(DCM_SOPInstanceUID, uid);
-            if (mImages.contains(uid)) {
+            if (!insertUnique(mImages, uid, node)) {
                 log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice",
                              uid.constData());
                 return false;
             }
-            mImages.insert(uid, node);
             break;
         }
         case RecordVolumes:

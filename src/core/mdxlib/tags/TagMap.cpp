@@ -169,26 +169,31 @@ void TagMap::addChildMap(TagMap* child, Level level)
         mElements.clear();
         mElements.swap(child->mElements);
     } else {
+        // One merge pass over what the child holds and what it would inherit
+        // builds its new array: a value equal to the inherited one goes, a
+        // different one stays, and an inherited key the child lacks gets a
+        // missing marker.
+        ElementMap::Storage& own = child->mElements.entries();
+        ElementMap::Storage merged;
+        merged.reserve(own.size() + 4);
         iterator parentIt = begin();
         iterator const parentEnd = end();
-        auto childIt = child->mElements.begin();
-        while (parentIt != parentEnd && childIt != child->mElements.end()) {
-            DcmTagKey const parentKey = parentIt.key();
-            DcmTagKey const childKey = childIt.key();
-            if (parentKey < childKey) {
+        auto childIt = own.begin();
+        while (parentIt != parentEnd || childIt != own.end()) {
+            if (childIt == own.end() || (parentIt != parentEnd && parentIt.key() < childIt->key)) {
                 parentIt.element()->mMissingCount++;
-                // A QMap insert leaves the other iterators valid, and the
-                // marker lands before childIt.
-                child->markAsMissing(parentKey);
+                auto* marker = new TagElement;
+                marker->mVR = VR_Missing;
+                merged.push_back({parentIt.key(), marker});
                 ++parentIt;
-            } else if (childKey < parentKey) {
+            } else if (parentIt == parentEnd || childIt->key < parentIt.key()) {
+                merged.push_back(*childIt);
                 ++childIt;
             } else {
                 TagElement* parentElement = parentIt.element();
-                TagElement* childElement = childIt.value();
+                TagElement* childElement = childIt->value;
                 if (parentElement->compare(*childElement, true, nullptr)) {
                     delete childElement;
-                    childIt = child->mElements.erase(childIt);
                 } else {
                     auto* parentSequence = dynamic_cast<TagSequence*>(parentElement);
                     auto* childSequence = dynamic_cast<TagSequence*>(childElement);
@@ -198,15 +203,13 @@ void TagMap::addChildMap(TagMap* child, Level level)
                             parentSequence->mItems[i]->addChildMap(childSequence->mItems[i], LevelItem);
                     }
                     parentElement->mDifferentCount++;
-                    ++childIt;
+                    merged.push_back(*childIt);
                 }
+                ++childIt;
                 ++parentIt;
             }
         }
-        for (; parentIt != parentEnd; ++parentIt) {
-            parentIt.element()->mMissingCount++;
-            child->markAsMissing(parentIt.key());
-        }
+        own.swap(merged);
     }
 
     child->insertUID(level, uid);

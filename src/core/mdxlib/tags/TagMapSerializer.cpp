@@ -58,7 +58,7 @@ void store(TagMap* node, DcmTagKey const& key, TagElement* element)
 {
     TagMap::ElementMap& elements = node->mElements;
     if (elements.isEmpty() || elements.lastKey() < key) {
-        elements.insert(elements.cend(), key, element);
+        elements.append(key, element);
         return;
     }
     TagElement*& slot = elements[key];
@@ -74,11 +74,37 @@ TagElement* newElement(VR vr, QByteArray const& value)
     return element;
 }
 
+// How many entries the rest of a body holds, counted over their headers and
+// lengths only, so that a node's array is allocated once at its final size.
+int countEntries(LmMsg const& body)
+{
+    LmMsg in(body.dataPtr() + body.readPosition(), body.bytesAvailable());
+    int count = 0;
+    while (in.bytesAvailable() > 0) {
+        unsigned short group = 0;
+        unsigned short element = 0;
+        unsigned char code = 0;
+        in >> group >> element >> code;
+        VR const vr = static_cast<VR>(code);
+        if (vr == VR_SQ) {
+            for (int items = TagMap::readLength(in); items > 0 && !in.failed(); --items)
+                in.readRawBytes(static_cast<size_t>(TagMap::readLength(in)));
+        } else if (vr != VR_Omitted && vr != VR_Missing) {
+            in.readRawBytes(static_cast<size_t>(TagMap::readLength(in)));
+        }
+        if (in.failed())
+            break;
+        ++count;
+    }
+    return count;
+}
+
 void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth)
 {
     if (depth > kMaxNesting) {
         in.markFailed();
     } else {
+        node->mElements.reserve(node->mElements.size() + countEntries(in));
         while (in.bytesAvailable() > 0 && !in.failed()) {
             unsigned short group = 0;
             unsigned short element = 0;
