@@ -45,13 +45,27 @@ TagFile::AddResult loadFailure(char const* path)
 }
 
 // Rewrites an image's own UID element as UI holding the text the tree
-// indexes it by, when it was stored otherwise (UN, or with padding).
+// indexes it by, when the file stored it otherwise (UN, or padded). Every
+// later reader of the tree, of its tag file and of what clients get from
+// it then finds the UID as text, and under the key of the index.
 void storeUID(TagMap* image, DcmTagKey const& key, QByteArray const& uid)
 {
     TagElement const* element = image->elements().value(key, nullptr);
     if (element && !element->isMarker() && element->mVR != VR_SQ &&
         (element->mVR != VR_UI || element->mValue != uid))
         image->putAndInsertValue(key, VR_UI, uid);
+}
+
+// A UID of a data set read as addTagMap reads it from the image's map, so
+// that the study and series an addSeries names are the ones it fills.
+QByteArray datasetUID(DcmDataset* dataset, DcmTagKey const& key)
+{
+    DcmElement* element = nullptr;
+    if (dataset->findAndGetElement(key, element).bad() || !element)
+        return QByteArray();
+    TagMap map;
+    map.setElement(element);
+    return TagFile::uidOf(&map, key);
 }
 
 void setResult(TagFile::AddResult* result, TagFile::AddResult value)
@@ -182,8 +196,6 @@ TagMap* TagFile::addTagMap(TagMap* image, char const* fileName, bool replace, Ad
         }
     }
     imageSlot = image;
-    // Store the UIDs as the text they are indexed by, so that every later
-    // reader of the tree and of its tag file finds the same keys.
     storeUID(image, DCM_StudyInstanceUID, studyUID);
     storeUID(image, DCM_SeriesInstanceUID, seriesUID);
     storeUID(image, DCM_SOPInstanceUID, sopUID);
@@ -215,9 +227,7 @@ bool TagFile::addSeries(int count, DcmDataset** datasets, char const** fileNames
     if (count < 1 || !datasets || !datasets[0])
         return false;
 
-    OFString studyText;
-    datasets[0]->findAndGetOFString(DCM_StudyInstanceUID, studyText);
-    QByteArray const studyUID(studyText.c_str());
+    QByteArray const studyUID = datasetUID(datasets[0], DCM_StudyInstanceUID);
     if (!mStudies.isEmpty() && mStudies.firstKey() != studyUID)
         return false;
 
@@ -244,9 +254,7 @@ bool TagFile::addSeries(int count, DcmDataset** datasets, char const** fileNames
             series = study->mChildren.first();
     }
     if (!series) {
-        OFString seriesText;
-        datasets[0]->findAndGetOFString(DCM_SeriesInstanceUID, seriesText);
-        series = mSeries.value(QByteArray(seriesText.c_str()), nullptr);
+        series = mSeries.value(datasetUID(datasets[0], DCM_SeriesInstanceUID), nullptr);
     }
     if (!series)
         return false;
