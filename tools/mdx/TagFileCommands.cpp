@@ -104,6 +104,13 @@ QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
     return value;
 }
 
+// UIDs as the tag file indexes them: text, also where a file stored them
+// as UN, which findAndGetString would show in hex.
+QByteArray uid(Mdx::TagMap const* node, DcmTagKey const& key)
+{
+    return Mdx::TagFile::uidOf(node, key);
+}
+
 QString qtext(Mdx::TagMap const* node, DcmTagKey const& key)
 {
     return QString::fromLatin1(text(node, key));
@@ -206,11 +213,11 @@ QJsonObject studyJson(Mdx::TagFile const& file, bool withImages)
         QJsonArray images;
         for (Mdx::TagMap const* image : node->children()) {
             if (withImages)
-                images.append(QJsonObject{{"sopUID", qtext(image, DCM_SOPInstanceUID)},
+                images.append(QJsonObject{{"sopUID", QString::fromLatin1(uid(image, DCM_SOPInstanceUID))},
                                           {"instanceNumber", qtext(image, DCM_InstanceNumber)},
                                           {"localizer", number(image, Mdx::Tags::AbstractLocalizer) == 1}});
         }
-        QJsonObject entry{{"seriesUID", qtext(node, DCM_SeriesInstanceUID)},
+        QJsonObject entry{{"seriesUID", QString::fromLatin1(uid(node, DCM_SeriesInstanceUID))},
                           {"seriesNumber", qtext(node, DCM_SeriesNumber)},
                           {"modality", qtext(node, DCM_Modality)},
                           {"description", qtext(node, DCM_SeriesDescription)},
@@ -261,7 +268,7 @@ void printStudy(Mdx::TagFile const& file, bool withImages)
         int localizers = 0;
         for (Mdx::TagMap const* image : node->children())
             localizers += number(image, Mdx::Tags::AbstractLocalizer) == 1 ? 1 : 0;
-        std::printf("  series %s\n", text(node, DCM_SeriesInstanceUID).constData());
+        std::printf("  series %s\n", uid(node, DCM_SeriesInstanceUID).constData());
         std::printf("    #%s %s \"%s\", %d images, %d volumes, display %s, %d localizers\n",
                     text(node, DCM_SeriesNumber).constData(), text(node, DCM_Modality).constData(),
                     text(node, DCM_SeriesDescription).constData(), node->children().size(),
@@ -271,7 +278,7 @@ void printStudy(Mdx::TagFile const& file, bool withImages)
         if (!withImages)
             continue;
         for (Mdx::TagMap const* image : node->children()) {
-            std::printf("      image %s  #%s%s%s\n", text(image, DCM_SOPInstanceUID).constData(),
+            std::printf("      image %s  #%s%s%s\n", uid(image, DCM_SOPInstanceUID).constData(),
                         text(image, DCM_InstanceNumber).constData(),
                         image->findElement(Mdx::Tags::PreviewData) ? "  preview" : "",
                         number(image, Mdx::Tags::AbstractLocalizer) == 1 ? "  localizer" : "");
@@ -335,13 +342,13 @@ int dumpCommand(Arguments const& args)
         return status(ExitCode::Ok);
     }
     Mdx::TagMap const* study = file.study();
-    out << "# study " << text(study, DCM_StudyInstanceUID) << "\n";
+    out << "# study " << uid(study, DCM_StudyInstanceUID) << "\n";
     study->listContent(out, 0, full);
     for (Mdx::TagMap const* series : study->children()) {
-        out << "\n# series " << text(series, DCM_SeriesInstanceUID) << "\n";
+        out << "\n# series " << uid(series, DCM_SeriesInstanceUID) << "\n";
         series->listContent(out, 2, full);
         for (Mdx::TagMap const* image : series->children()) {
-            out << "\n# image " << text(image, DCM_SOPInstanceUID) << "\n";
+            out << "\n# image " << uid(image, DCM_SOPInstanceUID) << "\n";
             image->listContent(out, 4, full);
         }
     }
