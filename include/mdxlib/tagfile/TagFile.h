@@ -73,7 +73,8 @@ public:
                          AddResult* result = nullptr);
     TagMap* addDataset(DcmDataset* dataset, char const* fileName, bool replace);
     // Takes ownership of image in every case: the result is image when it
-    // entered the tree, null when it was refused (and deleted).
+    // entered the tree, null when it was refused (and deleted). The image's
+    // own UIDs are stored as UI text, also where its file held them as UN.
     TagMap* addTagMap(TagMap* image, char const* fileName, bool replace, AddResult* result = nullptr);
     bool addSeries(int count, DcmDataset** datasets, char const** fileNames);
     bool addSeries(TagMap* series);
