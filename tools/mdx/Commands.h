@@ -1,7 +1,7 @@
 // The mdx command-line tool: one function per sub-command.
 //
 // Each command takes the arguments that follow its name and returns the
-// process exit status: 0 success, 1 failure, 2 wrong usage.
+// process exit status, one of ExitCode (Exit.h).
 #pragma once
 
 #include <string>

@@ -1,39 +1,144 @@
 #include "Options.h"
+#include "Exit.h"
+
+#include <cstdio>
+#include <cstring>
 
 namespace mdxtool {
 
-ParsedArguments parseArguments(std::vector<std::string> const& args, std::set<std::string> const& knownFlags,
-                               std::set<std::string> const& knownOptions,
-                               std::set<std::string> const& multiValued)
+OptionSpec const& helpOption()
 {
-    ParsedArguments parsed;
+    static OptionSpec const option{"--help", 'h', nullptr, "show this help and exit"};
+    return option;
+}
+
+OptionSpec const& quietOption()
+{
+    static OptionSpec const option{"--quiet", 'q', nullptr, "no progress line"};
+    return option;
+}
+
+OptionSpec const& verboseOption()
+{
+    static OptionSpec const option{"--verbose", 'v', nullptr, "name every file that was skipped, and why"};
+    return option;
+}
+
+OptionSpec const& metaOption()
+{
+    static OptionSpec const option{"--meta", 0, "DIR",
+                                   "the meta folder (else MDX_META_FOLDER, else ./meta/)"};
+    return option;
+}
+
+OptionSpec const& jsonOption()
+{
+    static OptionSpec const option{"--json", 0, nullptr,
+                                   "one JSON document on standard output instead of text"};
+    return option;
+}
+
+namespace {
+
+void printUsage(CommandSpec const& command, std::FILE* out)
+{
+    std::fprintf(out, "usage: mdx %s [OPTION]... %s\n\n%s\n\noptions:\n", command.name, command.arguments,
+                 command.description);
+    for (OptionSpec const& option : command.options) {
+        std::string left = option.shortName ? std::string("-") + option.shortName + ", " : "    ";
+        left += option.name;
+        if (option.valueName)
+            left += std::string("=") + option.valueName + (option.multiValued ? "..." : "");
+        std::fprintf(out, "  %-24s %s\n", left.c_str(), option.help);
+    }
+}
+
+OptionSpec const* findLong(CommandSpec const& command, std::string const& name)
+{
+    for (OptionSpec const& option : command.options) {
+        if (name == option.name)
+            return &option;
+    }
+    return nullptr;
+}
+
+OptionSpec const* findShort(CommandSpec const& command, char name)
+{
+    for (OptionSpec const& option : command.options) {
+        if (option.shortName == name)
+            return &option;
+    }
+    return nullptr;
+}
+
+bool startsOption(std::string const& arg)
+{
+    return arg.size() > 1 && arg[0] == '-';
+}
+
+// The parse itself; an error text, empty when the arguments are understood.
+std::string parse(CommandSpec const& command, std::vector<std::string> const& args, ParsedArguments& parsed)
+{
+    bool optionsEnded = false;
     for (size_t i = 0; i < args.size(); ++i) {
         std::string const& arg = args[i];
-        if (arg == "-h")
-            parsed.flags.insert("--help");
-        else if (arg == "-q")
-            parsed.flags.insert("--quiet");
-        else if (arg == "-v")
-            parsed.flags.insert("--verbose");
-        else if (knownFlags.count(arg))
-            parsed.flags.insert(arg);
-        else if (knownOptions.count(arg) || multiValued.count(arg)) {
-            std::vector<std::string>& values = parsed.values[arg];
-            size_t const before = values.size();
-            while (i + 1 < args.size() && args[i + 1].rfind("--", 0) != 0) {
-                values.push_back(args[++i]);
-                if (!multiValued.count(arg))
-                    break;
-            }
-            if (values.size() == before)
-                parsed.error = "option " + arg + " needs a value";
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            parsed.error = "unknown option '" + arg + "'";
-        } else {
+        if (optionsEnded || !startsOption(arg)) {
             parsed.positional.push_back(arg);
+        } else if (arg == "--") {
+            optionsEnded = true;
+        } else if (arg.compare(0, 2, "--") == 0) {
+            size_t const equals = arg.find('=');
+            std::string const name = arg.substr(0, equals);
+            OptionSpec const* option = findLong(command, name);
+            if (!option)
+                return "unknown option '" + name + "'";
+            if (!option->valueName) {
+                if (equals != std::string::npos)
+                    return "option '" + name + "' takes no value";
+                parsed.flags.insert(name);
+                continue;
+            }
+            std::vector<std::string>& values = parsed.values[name];
+            if (equals != std::string::npos) {
+                values.push_back(arg.substr(equals + 1));
+            } else if (i + 1 < args.size()) {
+                values.push_back(args[++i]);
+            } else {
+                return "option '" + name + "' needs a value";
+            }
+            while (option->multiValued && i + 1 < args.size() && !startsOption(args[i + 1]))
+                values.push_back(args[++i]);
+        } else {
+            for (size_t k = 1; k < arg.size(); ++k) {
+                OptionSpec const* option = findShort(command, arg[k]);
+                if (!option || option->valueName)
+                    return std::string("unknown option '-") + arg[k] + "'";
+                parsed.flags.insert(option->name);
+            }
         }
     }
-    return parsed;
+    return std::string();
+}
+
+} // namespace
+
+int usageError(CommandSpec const& command, char const* problem)
+{
+    return fail(ExitCode::Usage, "%s: %s (try 'mdx %s --help')", command.name, problem, command.name);
+}
+
+std::optional<int> parseCommand(CommandSpec const& command, std::vector<std::string> const& args,
+                                ParsedArguments& parsed)
+{
+    std::string const error = parse(command, args, parsed);
+    // --help wins over whatever else is wrong, as users ask for it then.
+    if (parsed.has("--help")) {
+        printUsage(command, stdout);
+        return status(ExitCode::Ok);
+    }
+    if (!error.empty())
+        return usageError(command, error.c_str());
+    return std::nullopt;
 }
 
 } // namespace mdxtool

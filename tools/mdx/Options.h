@@ -1,20 +1,46 @@
-// Command-line parsing shared by the mdx commands: flags, options with a
-// value, and the remaining positional arguments.
+// Command-line parsing shared by the mdx commands, in GNU style: long
+// options as "--meta DIR" or "--meta=DIR", short flags ("-q", "-qv"), and
+// "--" ending the options. Each command describes its options in a table,
+// from which its --help text is made too.
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 namespace mdxtool {
 
+struct OptionSpec
+{
+    char const* name;      // "--meta"
+    char shortName;        // 'q', or 0
+    char const* valueName; // "DIR" for an option with a value, null for a flag
+    char const* help;
+    bool multiValued = false; // "--series A B C": the values up to the next option
+};
+
+struct CommandSpec
+{
+    char const* name;        // "scan"
+    char const* arguments;   // "PATH..."
+    char const* description; // what the command does, a paragraph
+    std::vector<OptionSpec> options;
+};
+
+// -h/--help, -q/--quiet and -v/--verbose, worded alike for every command.
+OptionSpec const& helpOption();
+OptionSpec const& quietOption();
+OptionSpec const& verboseOption();
+OptionSpec const& metaOption();
+OptionSpec const& jsonOption();
+
 struct ParsedArguments
 {
     std::set<std::string> flags;                            // "--quiet"
     std::map<std::string, std::vector<std::string>> values; // "--meta" -> {"dir"}
     std::vector<std::string> positional;
-    std::string error; // set when the arguments are not understood
 
     bool has(std::string const& flag) const { return flags.count(flag) > 0; }
     std::string value(std::string const& option) const
@@ -24,11 +50,13 @@ struct ParsedArguments
     }
 };
 
-// knownFlags take no value; knownOptions take one each time they appear.
-// An option listed in multiValued also swallows the following arguments up
-// to the next one that starts with "--" ("--series A B C").
-ParsedArguments parseArguments(std::vector<std::string> const& args, std::set<std::string> const& knownFlags,
-                               std::set<std::string> const& knownOptions,
-                               std::set<std::string> const& multiValued = {});
+// Parses args for command. With --help, prints the usage on standard output
+// and gives exit status 0; on an error, one line on standard error and the
+// usage status. Otherwise no value: the command goes on with parsed.
+std::optional<int> parseCommand(CommandSpec const& command, std::vector<std::string> const& args,
+                                ParsedArguments& parsed);
+
+// A wrong count of positional arguments, reported as parseCommand does.
+int usageError(CommandSpec const& command, char const* problem);
 
 } // namespace mdxtool

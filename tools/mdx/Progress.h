@@ -1,33 +1,39 @@
-// A progress line on standard error for long jobs.
+// A progress line on standard error for long jobs: the phase (walk, read,
+// optimise, write), items done of the total, and the rate.
 //
-// On a terminal the line is redrawn in place a few times a second; in a log
-// (CI, a pipe) a full line is written every few seconds instead, so logs
-// stay short.
+// Only on a terminal, redrawn in place a few times a second, and cleared
+// at the end; in a log or a pipe, and with --quiet, nothing is printed.
 #pragma once
 
 #include <mdxlib/platform/McWatch.h>
 
 #include <cstdint>
+#include <string>
 
 namespace mdxtool {
 
 class Progress
 {
 public:
-    explicit Progress(bool enabled);
+    explicit Progress(bool wanted);
+    ~Progress();
 
-    // Reports that done items are finished; prints only when it is time.
+    // Starts a phase over total items of unit ("files"); total 0 means not
+    // known yet.
+    void phase(char const* name, int64_t total, char const* unit);
+    // Reports that done items of the phase are finished; prints only when
+    // it is time.
     void update(int64_t done);
-    // Clears the line on a terminal.
+    // Clears the line.
     void finish();
 
 private:
-    void print(int64_t done);
-
     bool mEnabled;
-    bool mTerminal;
-    McWatch mTotal;
-    int64_t mLastPrintMsec = 0;
+    std::string mPhase;
+    std::string mUnit;
+    int64_t mTotal = 0;
+    McWatch mPhaseWatch;
+    int64_t mLastPrintMsec = -1000;
     bool mPrinted = false;
 };
 

@@ -1,4 +1,5 @@
 #include "Scanner.h"
+#include "Exit.h"
 #include "Progress.h"
 
 #include <mdxlib/platform/McWatch.h>
@@ -6,45 +7,122 @@
 #include <mdxlib/tags/TagSequence.h>
 
 #include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
+#include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/oflog/oflog.h"
 
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
+#include <sys/stat.h>
 
 namespace mdxtool {
 
 namespace {
 
-constexpr unsigned int kMaxValueSize = 1024;
-constexpr Uint32 kMaxReadLength = 4096;
+using AddResult = Mdx::TagFile::AddResult;
 
-QStringList collectFiles(std::vector<std::string> const& paths)
+// The files under paths in name order; paths that do not exist go to
+// missing. The walk may be long on a network share, hence the progress.
+QStringList collectFiles(std::vector<std::string> const& paths, std::vector<std::string>& missing,
+                         Progress& progress)
 {
+    progress.phase("walk", 0, "files");
     QStringList files;
     for (std::string const& path : paths) {
         QFileInfo const info(QString::fromStdString(path));
-        if (info.isDir()) {
+        struct stat status;
+        if (stat(path.c_str(), &status) != 0) {
+            warn("cannot access '%s': %s", path.c_str(), osError().c_str());
+            missing.push_back(path);
+        } else if (info.isDir()) {
             QStringList found;
-            QDirIterator it(info.filePath(), QDir::Files,
+            // System entries too: a dangling link is a file the user meant
+            // to give and is reported as unreadable, not silently left out.
+            QDirIterator it(info.filePath(), QDir::Files | QDir::System,
                             QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
-            while (it.hasNext())
+            while (it.hasNext()) {
                 found.append(it.next());
+                progress.update(files.size() + found.size());
+            }
             found.sort();
             files.append(found);
-        } else if (info.exists()) {
-            files.append(info.filePath());
         } else {
-            std::fprintf(stderr, "mdx: %s: no such file or folder\n", path.c_str());
+            files.append(info.filePath());
         }
     }
     return files;
 }
 
+// One line per skipped file with --verbose, in the tool's words.
+void reportSkip(QByteArray const& path, AddResult why)
+{
+    if (why == AddResult::Unreadable) {
+        // The operating system says best why a file cannot be read.
+        std::FILE* file = std::fopen(path.constData(), "rb");
+        std::string const reason = file ? std::string("cannot be read") : osError();
+        if (file)
+            std::fclose(file);
+        warn("skipped %s: unreadable (%s)", path.constData(), reason.c_str());
+        return;
+    }
+    warn("skipped %s: %s", path.constData(), skipText(why));
+}
+
+// FIFOs, sockets and devices are not read: opening a FIFO would block.
+bool isSpecialFile(QFileInfo const& info)
+{
+    return info.exists() && !info.isFile();
+}
+
 } // namespace
+
+void SkipCounts::count(AddResult why)
+{
+    switch (why) {
+    case AddResult::Added:
+        break;
+    case AddResult::Unreadable:
+        ++unreadable;
+        break;
+    case AddResult::Damaged:
+        ++damaged;
+        break;
+    case AddResult::NotDicom:
+        ++notDicom;
+        break;
+    case AddResult::NoUIDs:
+        ++withoutUIDs;
+        break;
+    case AddResult::OtherStudy: // cannot happen: each study has its own tree
+    case AddResult::Duplicate:
+        ++duplicates;
+        break;
+    }
+}
+
+char const* skipText(AddResult why)
+{
+    switch (why) {
+    case AddResult::Added:
+        return "added";
+    case AddResult::Unreadable:
+        return "unreadable";
+    case AddResult::Damaged:
+        return "damaged DICOM file (truncated or broken)";
+    case AddResult::NotDicom:
+        return "not DICOM";
+    case AddResult::NoUIDs:
+        return "no Study or SOP Instance UID";
+    case AddResult::OtherStudy:
+        return "another study";
+    case AddResult::Duplicate:
+        return "SOP Instance UID already seen";
+    }
+    return "";
+}
 
 int64_t countStored(Mdx::TagMap const* node)
 {
@@ -61,65 +139,45 @@ int64_t countStored(Mdx::TagMap const* node)
     return count;
 }
 
-ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options)
+ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options, Progress& progress)
 {
-    // Non-DICOM files are expected among the inputs: DCMTK's own complaints
-    // about them are noise unless asked for.
-    OFLog::configure(options.verbose ? OFLogger::WARN_LOG_LEVEL : OFLogger::FATAL_LOG_LEVEL);
+    // Files that are not DICOM are expected among the inputs, and the tool
+    // says itself why it skips a file: DCMTK's own log stays quiet.
+    OFLog::configure(OFLogger::OFF_LOG_LEVEL);
 
     McWatch total;
     ScanResult result;
-    QStringList const files = collectFiles(paths);
-    Progress progress(options.progress);
+    QStringList const files = collectFiles(paths, result.missing, progress);
 
+    progress.phase("read", files.size(), "files");
     for (QString const& file : files) {
-        ++result.files;
+        progress.update(result.files++);
         QByteArray const path = file.toLocal8Bit();
-        DcmFileFormat fileFormat;
-        OFCondition const status = fileFormat.loadFile(OFFilename(path.constData()), EXS_Unknown,
-                                                       EGL_noChange, kMaxReadLength, ERM_autoDetect);
-        if (status.bad()) {
-            ++result.notDicom;
-            if (options.verbose)
-                std::fprintf(stderr, "skipped %s: not DICOM (%s)\n", path.constData(), status.text());
-            progress.update(result.files);
-            continue;
+        AddResult why = AddResult::Unreadable;
+        Mdx::TagMap* image = isSpecialFile(QFileInfo(file)) ? nullptr : Mdx::TagFile::loadImage(path, &why);
+        if (image) {
+            QByteArray const studyUID = Mdx::TagFile::uidOf(image, DCM_StudyInstanceUID);
+            std::unique_ptr<StudyScan>& study = result.studies[studyUID];
+            if (!study) {
+                study = std::make_unique<StudyScan>();
+                study->tagFile.setStoreFilePaths(options.storeFilePaths);
+            }
+            int64_t const flat = countStored(image);
+            if (study->tagFile.addTagMap(image, path.constData(), false, &why)) {
+                ++result.images;
+                study->flatAttributes += flat;
+                continue;
+            }
         }
-        DcmDataset* dataset = fileFormat.getDataset();
-        Mdx::TagMap* image = Mdx::TagMap::createTagMap(dataset, kMaxValueSize);
-        // The UIDs as the tree reads them, so that grouping and the tree agree.
-        QByteArray studyUID;
-        QByteArray sopUID;
-        image->findAndGetString(DCM_StudyInstanceUID, studyUID);
-        image->findAndGetString(DCM_SOPInstanceUID, sopUID);
-        if (studyUID.isEmpty() || sopUID.isEmpty()) {
-            delete image;
-            ++result.withoutUIDs;
-            if (options.verbose)
-                std::fprintf(stderr, "skipped %s: no study or SOP Instance UID\n", path.constData());
-            progress.update(result.files);
-            continue;
+        result.skipped.count(why);
+        if (options.verbose) {
+            progress.finish();
+            reportSkip(path, why);
         }
-
-        std::unique_ptr<StudyScan>& study = result.studies[studyUID];
-        if (!study) {
-            study = std::make_unique<StudyScan>();
-            study->tagFile.setStoreFilePaths(options.storeFilePaths);
-        }
-        int64_t const flat = countStored(image);
-        if (study->tagFile.addTagMap(image, path.constData(), false)) {
-            ++result.images;
-            study->flatAttributes += flat;
-        } else {
-            ++result.duplicates;
-            if (options.verbose)
-                std::fprintf(stderr, "skipped %s: SOP Instance UID %s already seen\n", path.constData(),
-                             sopUID.constData());
-        }
-        progress.update(result.files);
     }
-    progress.finish();
 
+    progress.phase("optimise", static_cast<int64_t>(result.studies.size()), "studies");
+    int64_t optimised = 0;
     for (auto& entry : result.studies) {
         StudyScan& study = *entry.second;
         study.mergedAttributes = countStored(study.tagFile.study());
@@ -128,7 +186,9 @@ ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& o
         study.optimizeMsec = watch.elapsedMsec();
         Mdx::TagMap const* root = study.tagFile.study();
         study.optimizedAttributes = root ? countStored(root) : 0;
+        progress.update(++optimised);
     }
+    progress.finish();
     result.seconds = total.elapsedSeconds();
     return result;
 }

@@ -14,6 +14,8 @@
 
 namespace mdxtool {
 
+class Progress;
+
 struct StudyScan
 {
     Mdx::TagFile tagFile;
@@ -23,30 +25,43 @@ struct StudyScan
     int64_t optimizeMsec = 0;
 };
 
-struct ScanResult
+// Files that did not become images, by why.
+struct SkipCounts
 {
-    std::map<QByteArray, std::unique_ptr<StudyScan>> studies;
-    int64_t files = 0;
-    int64_t images = 0;
+    int64_t unreadable = 0;
+    int64_t damaged = 0;
     int64_t notDicom = 0;
     int64_t withoutUIDs = 0;
     int64_t duplicates = 0;
+
+    void count(Mdx::TagFile::AddResult why);
+};
+
+struct ScanResult
+{
+    std::map<QByteArray, std::unique_ptr<StudyScan>> studies;
+    std::vector<std::string> missing; // named paths that do not exist
+    int64_t files = 0;
+    int64_t images = 0;
+    SkipCounts skipped;
     double seconds = 0;
 };
 
 struct ScanOptions
 {
-    bool progress = true;
     bool verbose = false;
     bool storeFilePaths = false;
 };
 
 // Reads every file under paths (folders recursively, in name order), merges
 // each DICOM image into the tree of its study and optimises every tree.
-// Unreadable paths are reported on standard error and skipped.
-ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options);
+// Paths that do not exist are reported on standard error and skipped.
+ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options, Progress& progress);
 
 // Attributes stored in a node and its subtree, sequence items included.
 int64_t countStored(Mdx::TagMap const* node);
+
+// Why a file was skipped, in a few words.
+char const* skipText(Mdx::TagFile::AddResult why);
 
 } // namespace mdxtool

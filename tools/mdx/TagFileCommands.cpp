@@ -1,5 +1,6 @@
 // mdx ls, dump and rm: looking into tag files and removing from them.
 #include "Commands.h"
+#include "Exit.h"
 #include "Options.h"
 #include "Scanner.h"
 
@@ -11,7 +12,11 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 
+#include <QDirIterator>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTextStream>
 
 #include <algorithm>
@@ -21,27 +26,45 @@ namespace mdxtool {
 
 namespace {
 
-char const kLsUsage[] = "usage: mdx ls [--meta DIR] [--images] TAGFILE|STUDYUID\n"
-                        "\n"
-                        "Lists the study, series, volumes (and with --images every image) of a tag file,\n"
-                        "with the file's statistics. Each series shows its display number and how many\n"
-                        "of its images are localizers. The argument is a .tc file or a Study Instance UID,\n"
-                        "whose file is looked up in the meta folder.\n";
-char const kDumpUsage[] = "usage: mdx dump [--meta DIR] TAGFILE|STUDYUID [SOPUID]\n"
-                          "\n"
-                          "With a SOP Instance UID: every attribute that image shows, inherited ones\n"
-                          "included. Without: what each node of the tree stores itself (study, series,\n"
-                          "images), with missing (--) and omitted (..) markers.\n";
-char const kRmUsage[] = "usage: mdx rm [--meta DIR] STUDYUID [--series UID... | --images UID...]\n"
-                        "\n"
-                        "Deletes the study's tag file, or only the given series or images from it.\n";
-
-int usageError(char const* command, std::string const& error, char const* usage)
+CommandSpec const& lsSpec()
 {
-    if (!error.empty())
-        std::fprintf(stderr, "mdx %s: %s\n\n", command, error.c_str());
-    std::fputs(usage, stderr);
-    return 2;
+    static CommandSpec const spec{
+        "ls",
+        "[FOLDER | TAGFILE | STUDYUID]",
+        "Without an argument, or with a folder, lists the studies of the tag files in it\n"
+        "(the meta folder by default): study UID, patient, date, series, images, bytes.\n"
+        "With a .tc file or a Study Instance UID (looked up in the meta folder), lists that\n"
+        "study: its series with display numbers and localizer counts, volumes (and with\n"
+        "--images every image), and the file's statistics.",
+        {helpOption(),
+         jsonOption(),
+         metaOption(),
+         {"--images", 0, nullptr, "list every image of a study too"}}};
+    return spec;
+}
+
+CommandSpec const& dumpSpec()
+{
+    static CommandSpec const spec{
+        "dump",
+        "TAGFILE|STUDYUID [SOPUID]",
+        "With a SOP Instance UID: every attribute that image shows, inherited ones included.\n"
+        "Without: what each node of the tree stores itself (study, series, images), with\n"
+        "missing (--) and omitted (..) markers. Values of 61 characters and more are cut.",
+        {helpOption(), metaOption(), {"--full", 0, nullptr, "show long values whole"}}};
+    return spec;
+}
+
+CommandSpec const& rmSpec()
+{
+    static CommandSpec const spec{"rm",
+                                  "STUDYUID",
+                                  "Deletes the study's tag file, or only the given series or images from it.",
+                                  {helpOption(),
+                                   metaOption(),
+                                   {"--series", 0, "UID", "remove these series", true},
+                                   {"--images", 0, "UID", "remove these images", true}}};
+    return spec;
 }
 
 void applyMeta(ParsedArguments const& parsed)
@@ -50,19 +73,28 @@ void applyMeta(ParsedArguments const& parsed)
         Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
 }
 
-// A .tc path or a study UID; false with a message when nothing can be read.
-bool openTagFile(std::string const& what, Mdx::TagFile& file)
+QByteArray local(QString const& text)
+{
+    return text.toLocal8Bit();
+}
+
+// A .tc path or a study UID into file. A UID holds no '/', so anything
+// with one is a path.
+std::optional<int> openTagFile(std::string const& what, Mdx::TagFile& file)
 {
     QFileInfo const info(QString::fromStdString(what));
-    bool const ok = info.isFile() ? file.readCacheFile(info.filePath(), nullptr, false)
-                                  : file.readCacheFileForStudy(what.c_str(), false);
-    if (!ok) {
-        QString const path =
-            info.isFile() ? info.filePath() : Mdx::TagFile::cacheFilePathForStudy(what.c_str());
-        std::fprintf(stderr, "mdx: no readable tag file for %s (%s)\n", what.c_str(),
-                     path.toLocal8Bit().constData());
+    bool const isPath = info.exists() || what.find('/') != std::string::npos;
+    QString const path = isPath ? info.filePath() : Mdx::TagFile::cacheFilePathForStudy(what.c_str());
+    if (!QFileInfo::exists(path)) {
+        if (isPath)
+            return fail(ExitCode::NoInput, "cannot access '%s': No such file or directory", what.c_str());
+        return fail(ExitCode::NoInput, "no tag file for study %s in %s", what.c_str(),
+                    Mdx::TagFile::metaFolder());
     }
-    return ok;
+    if (!file.readCacheFile(path, nullptr, false))
+        return fail(ExitCode::UnreadableInput, "cannot read tag file %s: not a tag file, or damaged",
+                    local(path).constData());
+    return std::nullopt;
 }
 
 QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
@@ -72,11 +104,28 @@ QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
     return value;
 }
 
+// UIDs as the tag file indexes them: text, also where a file stored them
+// as UN, which findAndGetString would show in hex.
+QByteArray uid(Mdx::TagMap const* node, DcmTagKey const& key)
+{
+    return Mdx::TagFile::uidOf(node, key);
+}
+
+QString qtext(Mdx::TagMap const* node, DcmTagKey const& key)
+{
+    return QString::fromLatin1(text(node, key));
+}
+
 int number(Mdx::TagMap const* node, DcmTagKey const& key)
 {
     int value = 0;
     node->findAndGetInt(key, value);
     return value;
+}
+
+void printJson(QJsonObject const& document)
+{
+    std::fputs(QJsonDocument(document).toJson(QJsonDocument::Indented).constData(), stdout);
 }
 
 void printVolume(Mdx::Volume const* volume)
@@ -91,32 +140,114 @@ void printVolume(Mdx::Volume const* volume)
                 volume->volumeHash().constData());
 }
 
-} // namespace
+// ---- ls of a folder: one line per study
 
-int lsCommand(Arguments const& args)
+struct StudyRow
 {
-    ParsedArguments const parsed = parseArguments(args, {"--help", "--images"}, {"--meta"});
-    if (parsed.has("--help")) {
-        std::fputs(kLsUsage, stdout);
-        return 0;
-    }
-    if (!parsed.error.empty() || parsed.positional.size() != 1)
-        return usageError("ls", parsed.error, kLsUsage);
-    applyMeta(parsed);
+    QByteArray uid, patient, date;
+    int series = 0, images = 0;
+    qint64 bytes = 0;
+    QString path;
+};
 
-    Mdx::TagFile file;
-    if (!openTagFile(parsed.positional[0], file))
-        return 1;
-    // Display numbers and localizer marks are derived, not stored by every
-    // writer of tag files; derive them afresh for what is shown.
-    file.createAbstractTags();
+int listFolder(QString const& folder, bool json)
+{
+    QStringList paths;
+    QDirIterator it(folder, {"*.tc"}, QDir::Files,
+                    QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
+    while (it.hasNext())
+        paths.append(it.next());
+    std::vector<StudyRow> rows;
+    int unreadable = 0;
+    for (QString const& path : paths) {
+        Mdx::TagFile file;
+        if (!file.readCacheFile(path, nullptr, false)) {
+            warn("cannot read tag file %s: not a tag file, or damaged", local(path).constData());
+            ++unreadable;
+            continue;
+        }
+        Mdx::TagMap const* study = file.study();
+        rows.push_back({file.studies().firstKey(), text(study, DCM_PatientName), text(study, DCM_StudyDate),
+                        file.series().size(), file.images().size(), QFileInfo(path).size(), path});
+    }
+    std::sort(rows.begin(), rows.end(), [](StudyRow const& a, StudyRow const& b) { return a.uid < b.uid; });
+    if (json) {
+        QJsonArray studies;
+        for (StudyRow const& row : rows)
+            studies.append(QJsonObject{{"studyUID", QString::fromLatin1(row.uid)},
+                                       {"patientName", QString::fromLatin1(row.patient)},
+                                       {"studyDate", QString::fromLatin1(row.date)},
+                                       {"series", row.series},
+                                       {"images", row.images},
+                                       {"bytes", row.bytes},
+                                       {"path", row.path}});
+        printJson(QJsonObject{{"folder", folder}, {"studies", studies}});
+    } else {
+        int uidWidth = 9;
+        for (StudyRow const& row : rows)
+            uidWidth = std::max(uidWidth, static_cast<int>(row.uid.size()));
+        std::printf("%-*s  %-24s  %-8s  %6s  %6s  %10s\n", uidWidth, "STUDY UID", "PATIENT", "DATE", "SERIES",
+                    "IMAGES", "BYTES");
+        qint64 images = 0, bytes = 0;
+        for (StudyRow const& row : rows) {
+            std::printf("%-*s  %-24s  %-8s  %6d  %6d  %10lld\n", uidWidth, row.uid.constData(),
+                        row.patient.left(24).constData(), row.date.constData(), row.series, row.images,
+                        static_cast<long long>(row.bytes));
+            images += row.images;
+            bytes += row.bytes;
+        }
+        std::printf("%zu %s, %lld images, %lld bytes in %s\n", rows.size(),
+                    rows.size() == 1 ? "study" : "studies", static_cast<long long>(images),
+                    static_cast<long long>(bytes), local(folder).constData());
+    }
+    return status(unreadable > 0 ? ExitCode::UnreadableInput : ExitCode::Ok);
+}
+
+// ---- ls of one study
+
+QJsonObject studyJson(Mdx::TagFile const& file, bool withImages)
+{
+    Mdx::TagMap const* study = file.study();
+    QJsonArray seriesList;
+    for (Mdx::TagMap const* node : study->children()) {
+        QJsonArray images;
+        for (Mdx::TagMap const* image : node->children()) {
+            if (withImages)
+                images.append(QJsonObject{{"sopUID", QString::fromLatin1(uid(image, DCM_SOPInstanceUID))},
+                                          {"instanceNumber", qtext(image, DCM_InstanceNumber)},
+                                          {"localizer", number(image, Mdx::Tags::AbstractLocalizer) == 1}});
+        }
+        QJsonObject entry{{"seriesUID", QString::fromLatin1(uid(node, DCM_SeriesInstanceUID))},
+                          {"seriesNumber", qtext(node, DCM_SeriesNumber)},
+                          {"modality", qtext(node, DCM_Modality)},
+                          {"description", qtext(node, DCM_SeriesDescription)},
+                          {"display", qtext(node, Mdx::Tags::AbstractSeriesNumber)},
+                          {"images", node->children().size()},
+                          {"volumes", node->volumes().size()}};
+        if (withImages)
+            entry["imageList"] = images;
+        seriesList.append(entry);
+    }
+    return QJsonObject{{"path", file.path()},
+                       {"bytes", QFileInfo(file.path()).size()},
+                       {"studyUID", QString::fromLatin1(file.studies().firstKey())},
+                       {"patientName", qtext(study, DCM_PatientName)},
+                       {"patientID", qtext(study, DCM_PatientID)},
+                       {"studyDate", qtext(study, DCM_StudyDate)},
+                       {"description", qtext(study, DCM_StudyDescription)},
+                       {"images", file.images().size()},
+                       {"series", seriesList}};
+}
+
+void printStudy(Mdx::TagFile const& file, bool withImages)
+{
     int numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec, compressed,
         uncompressed, unoptimized, previewBytes;
     file.getStatistics(numSeries, numImages, numVolumes, numPreviews, optimizeMsec, readMsec, writeMsec,
                        compressed, uncompressed, unoptimized, previewBytes);
 
     Mdx::TagMap const* study = file.study();
-    std::printf("tag file %s\n", file.path().toLocal8Bit().constData());
+    std::printf("tag file %s\n", local(file.path()).constData());
     std::printf("  %d bytes stored, %d unpacked; %d previews (%d bytes); read in %d ms\n", compressed,
                 uncompressed, numPreviews, previewBytes, readMsec);
     std::printf("study %s\n", file.studies().firstKey().constData());
@@ -137,74 +268,102 @@ int lsCommand(Arguments const& args)
         int localizers = 0;
         for (Mdx::TagMap const* image : node->children())
             localizers += number(image, Mdx::Tags::AbstractLocalizer) == 1 ? 1 : 0;
-        std::printf("  series %s\n", text(node, DCM_SeriesInstanceUID).constData());
+        std::printf("  series %s\n", uid(node, DCM_SeriesInstanceUID).constData());
         std::printf("    #%s %s \"%s\", %d images, %d volumes, display %s, %d localizers\n",
                     text(node, DCM_SeriesNumber).constData(), text(node, DCM_Modality).constData(),
                     text(node, DCM_SeriesDescription).constData(), node->children().size(),
                     node->volumes().size(), display.constData(), localizers);
         for (Mdx::Volume const* volume : node->volumes())
             printVolume(volume);
-        if (!parsed.has("--images"))
+        if (!withImages)
             continue;
         for (Mdx::TagMap const* image : node->children()) {
-            std::printf("      image %s  #%s%s%s\n", text(image, DCM_SOPInstanceUID).constData(),
+            std::printf("      image %s  #%s%s%s\n", uid(image, DCM_SOPInstanceUID).constData(),
                         text(image, DCM_InstanceNumber).constData(),
                         image->findElement(Mdx::Tags::PreviewData) ? "  preview" : "",
                         number(image, Mdx::Tags::AbstractLocalizer) == 1 ? "  localizer" : "");
         }
     }
-    return 0;
+}
+
+} // namespace
+
+int lsCommand(Arguments const& args)
+{
+    ParsedArguments parsed;
+    if (std::optional<int> const done = parseCommand(lsSpec(), args, parsed))
+        return *done;
+    if (parsed.positional.size() > 1)
+        return usageError(lsSpec(), "one FOLDER, TAGFILE or STUDYUID at most");
+    applyMeta(parsed);
+    bool const json = parsed.has("--json");
+
+    std::string const what = parsed.positional.empty() ? Mdx::TagFile::metaFolder() : parsed.positional[0];
+    QFileInfo const info(QString::fromStdString(what));
+    if (info.isDir())
+        return listFolder(info.filePath(), json);
+    if (parsed.positional.empty())
+        return fail(ExitCode::NoInput, "cannot access meta folder %s: No such file or directory",
+                    what.c_str());
+
+    Mdx::TagFile file;
+    if (std::optional<int> const failed = openTagFile(what, file))
+        return *failed;
+    // Display numbers and localizer marks are derived, not stored by every
+    // writer of tag files; derive them afresh for what is shown.
+    file.createAbstractTags();
+    if (json)
+        printJson(studyJson(file, parsed.has("--images")));
+    else
+        printStudy(file, parsed.has("--images"));
+    return status(ExitCode::Ok);
 }
 
 int dumpCommand(Arguments const& args)
 {
-    ParsedArguments const parsed = parseArguments(args, {"--help"}, {"--meta"});
-    if (parsed.has("--help")) {
-        std::fputs(kDumpUsage, stdout);
-        return 0;
-    }
-    if (!parsed.error.empty() || parsed.positional.empty() || parsed.positional.size() > 2)
-        return usageError("dump", parsed.error, kDumpUsage);
+    ParsedArguments parsed;
+    if (std::optional<int> const done = parseCommand(dumpSpec(), args, parsed))
+        return *done;
+    if (parsed.positional.empty() || parsed.positional.size() > 2)
+        return usageError(dumpSpec(), "a TAGFILE or STUDYUID, and at most one SOPUID");
     applyMeta(parsed);
 
     Mdx::TagFile file;
-    if (!openTagFile(parsed.positional[0], file))
-        return 1;
+    if (std::optional<int> const failed = openTagFile(parsed.positional[0], file))
+        return *failed;
+    bool const full = parsed.has("--full");
     QTextStream out(stdout);
     if (parsed.positional.size() == 2) {
         Mdx::TagMap const* image = file.findImage(QByteArray::fromStdString(parsed.positional[1]));
-        if (!image) {
-            std::fprintf(stderr, "mdx dump: no image %s in the tag file\n", parsed.positional[1].c_str());
-            return 1;
-        }
-        image->dump(out, 0);
-        return 0;
+        if (!image)
+            return fail(ExitCode::NothingFound, "no image %s in tag file %s", parsed.positional[1].c_str(),
+                        local(file.path()).constData());
+        image->dump(out, 0, full);
+        return status(ExitCode::Ok);
     }
     Mdx::TagMap const* study = file.study();
-    out << "# study " << text(study, DCM_StudyInstanceUID) << "\n";
-    study->listContent(out, 0);
+    out << "# study " << uid(study, DCM_StudyInstanceUID) << "\n";
+    study->listContent(out, 0, full);
     for (Mdx::TagMap const* series : study->children()) {
-        out << "\n# series " << text(series, DCM_SeriesInstanceUID) << "\n";
-        series->listContent(out, 2);
+        out << "\n# series " << uid(series, DCM_SeriesInstanceUID) << "\n";
+        series->listContent(out, 2, full);
         for (Mdx::TagMap const* image : series->children()) {
-            out << "\n# image " << text(image, DCM_SOPInstanceUID) << "\n";
-            image->listContent(out, 4);
+            out << "\n# image " << uid(image, DCM_SOPInstanceUID) << "\n";
+            image->listContent(out, 4, full);
         }
     }
-    return 0;
+    return status(ExitCode::Ok);
 }
 
 int rmCommand(Arguments const& args)
 {
-    ParsedArguments const parsed = parseArguments(args, {"--help"}, {"--meta"}, {"--series", "--images"});
-    if (parsed.has("--help")) {
-        std::fputs(kRmUsage, stdout);
-        return 0;
-    }
+    ParsedArguments parsed;
+    if (std::optional<int> const done = parseCommand(rmSpec(), args, parsed))
+        return *done;
     bool const series = parsed.values.count("--series") > 0;
     bool const images = parsed.values.count("--images") > 0;
-    if (!parsed.error.empty() || parsed.positional.size() != 1 || (series && images))
-        return usageError("rm", parsed.error, kRmUsage);
+    if (parsed.positional.size() != 1 || (series && images))
+        return usageError(rmSpec(), "one STUDYUID, and --series or --images, not both");
     applyMeta(parsed);
 
     std::string const& study = parsed.positional[0];
@@ -220,11 +379,9 @@ int rmCommand(Arguments const& args)
     } else {
         ok = DeleteTagFile(study.c_str());
     }
-    if (!ok) {
-        std::fprintf(stderr, "mdx rm: could not change the tag file of %s\n", study.c_str());
-        return 1;
-    }
-    return 0;
+    if (!ok)
+        return fail(ExitCode::ProcessingError, "could not change the tag file of study %s", study.c_str());
+    return status(ExitCode::Ok);
 }
 
 } // namespace mdxtool

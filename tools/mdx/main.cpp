@@ -1,11 +1,12 @@
 // mdx: the library's command-line tool.
 #include "Commands.h"
+#include "Exit.h"
 
 #include <mdxlib/platform/ExResource.h>
+#include <mdxlib/platform/McBuildInfo.h>
 #include <mdxlib/platform/McLogFile.h>
 
 #include <cstdio>
-#include <cstring>
 #include <functional>
 #include <map>
 
@@ -13,50 +14,61 @@ namespace {
 
 void printUsage(std::FILE* out)
 {
-    std::fputs("usage: mdx <command> [options] [arguments]\n"
+    std::fputs("usage: mdx COMMAND [OPTION]... [ARGUMENT]...\n"
+               "       mdx --version | --help\n"
                "\n"
                "commands:\n"
                "  scan PATH...          read the DICOM files under PATH into one study tree per\n"
                "                        study, optimise the trees and report their sizes\n"
                "  build PATH...         the same, and write one tag file per study\n"
-               "  ls TAGFILE|STUDYUID   list a tag file: study, series, volumes, statistics\n"
+               "  ls [FOLDER|TAGFILE|STUDYUID]\n"
+               "                        list the studies of a folder of tag files, or one study\n"
                "  dump TAGFILE|STUDYUID [SOPUID]\n"
                "                        print an image's attributes, or what each node stores\n"
                "  rm STUDYUID [--series UID...|--images UID...]\n"
                "                        delete a tag file, or series or images from it\n"
+               "  version               print the version\n"
                "\n"
-               "Tag files lie in the meta folder: --meta DIR, else MDX_META_FOLDER, else ./meta/.\n"
-               "\n"
-               "mdx <command> --help shows the options of a command.\n",
+               "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
+               "Options take their value as --opt=VALUE or --opt VALUE; -- ends the options.\n"
+               "'mdx COMMAND --help' shows the options of a command.\n"
+               "\n",
                out);
+    std::fputs(mdxtool::kExitCodeHelp, out);
+}
+
+int printVersion()
+{
+    std::printf("mdx %s\n", McBuildInfo::getBuildString(4).c_str());
+    return 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
+    using mdxtool::ExitCode;
     std::map<std::string, std::function<int(mdxtool::Arguments const&)>> const commands{
         {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand}, {"ls", mdxtool::lsCommand},
         {"dump", mdxtool::dumpCommand}, {"rm", mdxtool::rmCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
-        return 2;
+        return mdxtool::status(ExitCode::Usage);
     }
-    // The tool reports for itself; the library's information messages only
-    // when asked for (MDX_LOG_LEVEL).
+    // The tool says in its own words what went wrong; the library's log
+    // only when asked for (MDX_LOG_LEVEL).
     if (!ExResource::getParameter("MDX_LOG_LEVEL"))
-        getTheLogInstance()->setLogLevel(McLogFile::LevelWarning);
+        getTheLogInstance()->setLogLevel(McLogFile::LevelError + 1);
     std::string const name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         printUsage(stdout);
-        return 0;
+        return mdxtool::status(ExitCode::Ok);
     }
+    if (name == "--version" || name == "version")
+        return printVersion();
     auto const command = commands.find(name);
-    if (command == commands.end()) {
-        std::fprintf(stderr, "mdx: unknown command '%s'\n\n", name.c_str());
-        printUsage(stderr);
-        return 2;
-    }
+    if (command == commands.end())
+        return mdxtool::fail(ExitCode::Usage, "unknown command '%s' (try 'mdx --help')", name.c_str());
     return command->second(mdxtool::Arguments(argv + 2, argv + argc));
 }

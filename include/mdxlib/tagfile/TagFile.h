@@ -45,13 +45,37 @@ public:
 
     // ---- Adding images ----
 
-    // Loads the file's header (values above 4 KB stay on disk) and adds it.
-    // Null when the file can't be read (logged) or the image is refused.
-    TagMap* addDicomFile(char const* dicomFilePath, char const* fileName, bool replace);
+    // What became of a file or image offered to the tree: Added, or why it
+    // stayed out.
+    enum class AddResult
+    {
+        Added,
+        Unreadable, // the file could not be opened
+        Damaged,    // a DICOM file (it has the "DICM" mark) that does not parse, e.g. truncated
+        NotDicom,   // no "DICM" mark, and it does not parse as a bare data set either
+        NoUIDs,     // parsed, but without a Study or SOP Instance UID
+        OtherStudy, // the tree holds another study
+        Duplicate   // the tree holds this SOP Instance UID already
+    };
+
+    // Loads a DICOM file's header (values above 4 KB stay on disk) into a new
+    // flat image map that the caller owns. Null when the file gives no image
+    // the tree could index, with the reason in *result. Logs nothing: the
+    // caller knows whether a file that is not DICOM is worth a message.
+    static TagMap* loadImage(char const* dicomFilePath, AddResult* result = nullptr);
+    // The Study, Series or SOP Instance UID of an image as the tree indexes
+    // it: the value as text whatever its VR, without trailing padding.
+    static QByteArray uidOf(TagMap const* image, DcmTagKey const& key);
+
+    // Loads the file's header and adds it. Null when the file can't be read
+    // (logged) or the image is refused; *result, when given, says which.
+    TagMap* addDicomFile(char const* dicomFilePath, char const* fileName, bool replace,
+                         AddResult* result = nullptr);
     TagMap* addDataset(DcmDataset* dataset, char const* fileName, bool replace);
     // Takes ownership of image in every case: the result is image when it
-    // entered the tree, null when it was refused (and deleted).
-    TagMap* addTagMap(TagMap* image, char const* fileName, bool replace);
+    // entered the tree, null when it was refused (and deleted). The image's
+    // own UIDs are stored as UI text, also where its file held them as UN.
+    TagMap* addTagMap(TagMap* image, char const* fileName, bool replace, AddResult* result = nullptr);
     bool addSeries(int count, DcmDataset** datasets, char const** fileNames);
     bool addSeries(TagMap* series);
 

@@ -179,10 +179,10 @@ public:
     // node itself. Null when a step does not exist.
     TagElement* findElement(QString const& path, DcmTagKey const& key) const;
     // What a reader of the node sees, inherited attributes included, in the
-    // manner of a DICOM dump.
-    void dump(QTextStream& stream, int indent) const;
+    // manner of a DICOM dump. Long values are cut unless fullValues is set.
+    void dump(QTextStream& stream, int indent, bool fullValues = false) const;
     // What the node itself stores, markers included.
-    void listContent(QTextStream& stream, int indent) const;
+    void listContent(QTextStream& stream, int indent, bool fullValues = false) const;
 
     // ---- Wire form ----
 

@@ -18,5 +18,8 @@
 MDX_EXPORT bool parseDicomTag(char const* name, DcmTagKey& key);
 // "(gggg,eeee)", exactly 11 characters, hexadecimal fields.
 MDX_EXPORT bool isExpliciteDicomTagRepresentation(char const* text, DcmTagKey& key);
+// The name of a reserved attribute of group 0006 ("MDX_FileSuffix" for
+// (0006,7101)), which no DICOM dictionary knows; null for any other key.
+MDX_EXPORT char const* reservedTagName(DcmTagKey const& key);
 // Earlier dictionary names to today's.
 MDX_EXPORT std::map<std::string, std::string> createLegacyDicomTags();

@@ -25,11 +25,53 @@ namespace {
 constexpr unsigned int kMaxValueSize = 1024;
 constexpr Uint32 kMaxReadLength = 4096;
 
-QByteArray stringOf(TagMap const* node, DcmTagKey const& key)
+OFCondition loadHeader(DcmFileFormat& fileFormat, char const* path)
 {
-    QByteArray value;
-    node->findAndGetString(key, value);
-    return value;
+    return fileFormat.loadFile(OFFilename(path), EXS_Unknown, EGL_noChange, kMaxReadLength, ERM_autoDetect);
+}
+
+// Why DCMTK could not load a file. DCMTK fails alike on a truncated file and
+// on a text file, so the "DICM" mark behind the 128-byte preamble decides
+// between a damaged DICOM file and something else. A bare data set without
+// preamble that does not parse counts as not DICOM.
+TagFile::AddResult loadFailure(char const* path)
+{
+    QFile file(QFile::decodeName(path));
+    if (!file.open(QIODevice::ReadOnly))
+        return TagFile::AddResult::Unreadable;
+    QByteArray const head = file.read(132);
+    return head.size() == 132 && head.endsWith("DICM") ? TagFile::AddResult::Damaged
+                                                       : TagFile::AddResult::NotDicom;
+}
+
+// Rewrites an image's own UID element as UI holding the text the tree
+// indexes it by, when the file stored it otherwise (UN, or padded). Every
+// later reader of the tree, of its tag file and of what clients get from
+// it then finds the UID as text, and under the key of the index.
+void storeUID(TagMap* image, DcmTagKey const& key, QByteArray const& uid)
+{
+    TagElement const* element = image->elements().value(key, nullptr);
+    if (element && !element->isMarker() && element->mVR != VR_SQ &&
+        (element->mVR != VR_UI || element->mValue != uid))
+        image->putAndInsertValue(key, VR_UI, uid);
+}
+
+// A UID of a data set read as addTagMap reads it from the image's map, so
+// that the study and series an addSeries names are the ones it fills.
+QByteArray datasetUID(DcmDataset* dataset, DcmTagKey const& key)
+{
+    DcmElement* element = nullptr;
+    if (dataset->findAndGetElement(key, element).bad() || !element)
+        return QByteArray();
+    TagMap map;
+    map.setElement(element);
+    return TagFile::uidOf(&map, key);
+}
+
+void setResult(TagFile::AddResult* result, TagFile::AddResult value)
+{
+    if (result)
+        *result = value;
 }
 
 } // namespace
@@ -76,16 +118,50 @@ void TagFile::close()
 
 // ------------------------------------------------------------------ adding
 
-TagMap* TagFile::addDicomFile(char const* dicomFilePath, char const* fileName, bool replace)
+TagMap* TagFile::loadImage(char const* dicomFilePath, AddResult* result)
 {
     DcmFileFormat fileFormat;
-    OFCondition const status = fileFormat.loadFile(OFFilename(dicomFilePath), EXS_Unknown, EGL_noChange,
-                                                   kMaxReadLength, ERM_autoDetect);
-    if (status.bad()) {
-        getTheLogInstance()->errorf("Could not load %s: %s", dicomFilePath, status.text());
+    if (loadHeader(fileFormat, dicomFilePath).bad()) {
+        setResult(result, loadFailure(dicomFilePath));
         return nullptr;
     }
-    return addDataset(fileFormat.getDataset(), fileName, replace);
+    TagMap* image = TagMap::createTagMap(fileFormat.getDataset(), kMaxValueSize);
+    if (uidOf(image, DCM_StudyInstanceUID).isEmpty() || uidOf(image, DCM_SOPInstanceUID).isEmpty()) {
+        delete image;
+        setResult(result, AddResult::NoUIDs);
+        return nullptr;
+    }
+    setResult(result, AddResult::Added);
+    return image;
+}
+
+QByteArray TagFile::uidOf(TagMap const* image, DcmTagKey const& key)
+{
+    // A writer that did not know these attributes stores them with VR UN,
+    // and findAndGetString shows UN bytes in hex, cut after 22 bytes: two
+    // images whose UIDs share a long prefix would then meet under one key
+    // and one of them would be lost. A UID is text whatever VR the parser
+    // gave it, so its bytes are taken as they are, without the padding.
+    TagElement const* element = image->findElement(key);
+    if (!element)
+        return QByteArray();
+    QByteArray text = element->mValue;
+    while (text.endsWith('\0') || text.endsWith(' '))
+        text.chop(1);
+    return text;
+}
+
+TagMap* TagFile::addDicomFile(char const* dicomFilePath, char const* fileName, bool replace,
+                              AddResult* result)
+{
+    DcmFileFormat fileFormat;
+    OFCondition const status = loadHeader(fileFormat, dicomFilePath);
+    if (status.bad()) {
+        getTheLogInstance()->errorf("Could not load %s: %s", dicomFilePath, status.text());
+        setResult(result, loadFailure(dicomFilePath));
+        return nullptr;
+    }
+    return addTagMap(TagMap::createTagMap(fileFormat.getDataset(), kMaxValueSize), fileName, replace, result);
 }
 
 TagMap* TagFile::addDataset(DcmDataset* dataset, char const* fileName, bool replace)
@@ -93,14 +169,15 @@ TagMap* TagFile::addDataset(DcmDataset* dataset, char const* fileName, bool repl
     return addTagMap(TagMap::createTagMap(dataset, kMaxValueSize), fileName, replace);
 }
 
-TagMap* TagFile::addTagMap(TagMap* image, char const* fileName, bool replace)
+TagMap* TagFile::addTagMap(TagMap* image, char const* fileName, bool replace, AddResult* result)
 {
-    QByteArray const studyUID = stringOf(image, DCM_StudyInstanceUID);
-    QByteArray const seriesUID = stringOf(image, DCM_SeriesInstanceUID);
-    QByteArray const sopUID = stringOf(image, DCM_SOPInstanceUID);
+    QByteArray const studyUID = uidOf(image, DCM_StudyInstanceUID);
+    QByteArray const seriesUID = uidOf(image, DCM_SeriesInstanceUID);
+    QByteArray const sopUID = uidOf(image, DCM_SOPInstanceUID);
 
     if (!mStudies.isEmpty() && mStudies.firstKey() != studyUID) {
         delete image;
+        setResult(result, AddResult::OtherStudy);
         return nullptr;
     }
 
@@ -108,16 +185,20 @@ TagMap* TagFile::addTagMap(TagMap* image, char const* fileName, bool replace)
     if (imageSlot) {
         if (!replace) {
             delete image;
+            setResult(result, AddResult::Duplicate);
             return nullptr;
         }
         TagMap* oldSeries = imageSlot->mParent;
         delete imageSlot; // unlinks itself from its series
         if (oldSeries && oldSeries->mChildren.isEmpty()) {
-            mSeries.remove(stringOf(oldSeries, DCM_SeriesInstanceUID));
+            mSeries.remove(uidOf(oldSeries, DCM_SeriesInstanceUID));
             delete oldSeries;
         }
     }
     imageSlot = image;
+    storeUID(image, DCM_StudyInstanceUID, studyUID);
+    storeUID(image, DCM_SeriesInstanceUID, seriesUID);
+    storeUID(image, DCM_SOPInstanceUID, sopUID);
 
     TagMap*& seriesSlot = mSeries[seriesUID];
     bool const newSeries = seriesSlot == nullptr;
@@ -137,6 +218,7 @@ TagMap* TagFile::addTagMap(TagMap* image, char const* fileName, bool replace)
         image->putAndInsertValue(Tags::FileSuffix, VR_LO, Loader::extractSuffix(fileName, nullptr));
     if (mStoreFilePaths)
         image->putAndInsertValue(Tags::DicomFilePath, VR_LO, QByteArray(fileName ? fileName : ""));
+    setResult(result, AddResult::Added);
     return image;
 }
 
@@ -145,9 +227,7 @@ bool TagFile::addSeries(int count, DcmDataset** datasets, char const** fileNames
     if (count < 1 || !datasets || !datasets[0])
         return false;
 
-    OFString studyText;
-    datasets[0]->findAndGetOFString(DCM_StudyInstanceUID, studyText);
-    QByteArray const studyUID(studyText.c_str());
+    QByteArray const studyUID = datasetUID(datasets[0], DCM_StudyInstanceUID);
     if (!mStudies.isEmpty() && mStudies.firstKey() != studyUID)
         return false;
 
@@ -174,9 +254,7 @@ bool TagFile::addSeries(int count, DcmDataset** datasets, char const** fileNames
             series = study->mChildren.first();
     }
     if (!series) {
-        OFString seriesText;
-        datasets[0]->findAndGetOFString(DCM_SeriesInstanceUID, seriesText);
-        series = mSeries.value(QByteArray(seriesText.c_str()), nullptr);
+        series = mSeries.value(datasetUID(datasets[0], DCM_SeriesInstanceUID), nullptr);
     }
     if (!series)
         return false;
@@ -188,11 +266,11 @@ bool TagFile::addSeries(TagMap* series)
 {
     if (!series)
         return false;
-    QByteArray const studyUID = stringOf(series, DCM_StudyInstanceUID);
+    QByteArray const studyUID = uidOf(series, DCM_StudyInstanceUID);
     auto const study = mStudies.constFind(studyUID);
     if (studyUID.isEmpty() || study == mStudies.cend())
         return false;
-    QByteArray const seriesUID = stringOf(series, DCM_SeriesInstanceUID);
+    QByteArray const seriesUID = uidOf(series, DCM_SeriesInstanceUID);
     if (seriesUID.isEmpty() || mSeries.contains(seriesUID))
         return false;
     study.value()->addChildMap(series, TagMap::LevelSeries);
@@ -258,7 +336,7 @@ int TagFile::removeSeries(int count, char const** seriesUIDs)
         if (!series || !series->mParent)
             continue;
         for (TagMap const* image : series->mChildren)
-            mImages.remove(stringOf(image, DCM_SOPInstanceUID));
+            mImages.remove(uidOf(image, DCM_SOPInstanceUID));
         TagMap* study = series->mParent;
         study->removeChildMap(series);
         series->mParent = nullptr;
@@ -266,7 +344,7 @@ int TagFile::removeSeries(int count, char const** seriesUIDs)
         delete series;
         ++removed;
         if (study->mChildren.isEmpty())
-            mStudies.remove(stringOf(study, DCM_StudyInstanceUID));
+            mStudies.remove(uidOf(study, DCM_StudyInstanceUID));
     }
     return removed;
 }
@@ -295,12 +373,12 @@ void TagFile::dropSeriesIfEmpty(TagMap* series)
     if (!series->mChildren.isEmpty() || !series->mParent)
         return;
     TagMap* study = series->mParent;
-    mSeries.remove(stringOf(series, DCM_SeriesInstanceUID));
+    mSeries.remove(uidOf(series, DCM_SeriesInstanceUID));
     study->removeChildMap(series);
     series->mParent = nullptr;
     delete series;
     if (study->mChildren.isEmpty())
-        mStudies.remove(stringOf(study, DCM_StudyInstanceUID));
+        mStudies.remove(uidOf(study, DCM_StudyInstanceUID));
 }
 
 void TagFile::deleteEmptyNodes()
@@ -309,9 +387,9 @@ void TagFile::deleteEmptyNodes()
         TagMap* study = mStudies.value(studyUID).get();
         for (int i = study->mChildren.size() - 1; i >= 0; --i) {
             TagMap* series = study->mChildren[i];
-            QByteArray seriesUID;
-            if (!series->mChildren.isEmpty() || !series->findAndGetString(DCM_SeriesInstanceUID, seriesUID))
+            if (!series->mChildren.isEmpty() || !series->findElement(DCM_SeriesInstanceUID))
                 continue;
+            QByteArray const seriesUID = uidOf(series, DCM_SeriesInstanceUID);
             study->removeChildMap(series);
             series->mParent = nullptr;
             mSeries.remove(seriesUID);

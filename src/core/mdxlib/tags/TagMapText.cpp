@@ -37,6 +37,13 @@ enum class View
     Own
 };
 
+// How a walk prints: the view, and whether long values are cut.
+struct Style
+{
+    View view;
+    bool fullValues;
+};
+
 void writeBlanks(QTextStream& stream, int count)
 {
     if (count > 0)
@@ -88,17 +95,18 @@ QByteArray decodedLumoraText(DcmTagKey const& key, char const* creator, TagEleme
     }
 }
 
-void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict, View view);
+void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict,
+               Style style);
 
 void writeSequence(TagSequence const& sequence, QTextStream& stream, int indent,
-                   DcmDataDictionary const& dict, View view)
+                   DcmDataDictionary const& dict, Style style)
 {
     int const itemIndent = qMax(indent + 2, 1);
     for (TagMap const* item : sequence.mItems) {
         writeBlanks(stream, itemIndent);
         stream << "(fffe,e000)\n";
         if (item)
-            writeNode(*item, stream, indent + 4, dict, view);
+            writeNode(*item, stream, indent + 4, dict, style);
         writeBlanks(stream, itemIndent);
         stream << "(fffe,e00d)\n";
     }
@@ -107,21 +115,23 @@ void writeSequence(TagSequence const& sequence, QTextStream& stream, int indent,
 }
 
 void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& element, QTextStream& stream,
-                  int indent, DcmDataDictionary const& dict, View view)
+                  int indent, DcmDataDictionary const& dict, Style style)
 {
     writeKey(stream, indent, key);
     char const* creator = node.privateCreator(key);
     DcmDictEntry const* entry = dict.findEntry(key, creator);
-    char const* name = entry ? entry->getTagName() : "";
+    char const* name = entry ? entry->getTagName() : reservedTagName(key);
+    if (!name)
+        name = "";
 
     if (auto const* sequence = dynamic_cast<TagSequence const*>(&element)) {
         stream << "SQ";
         writeBlanks(stream, kOtherWidth + 1);
         stream << "# 0 " << name << '\n';
-        writeSequence(*sequence, stream, indent, dict, view);
+        writeSequence(*sequence, stream, indent, dict, style);
         return;
     }
-    if (view == View::Own && element.isMissingMarker()) {
+    if (style.view == View::Own && element.isMissingMarker()) {
         stream << "--";
         writeBlanks(stream, kOtherWidth + 1);
         stream << "# 0 " << name << '\n';
@@ -129,7 +139,7 @@ void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& el
     }
 
     QByteArray text;
-    if (view == View::Inherited)
+    if (style.view == View::Inherited)
         text = decodedLumoraText(key, creator, element);
     if (text.isEmpty()) {
         // The dictionary lock is already held here, so resolve a UN value's
@@ -139,7 +149,8 @@ void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& el
         if (vr == VR_UN && entry)
             vr = fromDcmEVR(entry->getEVR());
         element.getValueAsString(text, vr);
-        text = truncated(text);
+        if (!style.fullValues)
+            text = truncated(text);
     }
 
     stream << (element.isOmittedMarker() ? ".." : vrText(element.mVR)) << ' ';
@@ -153,15 +164,16 @@ void writeElement(TagMap const& node, DcmTagKey const& key, TagElement const& el
     stream << "# " << element.mValue.size() << ' ' << name << '\n';
 }
 
-void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict, View view)
+void writeNode(TagMap const& node, QTextStream& stream, int indent, DcmDataDictionary const& dict,
+               Style style)
 {
-    if (view == View::Inherited) {
+    if (style.view == View::Inherited) {
         for (TagMap::iterator it = node.begin(), last = node.end(); it != last; ++it)
-            writeElement(node, it.key(), *it.element(), stream, indent, dict, view);
+            writeElement(node, it.key(), *it.element(), stream, indent, dict, style);
     } else {
         for (auto it = node.elements().cbegin(); it != node.elements().cend(); ++it) {
             if (it.value())
-                writeElement(node, it.key(), *it.value(), stream, indent, dict, view);
+                writeElement(node, it.key(), *it.value(), stream, indent, dict, style);
         }
     }
 }
@@ -192,17 +204,17 @@ TagElement* TagMap::findElement(QString const& path, DcmTagKey const& key) const
     return node->findElement(key);
 }
 
-void TagMap::dump(QTextStream& stream, int indent) const
+void TagMap::dump(QTextStream& stream, int indent, bool fullValues) const
 {
     DcmDataDictionary const& dict = dcmDataDict.rdlock();
-    writeNode(*this, stream, indent, dict, View::Inherited);
+    writeNode(*this, stream, indent, dict, Style{View::Inherited, fullValues});
     dcmDataDict.rdunlock();
 }
 
-void TagMap::listContent(QTextStream& stream, int indent) const
+void TagMap::listContent(QTextStream& stream, int indent, bool fullValues) const
 {
     DcmDataDictionary const& dict = dcmDataDict.rdlock();
-    writeNode(*this, stream, indent, dict, View::Own);
+    writeNode(*this, stream, indent, dict, Style{View::Own, fullValues});
     dcmDataDict.rdunlock();
 }
 

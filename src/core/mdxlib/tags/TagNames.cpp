@@ -39,6 +39,30 @@ void cacheEntry(char const* name, DcmDictEntry const* entry)
 
 } // namespace
 
+char const* reservedTagName(DcmTagKey const& key)
+{
+    struct Reserved
+    {
+        Uint16 element;
+        char const* name;
+    };
+    static Reserved const names[] = {
+        {0x7100, "MDX_DicomFilePath"},     {0x7101, "MDX_FileSuffix"},
+        {0x7102, "MDX_TransferSyntax"},    {0x7103, "MDX_VolumeIndices"},
+        {0x7105, "MDX_PreviewData"},       {0x7106, "MDX_PreviewDataIndex"},
+        {0x7107, "MDX_FromDatabase"},      {0x7108, "MDX_GeneratorMark"},
+        {0x710A, "MDX_QAVersion"},         {0x7120, "MDX_AbstractSeriesNumber"},
+        {0x7121, "MDX_AbstractLocalizer"},
+    };
+    if (key.getGroup() != 0x0006)
+        return nullptr;
+    for (Reserved const& reserved : names) {
+        if (reserved.element == key.getElement())
+            return reserved.name;
+    }
+    return nullptr;
+}
+
 std::map<std::string, std::string> createLegacyDicomTags()
 {
     // Names that earlier DCMTK dictionaries used, as they still appear in
