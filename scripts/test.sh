@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds the debug configuration with the address and
-# undefined-behaviour sanitizers and runs every test. Exits with ctest's status.
+# undefined-behaviour sanitizers and runs every test, then the tests of
+# threaded code under ThreadSanitizer. Exits non-zero when any test failed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -20,4 +21,14 @@ echo "== build"
 cmake --build build/test
 
 echo "== test"
-exec ctest --test-dir build/test --output-on-failure -j2
+status=0
+ctest --test-dir build/test --output-on-failure -j2 || status=$?
+
+# Threaded code once more under ThreadSanitizer: a second, small build.
+echo "== threads (ThreadSanitizer)"
+cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
+  -DMDX_BUILD_TESTS=ON -DMDX_BUILD_TOOLS=OFF "-DMDX_SAMPLES_DIR=$SAMPLES"
+cmake --build build/tsan --target tagfile_threads_test
+MDX_SAMPLES=$SAMPLES TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
+exit $status

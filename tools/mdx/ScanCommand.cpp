@@ -7,6 +7,7 @@
 #include "Scanner.h"
 
 #include <mdxlib/platform/McWatch.h>
+#include <mdxlib/tagfile/OrderedImageLoader.h>
 #include <mdxlib/tagfile/TagFile.h>
 
 #include <QFileInfo>
@@ -24,6 +25,15 @@ namespace mdxtool {
 
 namespace {
 
+// Parsing is spread over the cores; the trees still take the images in
+// file order, so the tag files do not depend on the number of jobs.
+OptionSpec const& jobsOption()
+{
+    static OptionSpec const option{"--jobs", 'j', "N",
+                                   "read files on N threads (default: the number of cores)"};
+    return option;
+}
+
 CommandSpec const& scanSpec()
 {
     static CommandSpec const spec{
@@ -35,7 +45,7 @@ CommandSpec const& scanSpec()
         "merging, and after optimisation. Files that cannot be read, damaged DICOM files, files\n"
         "that are not DICOM, images without UIDs and repeated SOP Instance UIDs are counted apart\n"
         "and skipped.",
-        {helpOption(), quietOption(), verboseOption(), jsonOption()}};
+        {helpOption(), quietOption(), verboseOption(), jsonOption(), jobsOption()}};
     return spec;
 }
 
@@ -52,6 +62,7 @@ CommandSpec const& buildSpec()
          verboseOption(),
          jsonOption(),
          metaOption(),
+         jobsOption(),
          {"--store-paths", 0, nullptr, "record each image's file path in its tag file"},
          {"--force", 0, nullptr, "replace tag files even when they hold more images"}}};
     return spec;
@@ -113,12 +124,27 @@ std::optional<int> emptyScan(ScanResult const& result, std::vector<std::string> 
                 ll(result.files));
 }
 
-ScanResult scan(ParsedArguments const& parsed, Progress& progress)
+ScanResult scan(ParsedArguments const& parsed, ScanOptions const& options, Progress& progress)
 {
-    ScanOptions options;
+    return scanPaths(parsed.positional, options, progress);
+}
+
+// The scan options of the command line; an error line and the usage status
+// for a --jobs that is not a count.
+std::optional<int> scanOptions(CommandSpec const& spec, ParsedArguments const& parsed, ScanOptions& options)
+{
     options.verbose = parsed.has("--verbose");
     options.storeFilePaths = parsed.has("--store-paths");
-    return scanPaths(parsed.positional, options, progress);
+    options.jobs = Mdx::defaultLoadJobs();
+    std::string const jobs = parsed.value("--jobs");
+    if (!jobs.empty()) {
+        char* end = nullptr;
+        long const value = std::strtol(jobs.c_str(), &end, 10);
+        if (*end != '\0' || value < 1 || value > 256)
+            return usageError(spec, "--jobs takes a count from 1 to 256");
+        options.jobs = static_cast<int>(value);
+    }
+    return std::nullopt;
 }
 
 // Creates the folder and its parents as needed, and proves it writable by
@@ -157,9 +183,12 @@ int scanCommand(Arguments const& args)
         return *done;
     if (parsed.positional.empty())
         return usageError(scanSpec(), "no PATH given");
+    ScanOptions options;
+    if (std::optional<int> const bad = scanOptions(scanSpec(), parsed, options))
+        return *bad;
     bool const json = parsed.has("--json");
     Progress progress(!parsed.has("--quiet"));
-    ScanResult const result = scan(parsed, progress);
+    ScanResult const result = scan(parsed, options, progress);
     if (std::optional<int> const empty = emptyScan(result, parsed.positional))
         return *empty;
 
@@ -205,6 +234,9 @@ int buildCommand(Arguments const& args)
         return *done;
     if (parsed.positional.empty())
         return usageError(buildSpec(), "no PATH given");
+    ScanOptions options;
+    if (std::optional<int> const bad = scanOptions(buildSpec(), parsed, options))
+        return *bad;
     if (!parsed.value("--meta").empty())
         Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
     std::string const meta = Mdx::TagFile::metaFolder();
@@ -216,7 +248,7 @@ int buildCommand(Arguments const& args)
 
     bool const json = parsed.has("--json");
     Progress progress(!parsed.has("--quiet"));
-    ScanResult const result = scan(parsed, progress);
+    ScanResult const result = scan(parsed, options, progress);
     if (std::optional<int> const empty = emptyScan(result, parsed.positional)) {
         if (created)
             rmdir(meta.c_str()); // leave no trace of a build that wrote nothing

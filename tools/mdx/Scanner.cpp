@@ -3,6 +3,7 @@
 #include "Progress.h"
 
 #include <mdxlib/platform/McWatch.h>
+#include <mdxlib/tagfile/OrderedImageLoader.h>
 #include <mdxlib/tags/TagMap.h>
 #include <mdxlib/tags/TagSequence.h>
 
@@ -69,12 +70,6 @@ void reportSkip(QByteArray const& path, AddResult why)
         return;
     }
     warn("skipped %s: %s", path.constData(), skipText(why));
-}
-
-// FIFOs, sockets and devices are not read: opening a FIFO would block.
-bool isSpecialFile(QFileInfo const& info)
-{
-    return info.exists() && !info.isFile();
 }
 
 } // namespace
@@ -150,31 +145,35 @@ ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& o
     QStringList const files = collectFiles(paths, result.missing, progress);
 
     progress.phase("read", files.size(), "files");
-    for (QString const& file : files) {
-        progress.update(result.files++);
-        QByteArray const path = file.toLocal8Bit();
-        AddResult why = AddResult::Unreadable;
-        Mdx::TagMap* image = isSpecialFile(QFileInfo(file)) ? nullptr : Mdx::TagFile::loadImage(path, &why);
-        if (image) {
-            QByteArray const studyUID = Mdx::TagFile::uidOf(image, DCM_StudyInstanceUID);
-            std::unique_ptr<StudyScan>& study = result.studies[studyUID];
-            if (!study) {
-                study = std::make_unique<StudyScan>();
-                study->tagFile.setStoreFilePaths(options.storeFilePaths);
+    std::vector<QByteArray> localPaths;
+    localPaths.reserve(static_cast<size_t>(files.size()));
+    for (QString const& file : files)
+        localPaths.push_back(file.toLocal8Bit());
+    Mdx::loadImagesInOrder(
+        localPaths, options.jobs, [&](int index, std::unique_ptr<Mdx::TagMap> image, AddResult why) {
+            progress.update(++result.files);
+            QByteArray const& path = localPaths[static_cast<size_t>(index)];
+            if (image) {
+                QByteArray const studyUID = Mdx::TagFile::uidOf(image.get(), DCM_StudyInstanceUID);
+                std::unique_ptr<StudyScan>& study = result.studies[studyUID];
+                if (!study) {
+                    study = std::make_unique<StudyScan>();
+                    study->tagFile.setStoreFilePaths(options.storeFilePaths);
+                }
+                int64_t const flat = countStored(image.get());
+                if (study->tagFile.addTagMap(image.release(), path.constData(), false, &why)) {
+                    ++result.images;
+                    study->flatAttributes += flat;
+                    return true;
+                }
             }
-            int64_t const flat = countStored(image);
-            if (study->tagFile.addTagMap(image, path.constData(), false, &why)) {
-                ++result.images;
-                study->flatAttributes += flat;
-                continue;
+            result.skipped.count(why);
+            if (options.verbose) {
+                progress.finish();
+                reportSkip(path, why);
             }
-        }
-        result.skipped.count(why);
-        if (options.verbose) {
-            progress.finish();
-            reportSkip(path, why);
-        }
-    }
+            return true;
+        });
 
     progress.phase("optimise", static_cast<int64_t>(result.studies.size()), "studies");
     int64_t optimised = 0;

@@ -51,6 +51,7 @@ struct ScanOptions
 {
     bool verbose = false;
     bool storeFilePaths = false;
+    int jobs = 1; // threads that parse files
 };
 
 // Reads every file under paths (folders recursively, in name order), merges
