@@ -61,7 +61,8 @@ public:
     // Loads a DICOM file's header (values above 4 KB stay on disk) into a new
     // flat image map that the caller owns. Null when the file gives no image
     // the tree could index, with the reason in *result. Logs nothing: the
-    // caller knows whether a file that is not DICOM is worth a message.
+    // caller knows whether a file that is not DICOM is worth a message. Only
+    // regular files are opened: a FIFO would block, a device is no file.
     static TagMap* loadImage(char const* dicomFilePath, AddResult* result = nullptr);
     // The Study, Series or SOP Instance UID of an image as the tree indexes
     // it: the value as text whatever its VR, without trailing padding.

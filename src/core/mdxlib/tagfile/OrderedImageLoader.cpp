@@ -2,8 +2,6 @@
 
 #include <mdxlib/tags/TagMap.h>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -24,14 +22,11 @@ struct Loaded
     TagFile::AddResult result = TagFile::AddResult::Unreadable;
 };
 
+// loadImage opens regular files only, so a FIFO among the paths cannot
+// block a worker.
 Loaded loadOne(QByteArray const& path)
 {
     Loaded loaded;
-    // Opening a FIFO would block the worker for good, and a device is no
-    // DICOM file: only regular files (links followed) are read.
-    struct stat status;
-    if (::stat(path.constData(), &status) != 0 || !S_ISREG(status.st_mode))
-        return loaded;
     loaded.image.reset(TagFile::loadImage(path.constData(), &loaded.result));
     return loaded;
 }

@@ -13,6 +13,8 @@
 
 #include <string>
 
+#include <sys/stat.h>
+
 namespace Mdx {
 
 int TagFile::sCompressionMode = 1;
@@ -27,6 +29,11 @@ constexpr Uint32 kMaxReadLength = 4096;
 
 OFCondition loadHeader(DcmFileFormat& fileFormat, char const* path)
 {
+    // Opening a FIFO would block the caller for good, and a device or a
+    // socket is no DICOM file: only regular files (links followed) are read.
+    struct stat status;
+    if (::stat(path, &status) != 0 || !S_ISREG(status.st_mode))
+        return EC_InvalidFilename;
     return fileFormat.loadFile(OFFilename(path), EXS_Unknown, EGL_noChange, kMaxReadLength, ERM_autoDetect);
 }
 
@@ -36,8 +43,9 @@ OFCondition loadHeader(DcmFileFormat& fileFormat, char const* path)
 // preamble that does not parse counts as not DICOM.
 TagFile::AddResult loadFailure(char const* path)
 {
+    struct stat status;
     QFile file(QFile::decodeName(path));
-    if (!file.open(QIODevice::ReadOnly))
+    if (::stat(path, &status) != 0 || !S_ISREG(status.st_mode) || !file.open(QIODevice::ReadOnly))
         return TagFile::AddResult::Unreadable;
     QByteArray const head = file.read(132);
     return head.size() == 132 && head.endsWith("DICM") ? TagFile::AddResult::Damaged
