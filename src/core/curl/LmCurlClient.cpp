@@ -4,6 +4,7 @@
 #include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/curl/LmCurlRetryPolicy.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McFilename.h>
 #include <mdxlib/platform/McLogFile.h>
@@ -44,7 +45,7 @@ char const* verbFor(QByteArray const& postData, int flags)
 void logHeaders(LmHttpStatus const& status)
 {
     for (auto const& [name, value] : status.headers)
-        getTheLogInstance()->printf("%s: %s", name.c_str(), value.c_str());
+        getTheLogInstance()->printf("%s", lmRedactSecrets(name + ": " + value).c_str());
 }
 
 } // namespace
