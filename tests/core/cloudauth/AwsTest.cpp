@@ -355,13 +355,6 @@ TEST_F(Metadata, credentialsFromTokenRegionAndRoleAreKeptUntilTheyExpire)
     ASSERT_EQ(headers.size(), 5u);
     EXPECT_EQ(headers[3], "X-Amz-Security-Token: metadata-session-token-EXAMPLE");
     EXPECT_EQ(counts()[0], 1);
-
-    // 100 s of life is inside the 120 s margin: each use renews.
-    setMode("normal", "expires_in=100");
-    LmAwsAuth shortLived;
-    auto const first = shortLived.getCredentials(now());
-    EXPECT_NE(shortLived.getCredentials(now()), first);
-    EXPECT_EQ(counts(), (std::vector<int>{2, 2, 2, 2}));
 }
 
 TEST_F(Metadata, everyFailureModeFallsBackOrGoesOnAsItShouldAndKeepsSecretsOutOfTheLog)

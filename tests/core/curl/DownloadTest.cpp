@@ -158,6 +158,9 @@ TEST_F(Download, theFirstRequestHoldsNoMoreThanItsSpillBufferWhileTheReaderIsAwa
     // Closing during a pause ends the transfer and records no error.
     LmCurlDownloadStream paused = client->read(nginx("medium.bin"), false);
     LmCurlDownloadRequest* request = paused.streambuf()->request();
+    char byte;
+    for (int i = 0; i < 100000 && !request->mPaused; ++i)
+        request->read(&byte, 1);
     ASSERT_TRUE(request->mPaused);
     paused.close();
     EXPECT_TRUE(request->mDone);

@@ -171,23 +171,17 @@ TEST(HttpStatus, codesLengthsRangesAndTheirWarnings)
         int64_t length, from, expected;
         Strings warnings;
     };
+    // clang-format off
     Case const cases[] = {
         {206, {{"content-range", "bytes 0-99/1000"}}, 1000, 0, 100, {}},
         {206, {{"content-range", "bytes 100-199/*"}}, 0, 100, 100, {}},
-        {206,
-         {{"content-range", "bytes 100-199"}, {"transfer-encoding", "chunked"}},
-         0,
-         100,
-         100,
+        {206, {{"content-range", "bytes 100-199"}, {"transfer-encoding", "chunked"}}, 0, 100, 100,
          {"Could not parse Content-Range: bytes 100-199"}},
         {200, {{"transfer-encoding", "chunked"}}, 0, 0, -1, {}},
-        {200,
-         {{"transfer-encoding", "Chunked"}},
-         0,
-         0,
-         -1,
+        {200, {{"transfer-encoding", "Chunked"}}, 0, 0, -1,
          {"Could not get content length. Received headers:", "transfer-encoding: Chunked"}},
     };
+    // clang-format on
     for (Case const& c : cases) {
         LmHttpStatus s;
         s.responseCode = c.code;
