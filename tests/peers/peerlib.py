@@ -1,12 +1,10 @@
-"""What every python peer shares (standard library only): the byte stream they serve, the server
-with optional TLS, request dispatch, the command line, the "PORT <n>" announcement and the rules
-by which a peer ends itself, so that a crashed test never leaves one holding a port.
+"""What every python peer shares: the byte stream they serve (PeerBody.h is the same in C++),
+server, dispatch, command line, "PORT <n>" announcement, and the rules by which a peer ends itself,
+so that a crashed test never leaves one holding a port.
 
-The byte stream: byte i is (w >> 8 * (i & 7)) & 0xFF with n = i >> 3 and
-w = mix(n & 0x1FFF) ^ mix(0x2000 + (n >> 13)), mix being the 64-bit finaliser below; PeerBody.h
-is the same formula in C++. Every 64 KiB segment is one fixed pattern XORed with a word of its
-own, so no two segments and no two offsets in a segment look alike (a block fetched from the
-wrong boundary shows), and a segment is one big-integer XOR in Python.
+Byte i of the stream is (w >> 8 * (i & 7)) & 0xFF, with n = i >> 3 and w = mix(n & 0x1FFF) ^
+mix(0x2000 + (n >> 13)): every 64 KiB segment is one pattern XORed with a word of its own, so no
+two segments or offsets look alike, and a segment is one big-integer XOR here.
 """
 
 import argparse

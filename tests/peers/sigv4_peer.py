@@ -1,23 +1,17 @@
 #!/usr/bin/env python3
 """An S3 front that checks every AWS Signature Version 4 with botocore (Debian python3-botocore),
-over HTTPS by default (see peerlib.py for the common options; exits with 77 without botocore).
+over HTTPS (see peerlib.py for the common options; exits with 77 without botocore).
 
-The signature is not computed here: the peer rebuilds a botocore AWSRequest from what the client
-says it signed (the headers named in SignedHeaders, with their received values), sets botocore's
-signing time to X-Amz-Date and lets botocore.auth.S3SigV4Auth sign with "UNSIGNED-PAYLOAD" and the
-secret of the access key. botocore adds host, x-amz-date, x-amz-content-sha256 and, with a token,
-x-amz-security-token to what it signs, so a client that leaves one out fails as at the real service.
-
-Buckets are virtual hosts "<bucket>.s3[.<region>].localhost[:port]". Refusals, as S3 XML errors:
-403 AccessDenied (anonymous), 400 AuthorizationHeaderMalformed (also a scope that does not fit
-the host), 403 InvalidAccessKeyId, 403 InvalidToken, 403 RequestTimeTooSkewed (15 minutes),
-403 SignatureDoesNotMatch, 400 BadDigest (Content-MD5 not the body's). Accepted requests: a PUT
-without query stores the body, GET and HEAD serve it (with Range: 206) or "sigv4 ok\\n", DELETE
-answers 204, POST ?uploads an InitiateMultipartUploadResult, anything else 200.
-Identities: AKIDSIGV4PLAIN / sigv4/plain/SECRETKEY; ASIASIGV4TOKEN / sigv4/token/SECRETKEY with
-the token "sigv4-session-token/EXAMPLE==". Bookkeeping (host 127.0.0.1): GET /__stats gives
-{"requests": [{"method", "access_key", "region", "signed_headers", "status"}...]}; POST /__reset;
-POST /__fail?count=N&status=CODE answers the next N well-signed requests with CODE.
+The peer rebuilds a botocore AWSRequest from what the client says it signed (the headers named in
+SignedHeaders, as received), and lets botocore.auth.S3SigV4Auth sign it at X-Amz-Date with
+"UNSIGNED-PAYLOAD" and the secret of the access key; botocore adds host, x-amz-date,
+x-amz-content-sha256 and the token itself, so a client that leaves one out fails as at the real
+service. Hosts are "<bucket>.s3[.<region>].localhost". Refusals are S3 XML errors: AccessDenied
+(anonymous), AuthorizationHeaderMalformed, InvalidAccessKeyId, InvalidToken, RequestTimeTooSkewed,
+SignatureDoesNotMatch, BadDigest. A PUT without query stores the body; GET and HEAD serve it (206
+for a Range) or "sigv4 ok\n". Identities: AKIDSIGV4PLAIN and ASIASIGV4TOKEN (with a token), below.
+Host 127.0.0.1: GET /__stats, POST /__reset, POST /__fail?count=N&status=CODE (the next N signed
+requests get CODE).
 """
 
 import base64
