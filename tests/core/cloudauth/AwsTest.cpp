@@ -510,6 +510,17 @@ TEST_F(Aws, theBotocorePeerTakesEveryS3OperationAndRefusesWhatIsWronglySigned)
         ASSERT_EQ(rawRequest("POST", control("/__reset")).getResponseCode(), 200);
     }
 
+    // A delete succeeds on 204 and 404 only, and is never retried.
+    for (auto const& [answer, success] :
+         std::vector<std::pair<int, bool>>{{404, true}, {500, false}, {200, false}}) {
+        ASSERT_EQ(
+            rawRequest("POST", control("/__fail?count=1&status=" + std::to_string(answer))).getResponseCode(),
+            200);
+        EXPECT_EQ(client->deleteObject(object), success) << answer;
+    }
+    EXPECT_EQ(answered(), 3u);
+    ASSERT_EQ(rawRequest("POST", control("/__reset")).getResponseCode(), 200);
+
     // A retry is signed anew: credentials changed between the tries are the ones used.
     ASSERT_EQ(rawRequest("POST", control("/__fail?count=1&status=503")).getResponseCode(), 200);
     client->setRetrySleeper([&](long long) {

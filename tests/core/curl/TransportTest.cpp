@@ -263,6 +263,8 @@ TEST(Redaction, secretsLeaveLogLinesAndTheRestStays)
         {"Credential=AKID/20261113/us-east-1/s3/aws4_request, Signature=0a1f",
          "Credential=AKID/20261113/us-east-1/s3/aws4_request, Signature=<redacted>"},
         {"client_secret=a%26b&client_id=c", "client_secret=<redacted>&client_id=c"},
+        {"https://b/k?X-Amz-Signature=00ff&x-amz-security-token=t%2B&X-Amz-Expires=60",
+         "https://b/k?X-Amz-Signature=<redacted>&x-amz-security-token=<redacted>&X-Amz-Expires=60"},
         {"Could not get region (response code 500)", "Could not get region (response code 500)"},
     };
     for (auto const& [text, expected] : cases)
