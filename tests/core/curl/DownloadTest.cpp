@@ -110,7 +110,7 @@ TEST_F(Download, wholeFilesAndParallelRangesOverHttpAndHttpsByteForByte)
             LmCurlDownloadStream stream = client->read(nginx("medium.bin", tls), partial);
             EXPECT_EQ(stream.contentLength(), static_cast<int64_t>(kMedium));
             // Reads of odd sizes cross range boundaries in the middle of a call.
-            std::string const data = readAll(stream, partial ? 100003 : 65536);
+            std::string const data = readAll(stream, 100003);
             ASSERT_EQ(data.size(), kMedium);
             EXPECT_EQ(firstMismatch(data.data(), data.size()), -1);
             EXPECT_FALSE(stream.isOpen());
@@ -122,6 +122,20 @@ TEST_F(Download, wholeFilesAndParallelRangesOverHttpAndHttpsByteForByte)
             EXPECT_EQ(ranges > 4, partial);
             EXPECT_EQ(stream.httpStatus().totalBytesReceived(), kMedium);
         }
+    }
+}
+
+TEST_F(Download, aRangeThatEndsWithoutAByteForItsReaderIsNotTheEndOfTheStream)
+{
+    // A front of a whole number of get areas, read through the get area while its one sibling
+    // finish: its last bytes come with one read, its end with the next, which gets no byte.
+    // Whether the last bytes come that way depends on timing: a few tries.
+    client->setChunkSizeForPartialRequests(4 * 1024 * 1024);
+    for (bool tls : {false, true, false, true}) {
+        LmCurlDownloadStream stream = client->read(nginx("medium.bin", tls), true);
+        std::string const data{std::istreambuf_iterator<char>(stream), {}};
+        EXPECT_EQ(data.size(), kMedium);
+        EXPECT_EQ(firstMismatch(data.data(), data.size()), -1);
     }
 }
 
