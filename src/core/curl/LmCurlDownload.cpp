@@ -215,7 +215,9 @@ void LmCurlDownloadRequest::curlError(char const* what, CURLcode easyCode, CURLM
 
 int LmCurlDownloadRequest::performWork()
 {
-    if (!mInMulti)
+    // The multi handle is the family's: a request that has ended still
+    // drives its siblings while its reader drains it.
+    if (mMulti->requests.empty())
         return 0;
     CURLM* multi = mMulti->multi.get();
     int running = 0;
@@ -306,8 +308,12 @@ unsigned long LmCurlDownloadRequest::read(char* buf, unsigned long size)
     }
     drainSpillBuffer();
     // A block served whole from the spill buffer needs no more from the
-    // network: unpausing now would only make the transfer pause again.
+    // network: unpausing now would only make the transfer pause again. The
+    // other transfers get their turn all the same, or their sockets would
+    // fill and stall while spilled ranges are read. (A failure found there
+    // belongs to its own request and is seen when it comes to the front.)
     if (mDestFilled >= mDestSize) {
+        performWork();
         unsigned long const filled = mDestFilled;
         mDest = nullptr;
         mDestSize = mDestFilled = 0;
