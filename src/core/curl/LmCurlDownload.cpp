@@ -2,6 +2,7 @@
 
 #include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/McLogFile.h>
 
 #include <algorithm>
@@ -363,8 +364,9 @@ bool LmCurlDownloadRequest::rangeAnswered()
     if (wrong) {
         getTheLogInstance()->tracef(McLogFile::LevelError, kCategory,
                                     "%s: asked for bytes %lld-%lld, the answer was %d from byte %lld",
-                                    mUrl.c_str(), static_cast<long long>(mFrom), static_cast<long long>(mTo),
-                                    code, static_cast<long long>(mStatus->from()));
+                                    lmRedactSecrets(mUrl).c_str(), static_cast<long long>(mFrom),
+                                    static_cast<long long>(mTo), code,
+                                    static_cast<long long>(mStatus->from()));
         mStatus->curlError = true;
     }
     mRangeChecked = true;

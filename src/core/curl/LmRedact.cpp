@@ -13,6 +13,7 @@ std::string lmRedactSecrets(std::string const& text)
                    std::regex::icase),
         std::regex(R"re((Signature=)[0-9a-fA-F]+)re"),
         std::regex(R"re(((?:X-Amz-Security-Token|access_token)=)[^&\s]+)re", std::regex::icase),
+        std::regex(R"re(([?&]s=)[^&\s]+)re"), // the session identifier of a plain URL
         std::regex(R"re(((?:aws_secret_access_key|client_secret|assertion)\s*=\s*)[^\s&]+)re"),
     };
     std::string result = text;

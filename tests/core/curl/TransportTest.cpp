@@ -265,6 +265,7 @@ TEST(Redaction, secretsLeaveLogLinesAndTheRestStays)
         {"client_secret=a%26b&client_id=c", "client_secret=<redacted>&client_id=c"},
         {"https://b/k?X-Amz-Signature=00ff&x-amz-security-token=t%2B&X-Amz-Expires=60",
          "https://b/k?X-Amz-Signature=<redacted>&x-amz-security-token=<redacted>&X-Amz-Expires=60"},
+        {"http://h/x?a=1&s=S1&ids=2", "http://h/x?a=1&s=<redacted>&ids=2"},
         {"Could not get region (response code 500)", "Could not get region (response code 500)"},
     };
     for (auto const& [text, expected] : cases)
