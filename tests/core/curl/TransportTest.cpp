@@ -283,11 +283,11 @@ TEST(ProviderUrls, googleKeysAreOneSegmentAzureAccountsGetTheSuffix)
     auto const google = [](std::string const& url) {
         return LmCurlHelper::convertGoogleUrl(url, false, false);
     };
-    for (auto const& [url, expected] : Pairs{{"gs://b/x/y/z", "b/x%2Fy%2Fz"},
-                                             {"gs://b/x/", "b/x%2F"},
-                                             {"gs://b", "b"},
-                                             {"gs:////b/k", "b/k"},
-                                             {"gs://b/a b/c?d=e&f", "b/a b%2Fc?d=e&f"}})
+    // clang-format off
+    Pairs const keys = {{"gs://b/x/y/z", "b/x%2Fy%2Fz"}, {"gs://b/x/", "b/x%2F"}, {"gs://b", "b"},
+                        {"gs:////b/k", "b/k"}, {"gs://b/a b/c?d=e&f", "b/a b%2Fc?d=e&f"}};
+    // clang-format on
+    for (auto const& [url, expected] : keys)
         EXPECT_EQ(google(url), "https://storage.googleapis.com/" + expected);
     EXPECT_EQ(LmCurlHelper::convertGoogleUrl("gs://b/x/y", true, true),
               "https://storage.googleapis.com/upload/storage/v1/b/b/x%2Fy");
@@ -473,14 +473,12 @@ TEST(FileServers, portsAndTokensFromEveryConfigurationAddUp)
          Pairs{{"fs1", "9000"}, {"fs2", "9000"}, {"fs3", "9100"}, {"fs5", "8181"}})
         EXPECT_EQ(helper.getFFS2Port(server), port) << server;
     // The key is everything in front of the first '/' behind a "//" found from the sixth character on.
-    for (auto const& [url, token] : Pairs{{"http://fs1:9000/data/x.dcm", "tok-A"},
-                                          {"http://fs1:9100/x", "tok-B"},
-                                          {"http://fs5:8181/x", "tok-C"},
-                                          {"http://fs1:8181/x", ""},
-                                          {"https://fs1:9000/x", ""},
-                                          {"http://fs1:9000", ""},
-                                          {"http:/fs1:9000/x", ""},
-                                          {"short", ""}})
+    // clang-format off
+    Pairs const tokens = {{"http://fs1:9000/data/x.dcm", "tok-A"}, {"http://fs1:9100/x", "tok-B"},
+                          {"http://fs5:8181/x", "tok-C"}, {"http://fs1:8181/x", ""}, {"https://fs1:9000/x", ""},
+                          {"http://fs1:9000", ""}, {"http:/fs1:9000/x", ""}, {"short", ""}};
+    // clang-format on
+    for (auto const& [url, token] : tokens)
         EXPECT_EQ(helper.getFFS2BearerToken(url), token) << url;
     Strings headers;
     helper.addRequestHeaders("http://fs3:9100/x", headers);
