@@ -1,21 +1,14 @@
 #!/usr/bin/env python3
 """Debian's nginx as a throw-away loopback HTTP + HTTPS peer.
 
-As a library: `with NginxPeer(data_dir) as peer:` serves data_dir at / on peer.http_port and
-peer.https_port (ranges, HEAD, 416: nginx does all of that), with WebDAV PUT/DELETE under /upload/.
-As a command (bench/download/run.sh):
-    python3 nginx_peer.py --data DIR [--make-file NAME:SIZE]... [--port-file FILE] -- COMMAND...
-generates the files (the stream of peerlib.py), runs COMMAND with MDX_NGINX_HTTP_PORT,
-MDX_NGINX_HTTPS_PORT and MDX_PEER_DATA, stops nginx and exits with COMMAND's status.
+`with NginxPeer(data_dir) as peer:` serves data_dir at / on peer.http_port and peer.https_port
+(ranges, HEAD, 416: nginx does all of that), with WebDAV PUT/DELETE under /upload/.
 """
 
-import argparse
 import os
 import shutil
-import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import time
 
@@ -121,28 +114,3 @@ class NginxPeer:
         if self.tmp:
             shutil.rmtree(self.tmp, ignore_errors=True)
             self.tmp = None
-
-
-def main():
-    argv = sys.argv[1:]
-    split = argv.index("--") if "--" in argv else len(argv)
-    parser = argparse.ArgumentParser(description="Run nginx as a loopback test peer.")
-    parser.add_argument("--data", required=True, help="folder served at /")
-    parser.add_argument("--port-file", help='write "HTTP_PORT HTTPS_PORT" here once nginx is up')
-    parser.add_argument("--make-file", action="append", default=[], metavar="NAME:SIZE")
-    args, command = parser.parse_args(argv[:split]), argv[split + 1:] or ["sleep", "infinity"]
-    os.makedirs(args.data, exist_ok=True)
-    make_files(args.data, args.make_file)
-    signal.signal(signal.SIGTERM, lambda signum, frame: sys.exit(128 + signum))
-    with NginxPeer(args.data) as peer:
-        if args.port_file:
-            with open(args.port_file, "w") as f:
-                f.write("%d %d\n" % (peer.http_port, peer.https_port))
-        env = dict(os.environ, MDX_NGINX_HTTP_PORT=str(peer.http_port), MDX_NGINX_HTTPS_PORT=str(peer.https_port),
-                   MDX_PEER_DATA=os.path.abspath(args.data))
-        rc = subprocess.call(command, env=env, preexec_fn=peerlib.die_with_parent)
-    return 128 - rc if rc < 0 else rc
-
-
-if __name__ == "__main__":
-    sys.exit(main())

@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Run one test command next to a private set of loopback peers.
 
-    python3 run_with_peers.py [--timeout S] [--with aws] -- COMMAND ARGS...
+    python3 run_with_peers.py [--timeout S] [--with aws] [--data DIR] [--make-file NAME:SIZE]...
+                              -- COMMAND ARGS...
 
 Starts on free ports of 127.0.0.1 (parallel ctest runs never collide) nginx serving small.bin
-(1000 bytes), medium.bin (5 MiB) and large.bin (64 MiB) of the peers' stream, and fault_peer.py
+(1000 bytes), medium.bin (5 MiB) and large.bin (64 MiB) of the peers' stream (or DIR with the
+files of --make-file, as bench/download/run.sh wants them), and fault_peer.py
 over HTTP and HTTPS; with --with aws also ec2_metadata_peer.py and sigv4_peer.py. COMMAND sees
 MDX_NGINX_HTTP_PORT, MDX_NGINX_HTTPS_PORT, MDX_FAULT_PORT, MDX_FAULT_TLS_PORT, MDX_PEER_DATA,
 MDX_PEER_CA and, with aws, MDX_EC2_PORT and MDX_SIGV4_PORT (unset when a peer cannot run here,
@@ -58,6 +60,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--timeout", type=float, default=0.0)
     parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws"])
+    parser.add_argument("--data", help="the folder nginx serves (kept afterwards)")
+    parser.add_argument("--make-file", action="append", default=[], metavar="NAME:SIZE")
     args, command = parser.parse_args(argv[:argv.index("--")]), argv[argv.index("--") + 1:]
     if not os.access(nginx_peer.NGINX, os.X_OK):
         sys.stderr.write("run_with_peers.py: no nginx (Debian package nginx); skipping\n")
@@ -73,9 +77,9 @@ def main():
             procs.append((variable, subprocess.Popen(
                 [sys.executable, os.path.join(peerlib.HERE, script), "--max-seconds", limit] + extra,
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, preexec_fn=peerlib.die_with_parent)))
-        data = os.path.join(root, "data")
-        os.makedirs(data)
-        nginx_peer.make_files(data, ("small.bin:1000", "medium.bin:5M", "large.bin:64M"))
+        data = os.path.abspath(args.data or os.path.join(root, "data"))
+        os.makedirs(data, exist_ok=True)
+        nginx_peer.make_files(data, args.make_file or ("small.bin:1000", "medium.bin:5M", "large.bin:64M"))
         with nginx_peer.NginxPeer(data, workdir=root) as nginx:
             env = dict(os.environ, MDX_NGINX_HTTP_PORT=str(nginx.http_port), MDX_NGINX_HTTPS_PORT=str(nginx.https_port),
                        MDX_PEER_DATA=data, MDX_PEER_CA=peerlib.CERT)
