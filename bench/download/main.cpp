@@ -26,6 +26,8 @@
 #include <mdxlib/curl/LmCurlDownload.h>
 #include <mdxlib/curl/LmCurlSettings.h>
 
+#include "PeerBody.h"
+
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -49,23 +51,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int64_t kMiB = 1 << 20;
-
-// The byte stream the peers serve (tests/peers/peer_body.py): any byte can
-// be recomputed from its offset, so the content is checked without a copy.
-uint64_t mix(uint64_t x)
-{
-    x += 0x9E3779B97F4A7C15ull;
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    return x ^ (x >> 31);
-}
-
-uint8_t peerByte(uint64_t i)
-{
-    uint64_t const n = i >> 3;
-    uint64_t const w = mix(n & 0x1FFF) ^ mix(0x2000 + (n >> 13));
-    return static_cast<uint8_t>(w >> (8 * (i & 7)));
-}
 
 struct Options
 {
@@ -217,14 +202,15 @@ bool blockLooksRight(char const* data, int64_t offset, int64_t n, std::string& f
     auto check = [&](int64_t from) {
         from = std::max<int64_t>(0, std::min(from, n - kProbe));
         for (int64_t i = from; i < std::min(n, from + kProbe); ++i) {
-            if (static_cast<uint8_t>(data[i]) != peerByte(static_cast<uint64_t>(offset + i))) {
+            if (static_cast<uint8_t>(data[i]) != mdxpeer::byteAt(static_cast<uint64_t>(offset + i))) {
                 failure = "wrong byte at offset " + std::to_string(offset + i);
                 return false;
             }
         }
         return true;
     };
-    int64_t const inner = static_cast<int64_t>(mix(static_cast<uint64_t>(offset)) % static_cast<uint64_t>(n));
+    int64_t const inner =
+        static_cast<int64_t>(mdxpeer::mix(static_cast<uint64_t>(offset)) % static_cast<uint64_t>(n));
     return check(0) && check(n - kProbe) && check(inner);
 }
 

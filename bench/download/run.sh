@@ -46,5 +46,5 @@ exec "$@"
 '
 
 echo "generating $size in $data ..."
-python3 "$root/tests/peers/nginx_peer.py" --data "$data" --make-file "big.bin:$size" --port-file "$data/ports" \
+python3 "$root/tests/peers/run_with_peers.py" --data "$data" --make-file "big.bin:$size" \
   -- bash -c "$inner" bench "$bench" "$@"

@@ -1,3 +1,5 @@
+#include "support/TestSupport.h"
+
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/StorageManager.h>
 
@@ -5,131 +7,65 @@
 
 #include <QTemporaryDir>
 
-#include <cstdlib>
 #include <fstream>
-#include <optional>
-#include <string>
 
 namespace {
 
-// Sets (or, with a null value, unsets) an environment variable for the scope
-// of a test and puts the old value back afterwards.
-class ScopedEnv
-{
-public:
-    ScopedEnv(char const* name, char const* value)
-        : mName(name)
-    {
-        if (char const* old = std::getenv(name)) {
-            mOld = old;
-        }
-        value ? setenv(name, value, 1) : unsetenv(name);
-    }
-    ~ScopedEnv() { mOld ? setenv(mName.c_str(), mOld->c_str(), 1) : unsetenv(mName.c_str()); }
-
-private:
-    std::string mName;
-    std::optional<std::string> mOld;
-};
-
-class ResourceTest : public testing::Test
+class Resource : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(mDir.isValid());
-        ExResource::reloadConfiguration();
-    }
-    void TearDown() override { ExResource::reloadConfiguration(); }
-
     std::string writeIni(char const* name, std::string const& text)
     {
-        std::string const path = mDir.filePath(name).toStdString();
+        std::string const path = dir.filePath(name).toStdString();
         std::ofstream(path) << text;
         return path;
     }
 
-    QTemporaryDir mDir;
+    QTemporaryDir dir;
+    mdxtest::ScopedEnv env; // rereads the configuration at every change
 };
 
 } // namespace
 
-TEST_F(ResourceTest, EnvironmentWinsOverFileWinsOverNothing)
+TEST_F(Resource, environmentWinsOverTheFileExceptForTheStoredParameter)
 {
-    std::string const ini = writeIni("a.ini", "[General]\n"
-                                              "MDX_TEST_BOTH=from-file\n"
-                                              "MDX_TEST_FILE_ONLY=file value\n"
-                                              "MDX_TEST_LIST=a,b\n"
-                                              "MDX_TEST_UTF8=/data/B\xc3\xa4r\n"
-                                              "[server]\n"
-                                              "port=11112\n");
-    ScopedEnv config("MDX_CONFIG", ini.c_str());
-    ScopedEnv both("MDX_TEST_BOTH", "from-env");
-    ScopedEnv empty("MDX_TEST_EMPTY", "");
-    ScopedEnv missing("MDX_TEST_MISSING", nullptr);
-
+    env.set("MDX_CONFIG", writeIni("a.ini", "MDX_TEST_BOTH=from-file\nMDX_TEST_LIST=a,b\n"
+                                            "MDX_TEST_UTF8=/data/B\xc3\xa4r\n[server]\nport=11112\n"));
+    env.set("MDX_TEST_BOTH", "from-env").set("MDX_TEST_EMPTY", "").unset("MDX_TEST_MISSING");
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_BOTH"), "from-env");
-    EXPECT_EQ(ExResource::getParameter("MDX_TEST_FILE_ONLY"), "file value");
+    EXPECT_EQ(ExResource::getStoredParameter("MDX_TEST_BOTH"), "from-file");
+    EXPECT_EQ(ExResource::getStoredParameter("MDX_TEST_EMPTY"), std::nullopt);
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_LIST"), "a,b");
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_UTF8"), "/data/B\xc3\xa4r");
     EXPECT_EQ(ExResource::getParameter("server/port"), "11112");
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_EMPTY"), "");
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_MISSING"), std::nullopt);
-    EXPECT_EQ(ExResource::getParameter(""), std::nullopt);
     EXPECT_EQ(ExResource::getParameter(nullptr), std::nullopt);
+    env.set("MDX_CONFIG", dir.filePath("absent.ini").toStdString());
+    EXPECT_EQ(ExResource::getParameter("MDX_TEST_LIST"), std::nullopt);
 }
 
-TEST_F(ResourceTest, NoConfigurationFile)
+TEST_F(Resource, reloadReadsTheFileAgain)
 {
-    ScopedEnv config("MDX_CONFIG", nullptr);
-    ScopedEnv missing("MDX_TEST_MISSING", nullptr);
-    EXPECT_EQ(ExResource::getParameter("MDX_TEST_MISSING"), std::nullopt);
-
-    ScopedEnv absent("MDX_CONFIG", mDir.filePath("absent.ini").toStdString().c_str());
-    ExResource::reloadConfiguration();
-    EXPECT_EQ(ExResource::getParameter("MDX_TEST_MISSING"), std::nullopt);
-}
-
-TEST_F(ResourceTest, ReloadReadsTheFileAgain)
-{
-    std::string const first = writeIni("first.ini", "MDX_TEST_VALUE=1\n");
-    std::string const second = writeIni("second.ini", "MDX_TEST_VALUE=2\n");
-    ScopedEnv unset("MDX_TEST_VALUE", nullptr);
-    {
-        ScopedEnv config("MDX_CONFIG", first.c_str());
-        EXPECT_EQ(ExResource::getParameter("MDX_TEST_VALUE"), "1");
-    }
-    ScopedEnv config("MDX_CONFIG", second.c_str());
-    EXPECT_EQ(ExResource::getParameter("MDX_TEST_VALUE"), "2");
-
-    // QSettings keeps parsed files and notices a change by size and time
-    // stamp, so the new content differs in size as any real edit would.
-    writeIni("second.ini", "MDX_TEST_VALUE=three\n");
+    env.unset("MDX_TEST_VALUE").set("MDX_CONFIG", writeIni("first.ini", "MDX_TEST_VALUE=1\n"));
+    EXPECT_EQ(ExResource::getParameter("MDX_TEST_VALUE"), "1");
+    // QSettings notices a change by size and time stamp: the new content differs in size.
+    writeIni("first.ini", "MDX_TEST_VALUE=three\n");
     ExResource::reloadConfiguration();
     EXPECT_EQ(ExResource::getParameter("MDX_TEST_VALUE"), "three");
 }
 
-TEST_F(ResourceTest, MetaFolder)
+TEST_F(Resource, metaFolder)
 {
-    ScopedEnv config("MDX_CONFIG", nullptr);
+    env.unset("MDX_CONFIG");
     std::string folder;
-    {
-        ScopedEnv unset("MDX_META_FOLDER", nullptr);
+    for (auto const& [value, expected] : std::vector<std::pair<std::optional<std::string>, std::string>>{
+             {std::nullopt, "./meta/"}, {"", "./meta/"}, {"/data/tags/", "/data/tags/"}}) {
+        env.set("MDX_META_FOLDER", value);
         EXPECT_TRUE(Lmg::StorageManager::getMetaFolder(folder));
-        EXPECT_EQ(folder, "./meta/");
+        EXPECT_EQ(folder, expected);
     }
-    {
-        ScopedEnv empty("MDX_META_FOLDER", "");
-        EXPECT_TRUE(Lmg::StorageManager::getMetaFolder(folder));
-        EXPECT_EQ(folder, "./meta/");
-    }
-    {
-        ScopedEnv set("MDX_META_FOLDER", "/data/tags/");
-        EXPECT_TRUE(Lmg::StorageManager::getMetaFolder(folder));
-        EXPECT_EQ(folder, "/data/tags/");
-    }
-    ScopedEnv unset("MDX_META_FOLDER", nullptr);
-    ScopedEnv fromFile("MDX_CONFIG", writeIni("meta.ini", "MDX_META_FOLDER=/srv/meta\n").c_str());
+    env.unset("MDX_META_FOLDER").set("MDX_CONFIG", writeIni("meta.ini", "MDX_META_FOLDER=/srv/meta\n"));
     EXPECT_TRUE(Lmg::StorageManager::getMetaFolder(folder));
     EXPECT_EQ(folder, "/srv/meta/");
 }

@@ -49,9 +49,13 @@ public:
     // The real URL; the signature's headers are appended to headers. Headers
     // to be signed (Content-MD5) must be in headers before the call.
     std::string prepareRequest(char const* verb, std::string const& url, std::vector<std::string>& headers);
-    // As above with the time given, for tests.
-    std::string prepareRequest(char const* verb, std::string const& url, std::vector<std::string>& headers,
-                               QDateTime const& now);
+
+    // Signature Version 4 of one request, a pure function of the request,
+    // the credentials and the time: the real URL, with the signature's
+    // headers appended to headers. Null credentials sign nothing.
+    static std::string signRequest(char const* verb, std::string const& url,
+                                   std::vector<std::string>& headers, Credentials const* credentials,
+                                   QDateTime const& now);
 
     // Valid credentials at now (UTC), renewed or re-keyed as needed; null
     // when none can be found.

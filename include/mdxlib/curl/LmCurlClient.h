@@ -40,9 +40,6 @@
 #include <string>
 #include <vector>
 
-class LmAwsAuth;
-class LmCurlClient;
-
 namespace LmCurlEndpoints {
 MDX_EXPORT std::string s3Domain();
 MDX_EXPORT std::string gcsEndpoint();

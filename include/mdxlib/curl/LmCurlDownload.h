@@ -3,8 +3,11 @@
 // There is no background thread: whenever the reader needs bytes, the
 // reading thread itself drives libcurl's multi interface. Body bytes go from
 // libcurl's callback straight into the reader's buffer; only the overflow of
-// the block in hand goes to a small spill buffer, and when that is full the
-// transfer is paused (back-pressure) until the reader comes back.
+// the block in hand goes to a spill buffer, and a transfer whose reader is not
+// waiting is paused (back-pressure) until the reader comes back. The spill
+// buffer is what bounds the memory of a request: 16384 bytes for the first
+// request of a stream, whatever its range, so that a viewer with many open
+// streams stays flat; a later range may absorb its whole range.
 //
 // On top of one transfer, a stream whose first ranged request is answered
 // with 206 runs further ranges of the same object side by side on the same
@@ -31,6 +34,13 @@
 #include <string>
 #include <vector>
 
+// Frees a header list built with curl_slist_append.
+struct LmCurlSlistDeleter
+{
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using LmCurlHeaderList = std::unique_ptr<curl_slist, LmCurlSlistDeleter>;
+
 class MDX_EXPORT LmCurlDownloadRequest
 {
 public:
@@ -55,7 +65,9 @@ public:
     LmCurlDownloadRequest& operator=(LmCurlDownloadRequest const&) = delete;
 
     // Sets the handle up for the transfer: url, from and to must be set
-    // first. Non-empty postData makes a POST, head a HEAD.
+    // first. Non-empty postData makes a POST, head a HEAD. An option that
+    // cannot be set is logged and recorded in the status; such a request is
+    // never started and reads as a failure.
     void resetOptions(QByteArray const& postData, std::vector<std::string> headers, bool head);
     void addToMulti();
     void removeFromMulti();
@@ -67,18 +79,21 @@ public:
     void close();
     // A sibling request for another range of the same object, on the same
     // multi handle, already running.
-    LmCurlDownloadRequest* duplicateForRange(unsigned long from, unsigned long to);
+    std::unique_ptr<LmCurlDownloadRequest> duplicateForRange(unsigned long from, unsigned long to);
     // The same, with spare as the sibling's spill buffer (its memory is kept).
-    LmCurlDownloadRequest* duplicateForRange(unsigned long from, unsigned long to, QByteArray spare);
+    std::unique_ptr<LmCurlDownloadRequest> duplicateForRange(unsigned long from, unsigned long to,
+                                                             QByteArray spare);
 
     bool hasSpilledBytes() const { return mSpillEnd > mSpillPos; }
+    // Bytes the spill buffer can hold: the memory this request keeps.
+    int spillCapacity() const { return mSpill.size(); }
 
     // Called by libcurl.
     size_t write(char const* data, size_t n);
     size_t handleHeader(char const* line, size_t n);
 
     std::vector<std::string> mHeaders;
-    curl_slist* mHeaderList = nullptr;
+    LmCurlHeaderList mHeaderList;
     int64_t mFrom = 0;
     int64_t mTo = -1; // -1: no range
     std::string mUrl;
@@ -107,7 +122,8 @@ private:
     int performWork();
     bool waitForHandles(int& idleRounds);
     void curlError(char const* what, CURLcode easyCode, CURLMcode multiCode);
-    void setOption(CURLoption option, long value);
+    template <typename T> bool setOption(CURLoption option, T value);
+    void clearOption(CURLoption option) noexcept;
     bool rangeAnswered();
 
     bool mRangeChecked = false;
@@ -136,12 +152,15 @@ protected:
 private:
     void setEmptyRegion();
     void startMultiGet();
+    // read() of the request in hand, going on to the next range when the
+    // one in hand ends without a byte.
+    unsigned long readSome(char* dest, unsigned long n);
 
     int mMaxConcurrent;
     uint64_t mChunkSize = 1048576;
     QByteArray mBuffer;
     bool mMultiGetStarted = false;
-    std::list<LmCurlDownloadRequest*> mRequests;
+    std::list<std::unique_ptr<LmCurlDownloadRequest>> mRequests;
     int64_t mContentLength = -1;
     std::shared_ptr<LmHttpStatus> mStatus;
 };
@@ -160,8 +179,8 @@ public:
     LmHttpStatus const& httpStatus() const;
     std::shared_ptr<LmHttpStatus> httpStatusPtr() const;
     int64_t contentLength() const;
-    LmCurlDownloadStreambuf* streambuf() const { return mBuffer; }
+    LmCurlDownloadStreambuf* streambuf() const { return mBuffer.get(); }
 
 private:
-    LmCurlDownloadStreambuf* mBuffer;
+    std::unique_ptr<LmCurlDownloadStreambuf> mBuffer;
 };

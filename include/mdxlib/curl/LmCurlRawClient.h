@@ -39,15 +39,17 @@ public:
 
     LmCurlResponse process(LmCurlRequest const& request) override;
 
+    // A failure throws CurlError naming the option.
     template <typename T> void setCurlOption(CURLoption option, T value)
     {
         CURLcode const code = curl_easy_setopt(mHandle.get(), option, value);
         if (code != CURLE_OK)
-            throwCurlException(code);
+            throwCurlException(code, option);
     }
     // For destructors: a failure is logged, never thrown.
     void setCurlOptionNoExcept(CURLoption option, std::nullptr_t) noexcept;
     [[noreturn]] void throwCurlException(CURLcode code) const;
+    [[noreturn]] void throwCurlException(CURLcode code, CURLoption option) const;
 
     void* handle() const { return mHandle.get(); }
 
@@ -100,3 +102,6 @@ private:
 // after the colon is assumed; a line without a colon is a name with an empty
 // value; lines under 3 bytes or without CR LF are not headers (false).
 MDX_EXPORT bool lmCurlParseHeaderLine(char const* line, size_t n, std::string& name, std::string& value);
+
+// "CURLOPT_URL" and the like, for messages about a failed option.
+MDX_EXPORT std::string lmCurlOptionName(CURLoption option);

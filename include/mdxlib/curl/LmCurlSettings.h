@@ -26,6 +26,9 @@ struct MDX_EXPORT LmCurlSettings
     // over the environment for the buffer sizes).
     using Lookup = std::function<std::optional<std::string>(char const* name)>;
     static LmCurlSettings parse(Lookup const& environment, Lookup const& parameters);
+    // parse() of the process's environment and parameter store (the INI
+    // file of ExResource).
+    static LmCurlSettings read();
 
     // Runs the initialisation once per process and returns the settings.
     static LmCurlSettings const& get();

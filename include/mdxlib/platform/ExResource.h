@@ -19,6 +19,11 @@ public:
     // The value, or an empty optional when the parameter is not set.
     static std::optional<std::string> getParameter(char const* name);
 
+    // The value from the INI file alone, never from the environment: for the
+    // settings where the parameter store wins over a variable of the same
+    // name.
+    static std::optional<std::string> getStoredParameter(char const* name);
+
     // getParameter(name), or fallback when it is not set. The deployment
     // constants (service endpoints, metadata addresses) are read this way,
     // so that tests can point them at local peers.

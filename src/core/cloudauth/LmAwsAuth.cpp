@@ -1,6 +1,7 @@
 #include <mdxlib/cloudauth/LmAwsAuth.h>
 
 #include <mdxlib/curl/LmCurlClient.h>
+#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McSocket.h>
@@ -172,7 +173,7 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
                          token.c_str());
     } else {
         log().tracef(McLogFile::LevelError, kCategory, "Could not obtain meta-data token (%d): %s",
-                     tokenResponse.getResponseCode(), tokenResponse.getPayload().c_str());
+                     tokenResponse.getResponseCode(), lmRedactSecrets(tokenResponse.getPayload()).c_str());
     }
 
     QByteArray const region = getRegionFromMetaData(token);
@@ -192,7 +193,7 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
     QJsonObject const object = QJsonDocument::fromJson(reply).object();
     if (!ok(status) || object.isEmpty()) {
         log().tracef(McLogFile::LevelError, kCategory, "Cannot read security credentials from %s\n%s",
-                     url.c_str(), reply.constData());
+                     url.c_str(), lmRedactSecrets(reply.toStdString()).c_str());
         return nullptr;
     }
     if (debug())
@@ -205,7 +206,7 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
     credentials->region = region;
     if (credentials->accessKeyId.isEmpty() || credentials->secretAccessKey.isEmpty()) {
         log().tracef(McLogFile::LevelError, kCategory, "Got invalid security credentials from %s\n%s",
-                     url.c_str(), reply.constData());
+                     url.c_str(), lmRedactSecrets(reply.toStdString()).c_str());
         return nullptr;
     }
     if (debug())
@@ -253,7 +254,7 @@ std::string LmAwsAuth::getIAMRole(std::string const& token)
         log().tracef(McLogFile::LevelError, kCategory,
                      "Could not read IAM roles from %siam/security-credentials", baseUrl().c_str());
         log().tracef(McLogFile::LevelError, kCategory, "Response code %d\n%s", status.responseCode,
-                     reply.constData());
+                     lmRedactSecrets(reply.toStdString()).c_str());
         return std::string();
     }
     if (debug())
@@ -312,14 +313,18 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromFile()
 std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url,
                                       std::vector<std::string>& headers)
 {
-    return prepareRequest(verb, url, headers, QDateTime::currentDateTimeUtc());
+    QDateTime const now = QDateTime::currentDateTimeUtc();
+    // The credentials of the day of now: signRequest takes the date stamp
+    // from them and the time from now.
+    std::shared_ptr<Credentials> const credentials = getCredentials(now);
+    return signRequest(verb, url, headers, credentials.get(), now);
 }
 
-std::string LmAwsAuth::prepareRequest(char const* verb, std::string const& url,
-                                      std::vector<std::string>& headers, QDateTime const& nowIn)
+std::string LmAwsAuth::signRequest(char const* verb, std::string const& url,
+                                   std::vector<std::string>& headers, Credentials const* credentials,
+                                   QDateTime const& nowIn)
 {
     QDateTime const now = nowIn.toUTC();
-    std::shared_ptr<Credentials> const credentials = getCredentials(now);
 
     size_t at = std::min<size_t>(2, url.size());
     while (at < url.size() && url[at] == '/')

@@ -4,6 +4,7 @@
 #include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/curl/LmCurlRetryPolicy.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McFilename.h>
 #include <mdxlib/platform/McLogFile.h>
@@ -44,7 +45,7 @@ char const* verbFor(QByteArray const& postData, int flags)
 void logHeaders(LmHttpStatus const& status)
 {
     for (auto const& [name, value] : status.headers)
-        getTheLogInstance()->printf("%s: %s", name.c_str(), value.c_str());
+        getTheLogInstance()->printf("%s", lmRedactSecrets(name + ": " + value).c_str());
 }
 
 } // namespace
@@ -123,6 +124,8 @@ LmCurlDownloadStream LmCurlClient::createDownloadStreamAndPeek(std::string const
 {
     McLogFile* log = getTheLogInstance();
     auto policy = LmCurlExponentialBackoffRetryPolicy::forRequests();
+    // A presigned URL carries its signature in the query.
+    std::string const shown = lmRedactSecrets(url);
     for (;;) {
         // Each try is a new request, so authentication is applied anew.
         LmCurlDownloadStream stream(new LmCurlDownloadStreambuf(
@@ -135,20 +138,20 @@ LmCurlDownloadStream LmCurlClient::createDownloadStreamAndPeek(std::string const
         if (status.unrecoverable()) {
             if ((flags & Tolerate404) && status.responseCode == 404)
                 return stream;
-            log->errorf("%s %s unrecoverable error %d\n", verb, url.c_str(), status.responseCode);
+            log->errorf("%s %s unrecoverable error %d\n", verb, shown.c_str(), status.responseCode);
             logHeaders(status);
             return stream;
         }
         if (!status.curlError) {
-            log->errorf("%s %s transient error %d\n", verb, url.c_str(), status.responseCode);
+            log->errorf("%s %s transient error %d\n", verb, shown.c_str(), status.responseCode);
             logHeaders(status);
         }
         if (policy.isExhausted()) {
-            log->errorf("%s %s retry policy exhausted", verb, url.c_str());
+            log->errorf("%s %s retry policy exhausted", verb, shown.c_str());
             return stream;
         }
         mRetrySleeper(policy.onFailure());
-        log->warnf("Retrying %s %s", verb, url.c_str());
+        log->warnf("Retrying %s %s", verb, shown.c_str());
     }
 }
 
@@ -262,7 +265,8 @@ LmCurlResponse LmCurlClient::put(std::string const& url, std::vector<std::string
         LmCurlRawClient client(mRawFactory, mHelper->share());
         return client.process(request);
     } catch (std::exception const& e) {
-        getTheLogInstance()->errorf("Exception in LmCurlClient::put(%s): %s", url.c_str(), e.what());
+        getTheLogInstance()->errorf("Exception in LmCurlClient::put(%s): %s", lmRedactSecrets(url).c_str(),
+                                    e.what());
         return LmCurlResponse(0, {}, std::make_unique<std::string>());
     }
 }
@@ -288,7 +292,7 @@ bool LmCurlClient::deleteObject(std::string const& url)
             headers.emplace_back("x-ms-version: 2020-04-08");
             success = {202, 404};
         } else {
-            getTheLogInstance()->errorf("Error deleting %s: not implemented", url.c_str());
+            getTheLogInstance()->errorf("Error deleting %s: not implemented", lmRedactSecrets(url).c_str());
             return false;
         }
         LmCurlRequest request(target, "DELETE");
@@ -298,7 +302,7 @@ bool LmCurlClient::deleteObject(std::string const& url)
         int const code = client.process(request).getResponseCode();
         return std::find(success.begin(), success.end(), code) != success.end();
     } catch (std::exception const& e) {
-        getTheLogInstance()->errorf("Error deleting %s: %s", url.c_str(), e.what());
+        getTheLogInstance()->errorf("Error deleting %s: %s", lmRedactSecrets(url).c_str(), e.what());
         return false;
     }
 }

@@ -2,6 +2,7 @@
 
 #include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/McLogFile.h>
 
 #include <algorithm>
@@ -13,13 +14,12 @@
 namespace {
 
 char const kCategory[] = "CURL";
-// libcurl hands over up to kReceiveBufferSize bytes per callback; reading
-// sockets in large blocks is what lets a single transfer keep up with the
-// curl tool. The first request's spill buffer must hold one such block, or
-// every full reader block would pause the transfer and make libcurl buffer
-// it again.
+// Reading the socket in large blocks saves system calls; libcurl still hands
+// the body over in pieces of at most CURL_MAX_WRITE_SIZE.
 constexpr long kReceiveBufferSize = 512 * 1024;
-constexpr int kFirstSpillSize = 1024 * 1024;
+// The first request of a stream, ranged or not, keeps no more than this:
+// the bound on the memory of every open stream.
+constexpr int kFirstSpillSize = 16384;
 constexpr int kGetAreaSize = 16384;
 constexpr long kLowSpeedLimit = 1;
 constexpr long kLowSpeedTime = 120;
@@ -62,7 +62,7 @@ LmCurlDownloadRequest::LmCurlDownloadRequest(std::shared_ptr<LmCurlHandleFactory
     , mMulti(std::make_shared<MultiMap>(factory, share))
     , mStatus(std::make_shared<LmHttpStatus>())
 {
-    curl_easy_setopt(mHandle.get(), CURLOPT_SHARE, share);
+    setOption(CURLOPT_SHARE, share);
 }
 
 LmCurlDownloadRequest::LmCurlDownloadRequest(std::shared_ptr<MultiMap>& multi)
@@ -70,7 +70,7 @@ LmCurlDownloadRequest::LmCurlDownloadRequest(std::shared_ptr<MultiMap>& multi)
     , mMulti(multi)
     , mStatus(std::make_shared<LmHttpStatus>())
 {
-    curl_easy_setopt(mHandle.get(), CURLOPT_SHARE, multi->share);
+    setOption(CURLOPT_SHARE, multi->share);
 }
 
 LmCurlDownloadRequest::~LmCurlDownloadRequest()
@@ -81,22 +81,32 @@ LmCurlDownloadRequest::~LmCurlDownloadRequest()
     // before it goes back to the pool.
     if (mInMulti)
         removeFromMulti();
-    CURL* handle = mHandle.get();
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, nullptr);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, nullptr);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, nullptr);
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, nullptr);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, nullptr);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, nullptr);
-    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
+    // The pooled handle must keep no pointer into this object.
+    for (CURLoption option :
+         {CURLOPT_WRITEDATA, CURLOPT_WRITEFUNCTION, CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION,
+          CURLOPT_SOCKOPTDATA, CURLOPT_SOCKOPTFUNCTION, CURLOPT_ERRORBUFFER, CURLOPT_HTTPHEADER})
+        clearOption(option);
     mMulti->factory->cleanupHandle(std::move(mHandle));
-    curl_slist_free_all(mHeaderList);
 }
 
-void LmCurlDownloadRequest::setOption(CURLoption option, long value)
+// Sets one option of the handle. A failure is this request's failure:
+// logged with the option's name and recorded in its status.
+template <typename T> bool LmCurlDownloadRequest::setOption(CURLoption option, T value)
 {
-    curl_easy_setopt(mHandle.get(), option, value);
+    CURLcode const code = curl_easy_setopt(mHandle.get(), option, value);
+    if (code == CURLE_OK)
+        return true;
+    curlError(("curl_easy_setopt " + lmCurlOptionName(option)).c_str(), code, CURLM_OK);
+    return false;
+}
+
+void LmCurlDownloadRequest::clearOption(CURLoption option) noexcept
+{
+    CURLcode const code = curl_easy_setopt(mHandle.get(), option, nullptr);
+    if (code != CURLE_OK)
+        getTheLogInstance()->errorf(
+            "Got error code while setting curl option. Curl option: %d. Return value: %d",
+            static_cast<int>(option), static_cast<int>(code));
 }
 
 void LmCurlDownloadRequest::addRangeHeader()
@@ -122,56 +132,70 @@ void LmCurlDownloadRequest::resetOptions(QByteArray const& postData, std::vector
     addRangeHeader();
     mPostData = postData;
 
-    CURL* handle = mHandle.get();
-    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, mErrorBuffer);
-    setOption(CURLOPT_SSL_VERIFYPEER, 0L);
-    setOption(CURLOPT_SSL_VERIFYHOST, 0L);
-    curl_easy_setopt(handle, CURLOPT_URL, mUrl.c_str());
-    setOption(CURLOPT_NOSIGNAL, 1L);
-    if (!settings.sslCipherList.empty())
-        curl_easy_setopt(handle, CURLOPT_SSL_CIPHER_LIST, settings.sslCipherList.c_str());
+    bool ok = setOption(CURLOPT_ERRORBUFFER, mErrorBuffer) && setOption(CURLOPT_SSL_VERIFYPEER, 0L) &&
+              setOption(CURLOPT_SSL_VERIFYHOST, 0L) && setOption(CURLOPT_URL, mUrl.c_str()) &&
+              setOption(CURLOPT_NOSIGNAL, 1L) &&
+              (settings.sslCipherList.empty() ||
+               setOption(CURLOPT_SSL_CIPHER_LIST, settings.sslCipherList.c_str()));
 
-    curl_slist_free_all(mHeaderList);
-    mHeaderList = nullptr;
-    for (std::string const& line : mHeaders)
-        mHeaderList = curl_slist_append(mHeaderList, line.c_str());
-    if (mHeaderList)
-        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, mHeaderList);
+    mHeaderList.reset();
+    for (std::string const& line : mHeaders) {
+        curl_slist* list = curl_slist_append(mHeaderList.get(), line.c_str());
+        if (!list) {
+            curlError("Failed to add curl request header", CURLE_OUT_OF_MEMORY, CURLM_OK);
+            return;
+        }
+        mHeaderList.release();
+        mHeaderList.reset(list);
+    }
+    ok = ok && (!mHeaderList || setOption(CURLOPT_HTTPHEADER, mHeaderList.get()));
 
     if (!mPostData.isEmpty()) {
-        setOption(CURLOPT_POST, 1L);
-        setOption(CURLOPT_POSTFIELDSIZE, static_cast<long>(mPostData.size()));
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, mPostData.constData());
+        ok = ok && setOption(CURLOPT_POST, 1L) &&
+             setOption(CURLOPT_POSTFIELDSIZE, static_cast<long>(mPostData.size())) &&
+             setOption(CURLOPT_POSTFIELDS, mPostData.constData());
     } else if (head) {
-        setOption(CURLOPT_NOBODY, 1L);
+        ok = ok && setOption(CURLOPT_NOBODY, 1L);
         mIsHead = true;
     }
 
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, writeCallback);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, headerCallback);
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, static_cast<void*>(this));
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, socketCallback);
-    if (settings.debug) {
-        setOption(CURLOPT_VERBOSE, 1L);
-        curl_easy_setopt(handle, CURLOPT_STDERR, stdout);
-    }
-    setOption(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
-    setOption(CURLOPT_LOW_SPEED_TIME, kLowSpeedTime);
-    setOption(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+    ok = ok && setOption(CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
+         setOption(CURLOPT_WRITEFUNCTION, writeCallback) &&
+         setOption(CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
+         setOption(CURLOPT_HEADERFUNCTION, headerCallback) &&
+         setOption(CURLOPT_SOCKOPTDATA, static_cast<void*>(this)) &&
+         setOption(CURLOPT_SOCKOPTFUNCTION, socketCallback);
+    if (settings.debug)
+        ok = ok && setOption(CURLOPT_VERBOSE, 1L) && setOption(CURLOPT_STDERR, stdout);
+    // The first failure ends the set-up: addToMulti will not start the request.
+    if (ok)
+        setOption(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit) &&
+            setOption(CURLOPT_LOW_SPEED_TIME, kLowSpeedTime) &&
+            setOption(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
 }
 
 void LmCurlDownloadRequest::addToMulti()
 {
-    curl_multi_add_handle(mMulti->multi.get(), mHandle.get());
+    // A request whose set-up failed never starts: it reads as a failure.
+    if (mStatus->curlError) {
+        mDone = true;
+        return;
+    }
+    CURLMcode const code = curl_multi_add_handle(mMulti->multi.get(), mHandle.get());
+    if (code != CURLM_OK) {
+        curlError("curl_multi_add_handle", CURLE_OK, code);
+        mDone = true;
+        return;
+    }
     mMulti->requests[mHandle.get()] = this;
     mInMulti = true;
 }
 
 void LmCurlDownloadRequest::removeFromMulti()
 {
-    curl_multi_remove_handle(mMulti->multi.get(), mHandle.get());
+    CURLMcode const code = curl_multi_remove_handle(mMulti->multi.get(), mHandle.get());
+    if (code != CURLM_OK)
+        curlError("curl_multi_remove_handle", CURLE_OK, code);
     mMulti->requests.erase(mHandle.get());
     mInMulti = false;
 }
@@ -192,7 +216,9 @@ void LmCurlDownloadRequest::curlError(char const* what, CURLcode easyCode, CURLM
 
 int LmCurlDownloadRequest::performWork()
 {
-    if (!mInMulti)
+    // The multi handle is the family's: a request that has ended still
+    // drives its siblings while its reader drains it.
+    if (mMulti->requests.empty())
         return 0;
     CURLM* multi = mMulti->multi.get();
     int running = 0;
@@ -283,8 +309,12 @@ unsigned long LmCurlDownloadRequest::read(char* buf, unsigned long size)
     }
     drainSpillBuffer();
     // A block served whole from the spill buffer needs no more from the
-    // network: unpausing now would only make the transfer pause again.
+    // network: unpausing now would only make the transfer pause again. The
+    // other transfers get their turn all the same, or their sockets would
+    // fill and stall while spilled ranges are read. (A failure found there
+    // belongs to its own request and is seen when it comes to the front.)
     if (mDestFilled >= mDestSize) {
+        performWork();
         unsigned long const filled = mDestFilled;
         mDest = nullptr;
         mDestSize = mDestFilled = 0;
@@ -314,7 +344,11 @@ void LmCurlDownloadRequest::close()
     mClosing = true;
     if (mPaused) {
         mPaused = false;
-        curl_easy_pause(mHandle.get(), CURLPAUSE_CONT);
+        // The held bytes meet the write callback's 0 at once, which is the
+        // intended end of the transfer: only another failure is one.
+        CURLcode const code = curl_easy_pause(mHandle.get(), CURLPAUSE_CONT);
+        if (code != CURLE_OK && code != CURLE_WRITE_ERROR)
+            curlError("curl_easy_pause", code, CURLM_OK);
     }
     if (wait([this] { return mDone; }) && mInMulti)
         removeFromMulti();
@@ -330,8 +364,9 @@ bool LmCurlDownloadRequest::rangeAnswered()
     if (wrong) {
         getTheLogInstance()->tracef(McLogFile::LevelError, kCategory,
                                     "%s: asked for bytes %lld-%lld, the answer was %d from byte %lld",
-                                    mUrl.c_str(), static_cast<long long>(mFrom), static_cast<long long>(mTo),
-                                    code, static_cast<long long>(mStatus->from()));
+                                    lmRedactSecrets(mUrl).c_str(), static_cast<long long>(mFrom),
+                                    static_cast<long long>(mTo), code,
+                                    static_cast<long long>(mStatus->from()));
         mStatus->curlError = true;
     }
     mRangeChecked = true;
@@ -344,6 +379,7 @@ size_t LmCurlDownloadRequest::write(char const* data, size_t n)
         return 0; // ends the transfer; performWork does not report it
     if (!mRangeChecked && !rangeAnswered())
         return 0;
+    auto const spillFree = [this] { return static_cast<size_t>(mSpill.size() - mSpillEnd); };
     if (mDestFilled < mDestSize) {
         drainSpillBuffer();
         size_t const room = mDestSize - mDestFilled;
@@ -354,7 +390,7 @@ size_t LmCurlDownloadRequest::write(char const* data, size_t n)
             return n;
         }
         size_t const rest = n - room;
-        if (static_cast<size_t>(mSpillEnd) + rest <= static_cast<size_t>(mSpill.size())) {
+        if (rest <= spillFree()) {
             std::memcpy(mDest + mDestFilled, data, room);
             mDestFilled += room;
             std::memcpy(mSpill.data() + mSpillEnd, data + room, rest);
@@ -362,15 +398,15 @@ size_t LmCurlDownloadRequest::write(char const* data, size_t n)
             mStatus->bytesReceived += n;
             return n;
         }
-    }
-    // No reader waiting, or its block is full: keep what fits in the spill
-    // buffer, and pause only when that is full.
-    if (static_cast<size_t>(mSpillEnd) + n <= static_cast<size_t>(mSpill.size())) {
+    } else if (mDestSize == 0 && n <= spillFree()) {
+        // No reader is waiting (a sibling's read drives this transfer): keep
+        // the bytes. A reader whose block is full gets nothing more here.
         std::memcpy(mSpill.data() + mSpillEnd, data, n);
         mSpillEnd += static_cast<int>(n);
         mStatus->bytesReceived += n;
         return n;
     }
+    // Nothing is taken; libcurl offers the same bytes again after the pause.
     mPaused = true;
     return CURL_WRITEFUNC_PAUSE;
 }
@@ -380,7 +416,11 @@ size_t LmCurlDownloadRequest::handleHeader(char const* line, size_t n)
     if (mStatus->responseCode == 0 && mHandle) {
         mStatus->timeToFirstHeader = static_cast<int32_t>(mWatch.elapsedMsec());
         long code = 0;
-        curl_easy_getinfo(mHandle.get(), CURLINFO_RESPONSE_CODE, &code);
+        CURLcode const result = curl_easy_getinfo(mHandle.get(), CURLINFO_RESPONSE_CODE, &code);
+        if (result != CURLE_OK) {
+            curlError("curl_easy_getinfo CURLINFO_RESPONSE_CODE", result, CURLM_OK);
+            return 0; // ends the transfer: an answer without a code is no answer
+        }
         mStatus->responseCode = static_cast<int32_t>(code);
     }
     std::string name;
@@ -390,15 +430,16 @@ size_t LmCurlDownloadRequest::handleHeader(char const* line, size_t n)
     return n;
 }
 
-LmCurlDownloadRequest* LmCurlDownloadRequest::duplicateForRange(unsigned long from, unsigned long to)
+std::unique_ptr<LmCurlDownloadRequest> LmCurlDownloadRequest::duplicateForRange(unsigned long from,
+                                                                                unsigned long to)
 {
     return duplicateForRange(from, to, QByteArray());
 }
 
-LmCurlDownloadRequest* LmCurlDownloadRequest::duplicateForRange(unsigned long from, unsigned long to,
-                                                                QByteArray spare)
+std::unique_ptr<LmCurlDownloadRequest>
+LmCurlDownloadRequest::duplicateForRange(unsigned long from, unsigned long to, QByteArray spare)
 {
-    auto* sibling = new LmCurlDownloadRequest(mMulti);
+    auto sibling = std::make_unique<LmCurlDownloadRequest>(mMulti);
     sibling->mSpill = std::move(spare);
     sibling->mStatus->next = std::move(mStatus->next);
     mStatus->next = sibling->mStatus;
@@ -416,17 +457,13 @@ LmCurlDownloadStreambuf::LmCurlDownloadStreambuf(LmCurlDownloadRequest* first, i
     : mMaxConcurrent(maxConcurrent < 2 ? 1 : maxConcurrent)
 {
     if (first) {
-        mRequests.push_back(first);
+        mRequests.emplace_back(first);
         mStatus = first->mStatus;
     }
     setEmptyRegion();
 }
 
-LmCurlDownloadStreambuf::~LmCurlDownloadStreambuf()
-{
-    for (LmCurlDownloadRequest* request : mRequests)
-        delete request;
-}
+LmCurlDownloadStreambuf::~LmCurlDownloadStreambuf() = default;
 
 void LmCurlDownloadStreambuf::setEmptyRegion()
 {
@@ -458,14 +495,14 @@ bool LmCurlDownloadStreambuf::isOpen()
 
 void LmCurlDownloadStreambuf::close()
 {
-    for (LmCurlDownloadRequest* request : mRequests)
+    for (auto const& request : mRequests)
         request->close();
 }
 
 void LmCurlDownloadStreambuf::startMultiGet()
 {
     mMultiGetStarted = true;
-    LmCurlDownloadRequest* first = mRequests.front();
+    LmCurlDownloadRequest* first = mRequests.front().get();
     int64_t const size = first->mTo - first->mFrom + 1;
     int64_t total = contentLength();
     if (total == 0)
@@ -491,7 +528,7 @@ LmCurlDownloadRequest* LmCurlDownloadStreambuf::request()
 {
     if (mRequests.empty())
         return nullptr;
-    LmCurlDownloadRequest* front = mRequests.front();
+    LmCurlDownloadRequest* front = mRequests.front().get();
     if (front->mStatus->curlError)
         return front;
     if (!mMultiGetStarted && front->mStatus->responseCode == 206)
@@ -506,19 +543,17 @@ LmCurlDownloadRequest* LmCurlDownloadStreambuf::request()
     if (lastTo + 1 < total) {
         // The drained front's spill buffer serves the next range: fresh
         // buffers of many megabytes would be zeroed pages from the kernel.
-        LmCurlDownloadRequest* next =
+        std::unique_ptr<LmCurlDownloadRequest> next =
             front->duplicateForRange(static_cast<unsigned long>(lastTo + 1),
                                      static_cast<unsigned long>(std::min<int64_t>(
                                          total - 1, lastTo + static_cast<int64_t>(mChunkSize))),
                                      std::move(front->mSpill));
-        delete front;
         mRequests.pop_front();
-        mRequests.push_back(next);
+        mRequests.push_back(std::move(next));
     } else if (mRequests.size() >= 2) {
-        delete front;
         mRequests.pop_front();
     }
-    return mRequests.front();
+    return mRequests.front().get();
 }
 
 LmCurlDownloadStreambuf::int_type LmCurlDownloadStreambuf::underflow()
@@ -530,8 +565,7 @@ LmCurlDownloadStreambuf::int_type LmCurlDownloadStreambuf::underflow()
         return traits_type::eof();
     }
     mBuffer.resize(kGetAreaSize);
-    LmCurlDownloadRequest* current = request();
-    unsigned long const count = current ? current->read(mBuffer.data(), kGetAreaSize) : 0;
+    unsigned long const count = readSome(mBuffer.data(), kGetAreaSize);
     if (count == 0) {
         setEmptyRegion();
         return traits_type::eof();
@@ -548,16 +582,29 @@ std::streamsize LmCurlDownloadStreambuf::xsgetn(char* dest, std::streamsize n)
         std::memcpy(dest, gptr(), static_cast<size_t>(done));
         gbump(static_cast<int>(done));
     }
+    // Large reads go straight to the request: curl writes into dest.
     while (done < n) {
-        LmCurlDownloadRequest* current = request();
-        if (!current)
-            break;
-        unsigned long const count = current->read(dest + done, static_cast<unsigned long>(n - done));
+        unsigned long const count = readSome(dest + done, static_cast<unsigned long>(n - done));
         if (count == 0)
             break;
         done += static_cast<std::streamsize>(count);
     }
     return done;
+}
+
+unsigned long LmCurlDownloadStreambuf::readSome(char* dest, unsigned long n)
+{
+    for (;;) {
+        LmCurlDownloadRequest* current = request();
+        if (!current)
+            return 0;
+        unsigned long const count = current->read(dest, n);
+        // A read can see its request end without a byte (its last bytes came
+        // with the read before): the end of one range, not of the stream,
+        // when request() now has the next one.
+        if (count > 0 || request() == current)
+            return count;
+    }
 }
 
 // ------------------------------------------------------------------ stream
@@ -570,35 +617,29 @@ LmCurlDownloadStream::LmCurlDownloadStream(LmCurlDownloadStreambuf* buffer)
 
 LmCurlDownloadStream::LmCurlDownloadStream(LmCurlDownloadStream&& other) noexcept
     : std::istream(std::move(other))
-    , mBuffer(other.mBuffer)
+    , mBuffer(std::move(other.mBuffer))
 {
-    other.mBuffer = nullptr;
     other.set_rdbuf(nullptr);
-    set_rdbuf(mBuffer);
+    set_rdbuf(mBuffer.get());
 }
 
 LmCurlDownloadStream& LmCurlDownloadStream::operator=(LmCurlDownloadStream&& other) noexcept
 {
     if (this != &other) {
-        if (mBuffer) {
+        if (mBuffer)
             mBuffer->close();
-            delete mBuffer;
-        }
         std::istream::operator=(std::move(other));
-        mBuffer = other.mBuffer;
-        other.mBuffer = nullptr;
+        mBuffer = std::move(other.mBuffer);
         other.set_rdbuf(nullptr);
-        set_rdbuf(mBuffer);
+        set_rdbuf(mBuffer.get());
     }
     return *this;
 }
 
 LmCurlDownloadStream::~LmCurlDownloadStream()
 {
-    if (mBuffer) {
+    if (mBuffer)
         mBuffer->close();
-        delete mBuffer;
-    }
 }
 
 void LmCurlDownloadStream::close()

@@ -1,6 +1,8 @@
 #include <mdxlib/curl/LmCurlHandleFactory.h>
 
+#include <mdxlib/curl/LmCurlHelper.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/platform/McLogFile.h>
 
 #include <curl/curl.h>
 
@@ -13,7 +15,20 @@ void cleanupEasy(void* handle)
 
 int cleanupMulti(void* handle)
 {
-    return curl_multi_cleanup(handle);
+    CURLMcode const code = curl_multi_cleanup(handle);
+    if (code != CURLM_OK)
+        getTheLogInstance()->errorf("curl_multi_cleanup: %s", curl_multi_strerror(code));
+    return code;
+}
+
+// A multi handle without its options still works, with libcurl's defaults;
+// the failure is logged. (A null handle from curl_multi_init is reported
+// here and again by the first curl_multi_add_handle.)
+void setMultiOption(CURLM* multi, CURLMoption option, long value, char const* name)
+{
+    CURLMcode const code = curl_multi_setopt(multi, option, value);
+    if (code != CURLM_OK)
+        getTheLogInstance()->errorf("curl_multi_setopt %s: %s", name, curl_multi_strerror(code));
 }
 
 } // namespace
@@ -49,7 +64,7 @@ LmCurlHandleFactory::~LmCurlHandleFactory()
     for (void* handle : mHandles)
         curl_easy_cleanup(handle);
     for (void* handle : mMultiHandles)
-        curl_multi_cleanup(handle);
+        cleanupMulti(handle);
 }
 
 LmCurlEasyHandle LmCurlHandleFactory::createHandle()
@@ -73,11 +88,9 @@ LmCurlMultiHandle LmCurlHandleFactory::createMultiHandle()
     std::lock_guard<std::mutex> lock(mMutex);
     if (mMultiHandles.empty()) {
         CURLM* multi = curl_multi_init();
-        if (multi) {
-            curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS,
-                              static_cast<long>(LmCurlSettings::get().maxConnects));
-            curl_multi_setopt(multi, CURLMOPT_PIPELINING, 0L);
-        }
+        setMultiOption(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(LmCurlHelper::maxConnects()),
+                       "CURLMOPT_MAXCONNECTS");
+        setMultiOption(multi, CURLMOPT_PIPELINING, 0L, "CURLMOPT_PIPELINING");
         return LmCurlMultiHandle(multi, cleanupMulti);
     }
     void* handle = mMultiHandles.back();

@@ -1,8 +1,10 @@
 #include <mdxlib/curl/LmCurlClient.h>
 
 #include <mdxlib/cloudauth/LmAwsAuth.h>
+#include <mdxlib/curl/LmCurlErrors.h>
 #include <mdxlib/curl/LmCurlSettings.h>
 #include <mdxlib/platform/ExResource.h>
+#include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/StorageManager.h>
 
 #include <curl/curl.h>
@@ -57,17 +59,28 @@ LmCurlHelper::LmCurlHelper(LmCurlClient* owner)
 {
     LmCurlSettings::get();
     mShare = curl_share_init();
-    curl_share_setopt(mShare, CURLSHOPT_LOCKFUNC, &LmCurlHelper::lock);
-    curl_share_setopt(mShare, CURLSHOPT_UNLOCKFUNC, &LmCurlHelper::unlock);
-    curl_share_setopt(mShare, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
-    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    // Without its locks the share would be used from many threads unguarded:
+    // a failure here is no half-working state to go on with.
+    auto const set = [this](CURLSHoption option, char const* name, auto value) {
+        CURLSHcode const code = curl_share_setopt(mShare, option, value);
+        if (code != CURLSHE_OK) {
+            curl_share_cleanup(mShare);
+            throw CurlError(std::string("curl_share_setopt ") + name + ": " + curl_share_strerror(code));
+        }
+    };
+    set(CURLSHOPT_LOCKFUNC, "CURLSHOPT_LOCKFUNC", &LmCurlHelper::lock);
+    set(CURLSHOPT_UNLOCKFUNC, "CURLSHOPT_UNLOCKFUNC", &LmCurlHelper::unlock);
+    set(CURLSHOPT_USERDATA, "CURLSHOPT_USERDATA", static_cast<void*>(this));
+    set(CURLSHOPT_SHARE, "CURLSHOPT_SHARE CURL_LOCK_DATA_CONNECT", CURL_LOCK_DATA_CONNECT);
+    set(CURLSHOPT_SHARE, "CURLSHOPT_SHARE CURL_LOCK_DATA_SSL_SESSION", CURL_LOCK_DATA_SSL_SESSION);
+    set(CURLSHOPT_SHARE, "CURLSHOPT_SHARE CURL_LOCK_DATA_DNS", CURL_LOCK_DATA_DNS);
 }
 
 LmCurlHelper::~LmCurlHelper()
 {
-    curl_share_cleanup(mShare);
+    CURLSHcode const code = curl_share_cleanup(mShare);
+    if (code != CURLSHE_OK)
+        getTheLogInstance()->errorf("curl_share_cleanup: %s", curl_share_strerror(code));
 }
 
 std::mutex* LmCurlHelper::mutexFor(int data)

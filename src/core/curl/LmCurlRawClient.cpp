@@ -56,6 +56,12 @@ bool lmCurlParseHeaderLine(char const* line, size_t n, std::string& name, std::s
     return true;
 }
 
+std::string lmCurlOptionName(CURLoption option)
+{
+    curl_easyoption const* known = curl_easy_option_by_id(option);
+    return known ? std::string("CURLOPT_") + known->name : "curl option " + std::to_string(option);
+}
+
 // ------------------------------------------------------------- raw client
 
 LmCurlRawClient::LmCurlRawClient(std::shared_ptr<LmCurlHandleFactory> factory, void* share)
@@ -103,6 +109,12 @@ void LmCurlRawClient::throwCurlException(CURLcode code) const
     if (mErrorBuffer[0] != '\0')
         text += std::string(" Error description: ") + mErrorBuffer.c_str();
     throw CurlError(text);
+}
+
+void LmCurlRawClient::throwCurlException(CURLcode code, CURLoption option) const
+{
+    throw CurlError(std::string("Curl error code: ") + curl_easy_strerror(code) +
+                    " Curl option: " + lmCurlOptionName(option));
 }
 
 LmCurlResponse LmCurlRawClient::process(LmCurlRequest const& request)

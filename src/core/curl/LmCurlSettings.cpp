@@ -21,9 +21,11 @@ std::optional<std::string> fromEnvironment(char const* name)
     return value ? std::optional<std::string>(value) : std::nullopt;
 }
 
-std::optional<std::string> fromParameters(char const* name)
+// The parameter store alone: for the buffer sizes it is asked before the
+// environment, so its answer must not be the environment's.
+std::optional<std::string> fromParameterStore(char const* name)
 {
-    return ExResource::getParameter(name);
+    return ExResource::getStoredParameter(name);
 }
 
 LmCurlSettings& settings()
@@ -35,8 +37,10 @@ LmCurlSettings& settings()
 void initOnceImpl()
 {
     LmCurlSettings& s = settings();
-    s = LmCurlSettings::parse(fromEnvironment, fromParameters);
-    curl_global_init(CURL_GLOBAL_ALL);
+    s = LmCurlSettings::read();
+    CURLcode const code = curl_global_init(CURL_GLOBAL_ALL);
+    if (code != CURLE_OK)
+        getTheLogInstance()->errorf("curl_global_init: %s", curl_easy_strerror(code));
 
     curl_version_info_data const* info = curl_version_info(CURLVERSION_NOW);
     if (info && info->ssl_version) {
@@ -70,6 +74,11 @@ LmCurlSettings LmCurlSettings::parse(Lookup const& environment, Lookup const& pa
     bufferSize("CURL_RECBUF_SIZE", "Using receive buffer size %s", s.recBufSize);
     bufferSize("CURL_SNDBUF_SIZE", "Using send buffer size %s", s.sndBufSize);
     return s;
+}
+
+LmCurlSettings LmCurlSettings::read()
+{
+    return parse(fromEnvironment, fromParameterStore);
 }
 
 LmCurlSettings const& LmCurlSettings::get()

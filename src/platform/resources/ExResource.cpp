@@ -67,7 +67,14 @@ std::optional<std::string> ExResource::getParameter(char const* name)
     if (char const* fromEnvironment = std::getenv(name)) {
         return std::string(fromEnvironment);
     }
+    return getStoredParameter(name);
+}
 
+std::optional<std::string> ExResource::getStoredParameter(char const* name)
+{
+    if (!name || !*name) {
+        return std::nullopt;
+    }
     char const* configEnv = std::getenv("MDX_CONFIG");
     std::string const configPath = configEnv ? configEnv : "";
 
