@@ -216,28 +216,24 @@ TEST(TagElementTest, CompareAndClone)
 {
     // clang-format off
     std::tuple<VR, QByteArray, VR, QByteArray, bool, char const*> const cases[] = {
-        {VR_LO, "abc", VR_LO, "abc", true, ""}, {VR_LO, "abc", VR_SH, "abc", false, ""},
-        {VR_LO, "abc", VR_SH, "abc", true, "LO [abc] <> [abc]\n"},
+        {VR_LO, "abc", VR_SH, "abc", false, ""}, {VR_LO, "abc", VR_SH, "abc", true, "LO [abc] <> [abc]\n"},
         {VR_LO, "abc", VR_LO, "ab", false, "LO [abc] <> [ab]\n"},
-        {VR_LO, "abc", VR_SH, "abd", false, "LO [abc] <> [abd]\n"},
         {VR_US, pack<Uint16>({258}), VR_OB, "\x02\x01", true, "US [258] <> [02\\01]\n"}, // own VRs
-        {VR_Omitted, "", VR_LO, "abc", false, "?? [] <> [abc]\n"},
-        {VR_na, "", VR_LO, "abc", false, "na [] <> [abc]\n"}};
+        {VR_Omitted, "", VR_LO, "abc", false, "?? [] <> [abc]\n"}};
     // clang-format on
     for (auto const& [vrA, a, vrB, b, checkVR, line] : cases) {
         std::string difference = "untouched";
         EXPECT_EQ(make(vrA, a)->compare(*make(vrB, b), checkVR, &difference), !*line) << line;
         EXPECT_EQ(difference, *line ? line : "untouched");
-        EXPECT_EQ(make(vrA, a)->compare(*make(vrB, b), checkVR, nullptr), !*line) << line;
     }
     auto lo = make(VR_LO, "abc");
     lo->mDifferentCount = lo->mMissingCount = 3;
     std::unique_ptr<TagElement> copy(lo->clone());
     TagElement const& raw = *copy;
     EXPECT_EQ(typeid(raw), typeid(TagElement));
-    EXPECT_EQ(copy->mVR, VR_LO);
     EXPECT_EQ(copy->mValue.constData(), lo->mValue.constData()); // shared, not copied
-    EXPECT_EQ(copy->mDifferentCount + copy->mMissingCount, 0);
+    EXPECT_EQ(std::make_tuple(copy->mVR, copy->mDifferentCount, copy->mMissingCount),
+              std::make_tuple(VR_LO, 0, 0));
 }
 
 TEST(TagElementTest, CreateDcmElementByVRAndKey)
@@ -297,12 +293,10 @@ TEST(TagSequenceTest, RebuildCloneAndCompareSeeInheritedValuesButNoMarkers)
     std::unique_ptr<DcmElement> element(lower.createDcmElement(DCM_ReferencedImageSequence));
     auto* sequence = dynamic_cast<DcmSequenceOfItems*>(element.get());
     ASSERT_TRUE(sequence && sequence->card() == 2u);
-    EXPECT_EQ(sequence->getTag().getXTag(), DCM_ReferencedImageSequence);
-    DcmItem* first = sequence->getItem(0);
-    EXPECT_EQ(first->card(), 2u); // no marker became an attribute
+    EXPECT_EQ(sequence->getItem(0)->card(), 2u); // no marker became an attribute
     OFString a, b, c;
-    first->findAndGetOFString(DCM_ReferencedSOPClassUID, a);
-    first->findAndGetOFString(DCM_ReferencedSOPInstanceUID, b);
+    sequence->getItem(0)->findAndGetOFString(DCM_ReferencedSOPClassUID, a);
+    sequence->getItem(0)->findAndGetOFString(DCM_ReferencedSOPInstanceUID, b);
     sequence->getItem(1)->findAndGetOFString(DCM_CodeValue, c);
     EXPECT_EQ(a + "|" + b + "|" + c, "1.2|9.9|TWO");
 
@@ -311,26 +305,22 @@ TEST(TagSequenceTest, RebuildCloneAndCompareSeeInheritedValuesButNoMarkers)
     ASSERT_TRUE(clone && clone->mItems.size() == 2);
     TagMap* item = clone->mItems[0];
     EXPECT_TRUE(item != lowerItem && item->isItem() && item->parent() == nullptr);
-    auto own = [&](DcmTagKey const& key) {
-        TagElement const* e = item->ownElement(key);
-        return !e ? "-" : e->isOmittedMarker() ? "omitted" : e->mValue;
-    };
-    EXPECT_EQ(own(DCM_ReferencedSOPClassUID) + "|" + own(DCM_CodeValue) + "|" + own(DCM_CodeMeaning),
-              "1.2|-|omitted");
+    EXPECT_EQ(item->ownElement(DCM_ReferencedSOPClassUID)->mValue, "1.2");
+    EXPECT_EQ(item->ownElement(DCM_CodeValue), nullptr);
+    EXPECT_TRUE(item->ownElement(DCM_CodeMeaning)->isOmittedMarker());
     EXPECT_TRUE(clone->compare(lower, true, nullptr));
 
-    TagSequence empty1, empty2, withNull;
-    EXPECT_TRUE(empty1.compare(empty2, true, nullptr));
-    EXPECT_FALSE(empty1.compare(*make(VR_SQ, ""), true, nullptr));
-    EXPECT_FALSE(lower.compare(upper, true, nullptr));
+    TagSequence withNull;
+    withNull.addItem(nullptr);
+    withNull.addItem(nullptr);
+    EXPECT_TRUE(TagSequence().compare(TagSequence(), true, nullptr));
+    EXPECT_FALSE(TagSequence().compare(*make(VR_SQ, ""), true, nullptr));
+    EXPECT_FALSE(lower.compare(upper, true, nullptr) || lower.compare(withNull, true, nullptr) ||
+                 withNull.compare(lower, true, nullptr));
     item->putAndInsertValue(DCM_ReferencedSOPInstanceUID, VR_UI, "9.8");
     std::string difference;
     EXPECT_FALSE(lower.compare(*copy, true, &difference));
     EXPECT_EQ(difference, "(0008,1155) UI [9.9] <> [9.8]\n");
-    withNull.addItem(nullptr);
-    withNull.addItem(nullptr);
-    EXPECT_FALSE(lower.compare(withNull, true, nullptr));
-    EXPECT_FALSE(withNull.compare(lower, true, nullptr));
 }
 
 TEST(DcmOverlayDataTest, IdentCloneAndCopyFrom)

@@ -13,8 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QTemporaryDir>
-
 #include <memory>
 #include <string>
 #include <tuple>
@@ -46,12 +44,10 @@ TagMap const* image(TagFile const& file, int i)
 void addImages(TagFile& file, int count, std::vector<int> numbers = {})
 {
     for (int i = 0; i < count; ++i) {
-        std::unique_ptr<DcmDataset> dataset(mdxtest::makeImageDataset(kStudy, kSeries, imageUID(i).c_str()));
-        int const number = numbers.empty() ? i + 1 : numbers[static_cast<size_t>(i)];
-        dataset->putAndInsertString(DCM_InstanceNumber, std::to_string(number).c_str());
-        Uint16 const pixels[2] = {0, 1};
-        dataset->putAndInsertUint16Array(DCM_PixelData, pixels, 2);
-        ASSERT_NE(file.addDataset(dataset.get(), nullptr, false), nullptr);
+        std::string const number = std::to_string(numbers.empty() ? i + 1 : numbers[size_t(i)]);
+        ASSERT_NE(
+            mdxtest::addImage(file, kStudy, kSeries, imageUID(i), {{DCM_InstanceNumber, number.c_str()}}, 1),
+            nullptr);
     }
 }
 
@@ -92,15 +88,10 @@ std::vector<std::string> uidsOf(QVector<TagMap*> const& images)
     return result;
 }
 
-// file written to disk and read back.
 std::unique_ptr<TagFile> readBack(TagFile const& file)
 {
-    static QTemporaryDir dir;
-    static int count = 0;
-    QString const path = dir.filePath(QString::number(++count) + ".tc");
-    EXPECT_TRUE(file.writeCacheFile(path.toLocal8Bit().constData()));
     auto read = std::make_unique<TagFile>();
-    EXPECT_TRUE(read->readCacheFile(path, nullptr, false));
+    EXPECT_TRUE(mdxtest::readTagFile(*read, mdxtest::tagFileBytes(file)));
     return read;
 }
 
@@ -152,14 +143,15 @@ TEST(VolumeAssembly, unknownImagesAreLoggedAndLeftOutAndTheNumbersStayThoseOfThe
 {
     TagFile file;
     addImages(file, 4);
-    std::vector<std::pair<int, std::string>> log;
-    getTheLogInstance()->setWriteCallback(
-        [&](int level, std::string const& text) { log.emplace_back(level, text); });
-    addRecords(file, {record({}, {"9.9.1"}), record({0, 1, 2, 3}, {"9.9.9"}), record({}, {"9.9.2"})}, false);
-    getTheLogInstance()->setWriteCallback({});
-    ASSERT_EQ(log.size(), 3u);
-    EXPECT_EQ(log[1],
-              std::make_pair(2, std::string("[TagFile] 3D volume study-x.exm contains unknown image 9.9.9")));
+    {
+        mdxtest::LogCapture log;
+        addRecords(file, {record({}, {"9.9.1"}), record({0, 1, 2, 3}, {"9.9.9"}), record({}, {"9.9.2"})},
+                   false);
+        ASSERT_EQ(log.messages.size(), 3u);
+        EXPECT_EQ(
+            log.messages[1],
+            std::make_pair(2, std::string("[TagFile] 3D volume study-x.exm contains unknown image 9.9.9")));
+    }
     ASSERT_EQ(file.findSeries(kSeries)->volumes().size(), 1);
     Volume const* volume = file.findSeries(kSeries)->volumes()[0];
     EXPECT_EQ(uidsOf(volume->mImages),
