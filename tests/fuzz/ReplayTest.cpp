@@ -1,40 +1,24 @@
 // The damage suites of the three stored forms (tag file, tag map body,
-// volume block), and the byte-for-byte stability of the tag files written
-// for the samples.
+// volume block), and the stability of the tag files written for the samples.
 //
 // libFuzzer needs clang; the guarantees it checks (any bytes end in a
 // refusal or in a tree that walks, writes and reads back) should not depend
-// on which compiler a build uses. This runs the very same entry function
-// over the seed corpus made from the samples, its truncations, seeded
-// mutations of it, and the damaged files kept in data/tagfiles, under the
-// sanitizers of the test build; and the readers of tag map bodies and
-// volume lists over every cut of the corpus' records.
-#include "support/TestSupport.h"
+// on the compiler. This runs the same entry function over the seed corpus
+// made from the samples (with volumes of every mapping kind and previews),
+// its truncations, seeded mutations, and the damaged files in data/tagfiles,
+// under the sanitizers of the test build; and the readers of tag map bodies
+// and volume lists over cuts of the corpus' records.
+#include "support/TagLayer.h"
 
 #include "CorpusMaker.h"
 
-#include <mdxlib/platform/LmMsg.h>
-#include <mdxlib/platform/McLogFile.h>
-#include <mdxlib/tagfile/TagFile.h>
-#include <mdxlib/tags/TagMap.h>
-#include <mdxlib/volumes/Volume.h>
-
-#include <gtest/gtest.h>
-
 #include <QCryptographicHash>
-#include <QDataStream>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
+#include <QRegularExpression>
 #include <QtEndian>
 
 #include <cstdint>
 #include <iterator>
-#include <memory>
-#include <string>
-#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
 
@@ -53,16 +37,20 @@ int runTarget(QByteArray const& bytes)
                                   static_cast<std::size_t>(bytes.size()));
 }
 
+bool readBytes(QByteArray const& bytes)
+{
+    Mdx::TagFile file;
+    return mdxtest::readTagFile(file, bytes);
+}
+
 // The corpus is made once for all tests of the suite.
 class FuzzReplay : public ::testing::Test
 {
 protected:
     static void SetUpTestSuite()
     {
-        if (mdxtest::samplesDir().isEmpty())
-            return;
         sDir = std::make_unique<QTemporaryDir>();
-        if (sDir->isValid())
+        if (!mdxtest::samplesDir().isEmpty() && sDir->isValid())
             sCorpus = MdxFuzz::makeCorpus(mdxtest::samplesDir(), sDir->path() + "/corpus");
     }
     static void TearDownTestSuite()
@@ -70,18 +58,10 @@ protected:
         sCorpus.clear();
         sDir.reset();
     }
-
-    // The corpus files written in one compression mode.
     static QStringList corpusInMode(int mode)
     {
-        QStringList files;
-        QString const suffix = QStringLiteral("-mode%1.tc").arg(mode);
-        for (QString const& path : qAsConst(sCorpus))
-            if (path.endsWith(suffix))
-                files.append(path);
-        return files;
+        return sCorpus.filter(QRegularExpression(QStringLiteral("-mode%1\\.tc$").arg(mode)));
     }
-
     static std::unique_ptr<QTemporaryDir> sDir;
     static QStringList sCorpus;
 };
@@ -89,46 +69,28 @@ protected:
 std::unique_ptr<QTemporaryDir> FuzzReplay::sDir;
 QStringList FuzzReplay::sCorpus;
 
-// The fuzz target silences the log; reads that check for a reason lower
-// the level again while they run.
-struct LoudLog
-{
-    LoudLog()
-        : level(getTheLogInstance()->logLevel())
-    {
-        getTheLogInstance()->setLogLevel(McLogFile::LevelDebug);
-    }
-    ~LoudLog() { getTheLogInstance()->setLogLevel(level); }
-    int level;
-};
-
-bool readBytes(QByteArray const& bytes, int* numImages)
-{
-    Mdx::TagFile file;
-    bool const ok = mdxtest::readTagFile(file, bytes);
-    if (numImages)
-        *numImages = file.images().size();
-    return ok;
-}
-
+// Every study in each of the three modes is read and written again to the
+// same bytes: all that the corpus holds (volumes of each mapping kind with
+// their extra data, previews, markers, file paths) survives the trip.
 TEST_F(FuzzReplay, CorpusFromSamples)
 {
     MDX_REQUIRE_SAMPLES();
     ASSERT_FALSE(sCorpus.isEmpty());
-    // Every study in each of the three modes.
-    EXPECT_EQ(sCorpus.size() % 3, 0);
-    EXPECT_EQ(corpusInMode(0).size(), sCorpus.size() / 3);
-
-    for (QString const& path : qAsConst(sCorpus)) {
-        SCOPED_TRACE(path.toStdString());
-        QByteArray const bytes = mdxtest::fileContents(path);
-        ASSERT_FALSE(bytes.isEmpty());
-        // Seeds the reader refuses would leave the fuzzer at the door.
-        int images = 0;
-        EXPECT_TRUE(readBytes(bytes, &images));
-        EXPECT_GT(images, 0);
-        EXPECT_EQ(runTarget(bytes), 0);
+    EXPECT_EQ(corpusInMode(0).size() * 3, sCorpus.size());
+    int const mode = Mdx::TagFile::sCompressionMode;
+    for (int m = 0; m <= 2; ++m) {
+        for (QString const& path : corpusInMode(m)) {
+            SCOPED_TRACE(path.toStdString());
+            QByteArray const bytes = mdxtest::fileContents(path);
+            Mdx::TagFile file;
+            ASSERT_TRUE(mdxtest::readTagFile(file, bytes)); // else the fuzzer stays at the door
+            EXPECT_GT(file.images().size(), 0);
+            Mdx::TagFile::sCompressionMode = m;
+            EXPECT_EQ(mdxtest::tagFileBytes(file), bytes);
+            EXPECT_EQ(runTarget(bytes), 0);
+        }
     }
+    Mdx::TagFile::sCompressionMode = mode;
 }
 
 TEST_F(FuzzReplay, Truncations)
@@ -164,7 +126,7 @@ TEST_F(FuzzReplay, Truncations)
             // A cut inside the payload or the previews is always refused: the
             // format carries its lengths for this. (The old format, which has
             // none, is never written.)
-            ASSERT_FALSE(readBytes(prefix, nullptr)) << "prefix of " << length << " bytes was accepted";
+            ASSERT_FALSE(readBytes(prefix)) << "prefix of " << length << " bytes was accepted";
         }
     }
 }
@@ -209,7 +171,7 @@ TEST_F(FuzzReplay, ByteFlips)
             }
         }
         EXPECT_EQ(runTarget(bytes), 0);
-        accepted += readBytes(bytes, nullptr);
+        accepted += readBytes(bytes);
     }
     // Not a guarantee, a sign that the mutations reach past the header.
     EXPECT_GT(accepted, 0);
@@ -301,13 +263,14 @@ TEST(FuzzReplayDamaged, DamagedFiles)
         QByteArray const bytes = mdxtest::fileContents(dir.filePath(name));
         EXPECT_EQ(runTarget(bytes), 0);
         if (name.startsWith("refused-")) {
-            LoudLog loud;
+            int const level = getTheLogInstance()->logLevel(); // the fuzz target silences the log
+            getTheLogInstance()->setLogLevel(McLogFile::LevelDebug);
             mdxtest::LogCapture log;
-            EXPECT_FALSE(readBytes(bytes, nullptr));
+            EXPECT_FALSE(readBytes(bytes));
             EXPECT_FALSE(log.messages.empty()) << "refused without a reason";
+            getTheLogInstance()->setLogLevel(level);
         } else if (name.startsWith("accepted-")) {
-            int images = 0;
-            EXPECT_TRUE(readBytes(bytes, &images));
+            EXPECT_TRUE(readBytes(bytes));
         }
     }
 }

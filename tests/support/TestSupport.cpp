@@ -98,6 +98,46 @@ DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char c
     return dataset;
 }
 
+Mdx::TagMap* makeNode(QByteArray const& attributes)
+{
+    auto* map = new Mdx::TagMap;
+    for (QString const& part : QString::fromLatin1(attributes).split('|', Qt::SkipEmptyParts)) {
+        QStringList const name = part.section('=', 0, 0).split(':');
+        QByteArray const value = part.section('=', 1).toLatin1();
+        DcmTag tag;
+        EXPECT_TRUE(DcmTag::findTagFromName(name[0].toLatin1().constData(), tag).good())
+            << part.toStdString();
+        Mdx::VR const vr =
+            name.size() > 1 ? Mdx::fromDcmEVR(DcmVR(name[1].toLatin1().constData()).getEVR()) : Mdx::VR_LO;
+        if (value == "~")
+            map->markAsMissing(tag);
+        else if (value == "!")
+            map->markAsOmitted(tag);
+        else
+            map->putAndInsertValue(tag, vr, value);
+    }
+    return map;
+}
+
+Mdx::TagMap* link(Mdx::TagMap* parent, Mdx::TagMap* child)
+{
+    child->mParent = parent;
+    parent->mChildren.append(child);
+    return child;
+}
+
+Mdx::TagSequence* putSequence(Mdx::TagMap& node, DcmTagKey const& key, int count, bool numbered)
+{
+    auto* sequence = new Mdx::TagSequence;
+    for (int i = 0; i < count; ++i) {
+        sequence->addItem(makeNode(numbered ? "ReferencedSOPInstanceUID:UI=" + QByteArray::number(i) : ""));
+        sequence->mItems.last()->mIsItem = true;
+    }
+    node.deleteElement(key);
+    node.mElements.insert(key, sequence);
+    return sequence;
+}
+
 Mdx::TagMap* addImage(Mdx::TagFile& file, std::string const& study, std::string const& series,
                       std::string const& sop, Attributes const& attributes, int numPixels,
                       char const* fileName, bool replace)

@@ -20,6 +20,7 @@ class DcmDataset;
 namespace Mdx {
 class TagFile;
 class TagMap;
+class TagSequence;
 } // namespace Mdx
 
 namespace mdxtest {
@@ -38,6 +39,15 @@ QString testDataDir();
 
 // A dataset with the UIDs of one image and a few common attributes.
 DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char const* sopUID);
+
+// A tag map node from "Name=value|gggg,eeee=value|Name:VR=value" (VR LO
+// unless given); the value "~" makes a missing marker, "!" an omitted one.
+Mdx::TagMap* makeNode(QByteArray const& attributes);
+// child, linked below parent.
+Mdx::TagMap* link(Mdx::TagMap* parent, Mdx::TagMap* child);
+// Replaces key by a sequence of count items, item i holding Referenced SOP
+// Instance UID i when numbered.
+Mdx::TagSequence* putSequence(Mdx::TagMap& node, DcmTagKey const& key, int count, bool numbered = false);
 
 // Attributes to set on a dataset; a null value deletes the attribute.
 using Attributes = std::vector<std::pair<DcmTagKey, char const*>>;

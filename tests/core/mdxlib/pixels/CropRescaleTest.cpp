@@ -1,28 +1,17 @@
 // The crop box of projection radiographs on built and real images, the common
 // rescale of a stack of images and the low-resolution level of a volume.
+#include "support/TagLayer.h"
 #include <mdxlib/pixels/CropBox.h>
 #include <mdxlib/pixels/Rescale.h>
 #include <mdxlib/platform/McBox3f.h>
-#include <mdxlib/tags/TagMap.h>
 
-#include "support/TestSupport.h"
-
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
 #include "dcmtk/dcmimgle/dcmimage.h"
 #include "dcmtk/dcmimgle/dipixel.h"
 #include "dcmtk/oflog/oflog.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
 #include <cfloat>
 #include <cstdint>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
 
 using namespace Mdx;
 

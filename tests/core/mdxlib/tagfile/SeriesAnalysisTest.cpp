@@ -1,28 +1,9 @@
 // Display numbers, localizer marks and the choice of 2D previews, on built
 // geometries for each rule and on the real studies of the installed samples.
-#include "support/TestSupport.h"
-
-#include <mdxlib/tagfile/TagFile.h>
-#include <mdxlib/tags/TagMap.h>
-#include <mdxlib/volumes/Volume.h>
-#include <mdxlib/volumes/VolumeInfo.h>
-
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-
-#include <gtest/gtest.h>
-
-#include <QTemporaryDir>
+#include "support/TagLayer.h"
 
 #include <cmath>
 #include <iterator>
-#include <map>
-#include <memory>
-#include <set>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 
@@ -122,26 +103,19 @@ void addVolume(TagFile& file, std::vector<std::string> uids, McVec3i dims, McBox
 TEST(SeriesNumbers, sharedNumbersAreCountedByDateTimeAndUID)
 {
     // pixels: per image, 'y' with pixel data, 'n' without, 'L' left on disk.
-    struct Case
-    {
-        char const *series, *number, *date, *time, *pixels, *expected;
-    };
+    // clang-format off
+    struct Case { char const *series, *number, *date, *time, *pixels, *expected; };
     Case const cases[] = {
-        {"1.2.7", "7", nullptr, nullptr, "yy", "7"},
-        {"1.2.1", "3", "20200102", nullptr, "y", "3 (2)"},
-        {"1.2.2", "3", "20200101", nullptr, "y", "3 (1)"},
-        {"1.2.8", "5", "20200101", "101500", "y", "5 (3)"},
+        {"1.2.7", "7", nullptr, nullptr, "yy", "7"}, {"1.2.1", "3", "20200102", nullptr, "y", "3 (2)"},
+        {"1.2.2", "3", "20200101", nullptr, "y", "3 (1)"}, {"1.2.8", "5", "20200101", "101500", "y", "5 (3)"},
         {"1.2.9", "5", "20200101", "093000", "y", "5 (2)"},
         {"1.2.10", "5", "20200101", "093000", "y", "5 (1)"}, // strcmp: "1.2.10" < "1.2.9"
-        {"1.2.20", "6", "19990101", nullptr, "y", "6 (2)"},
-        {"1.2.21", "6", nullptr, nullptr, "y", "6 (1)"},
-        {"1.2.30", nullptr, nullptr, nullptr, "y", "0 (1)"},
-        {"1.2.31", "0", "20010101", nullptr, "y", "0 (2)"},
-        {"1.2.40", "9", nullptr, nullptr, "n", "<none>"},
-        {"1.2.41", "9", nullptr, nullptr, "y", "9"},
+        {"1.2.20", "6", "19990101", nullptr, "y", "6 (2)"}, {"1.2.21", "6", nullptr, nullptr, "y", "6 (1)"},
+        {"1.2.30", nullptr, nullptr, nullptr, "y", "0 (1)"}, {"1.2.31", "0", "20010101", nullptr, "y", "0 (2)"},
+        {"1.2.40", "9", nullptr, nullptr, "n", "<none>"}, {"1.2.41", "9", nullptr, nullptr, "y", "9"},
         {"1.2.42", "4", nullptr, nullptr, "ny", "<none>"}, // only the first image decides
-        {"1.2.50", "50", nullptr, nullptr, "L", "50"},
-    };
+        {"1.2.50", "50", nullptr, nullptr, "L", "50"}};
+    // clang-format on
     TagFile file;
     for (Case const& c : cases) {
         for (size_t i = 0; c.pixels[i]; ++i) {
@@ -161,33 +135,21 @@ TEST(SeriesNumbers, sharedNumbersAreCountedByDateTimeAndUID)
 
 TEST(Localizers, aPlaneAtARightAngleToMoreThanHalfOfTheSeries)
 {
-    struct Group
-    {
-        std::string orientation;
-        int count, expected;
-        char const *position = "0\\0\\0", *frames = nullptr;
-        bool omitted = false;
-    };
     // One series per case. Broken planes and multi-frame images get 0 and
     // are not counted; counted, they would turn the marks of their series.
+    // clang-format off
+    struct Group { std::string orientation; int count, expected; char const *position = "0\\0\\0", *frames = nullptr;
+                   bool omitted = false; };
     std::vector<std::vector<Group>> const cases = {
-        {{kCoronal, 20, 0}, {kAxial, 1, 1}},
-        {{kAxial, 5, 0}, {kCoronal, 5, 0}},
+        {{kCoronal, 20, 0}, {kAxial, 1, 1}}, {{kAxial, 5, 0}, {kCoronal, 5, 0}},
         {{kAxial, 1, 0}, {kCoronal, 1, 0}, {kSagittal, 1, 0}},
-        {{kCoronal, 4, 0}, {tilted(10), 1, 1}},
-        {{kCoronal, 4, 0}, {tilted(20), 1, 0}},
+        {{kCoronal, 4, 0}, {tilted(10), 1, 1}}, {{kCoronal, 4, 0}, {tilted(20), 1, 0}},
         {{kCoronal, 3, 0}, {"2\\0\\0\\0\\3\\0", 1, 1}},
-        {{kCoronal, 2, 0},
-         {kAxial, 1, 1},
-         {"1\\0\\0\\0.01\\1\\0", 1, 0},
-         {"1\\0\\0\\0\\1", 1, 0},
-         {kAxial, 1, 0, "0\\0"},
-         {"nan\\0\\0\\0\\1\\0", 1, 0},
-         {"0\\0\\0\\0\\1\\0", 1, 0},
-         {kAxial, 1, 0, nullptr},
-         {kAxial, 1, 0, "0\\0\\0", nullptr, true}},
-        {{kCoronal, 2, 0}, {kAxial, 1, 1}, {kAxial, 2, 0, "0\\0\\0", "5"}, {kCoronal, 1, 0, "0\\0\\9", "1"}},
-    };
+        {{kCoronal, 2, 0}, {kAxial, 1, 1}, {"1\\0\\0\\0.01\\1\\0", 1, 0}, {"1\\0\\0\\0\\1", 1, 0},
+         {kAxial, 1, 0, "0\\0"}, {"nan\\0\\0\\0\\1\\0", 1, 0}, {"0\\0\\0\\0\\1\\0", 1, 0},
+         {kAxial, 1, 0, nullptr}, {kAxial, 1, 0, "0\\0\\0", nullptr, true}},
+        {{kCoronal, 2, 0}, {kAxial, 1, 1}, {kAxial, 2, 0, "0\\0\\0", "5"}, {kCoronal, 1, 0, "0\\0\\9", "1"}}};
+    // clang-format on
     TagFile file;
     auto forEachImage = [&](auto&& action) {
         for (size_t k = 0; k < cases.size(); ++k)
@@ -204,13 +166,6 @@ TEST(Localizers, aPlaneAtARightAngleToMoreThanHalfOfTheSeries)
     forEachImage([&](std::string const&, std::string const& uid, Group const& group) {
         EXPECT_EQ(localizer(file, uid), group.expected) << uid;
     });
-
-    // A later run overwrites the marks: one coronal image more, and the
-    // axial group of the second case is at a right angle to 6 of 11.
-    addPlane(file, "1.2.1", "1.2.1.1.9", kCoronal);
-    file.createAbstractSeriesLocalizer();
-    EXPECT_EQ(localizer(file, "1.2.1.0.4"), 1);
-    EXPECT_EQ(localizer(file, "1.2.1.1.4"), 0);
 }
 
 TEST(Localizers, aPlaneCuttingAcrossTheSlicesOfAVolume)
@@ -220,23 +175,15 @@ TEST(Localizers, aPlaneCuttingAcrossTheSlicesOfAVolume)
     McMat4f const coronal{{{2, 0, 0, -64}, {0, 0, 5, -50}, {0, -2, 0, 64}, {0, 0, 0, 1}}};
     McMat4f const slices{{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 2, 0}, {0, 0, 0, 1}}}; // 2 mm apart
     McBox3f const small(0, 63, 0, 63, 0, 4), cube(0, 100, 0, 100, 0, 100), half(0, 100, 0, 100, 0, 49);
-    struct Case
-    {
-        McMat4f matrix;
-        McBox3f box;
-        std::string orientation;
-        char const* position;
-        int expected;
-    };
+    // clang-format off
+    struct Case { McMat4f matrix; McBox3f box; std::string orientation; char const* position; int expected; };
     Case const cases[] = {
-        {coronal, small, kAxial, "-100\\-100\\0", 1},
-        {coronal, small, kAxial, "-100\\-100\\100", 0},   // above the volume
+        {coronal, small, kAxial, "-100\\-100\\0", 1}, {coronal, small, kAxial, "-100\\-100\\100", 0}, // above
         {coronal, small, kCoronal, "-100\\-40\\100", 0},  // parallel to the slices, inside
         {coronal, small, kSagittal, "100\\-100\\100", 0}, // beside the volume
-        {{}, cube, tilted(40), "0\\50\\50", 0},           // within 45 degrees of the slices
-        {{}, cube, tilted(50), "0\\50\\50", 1},
-        {slices, half, tilted(50), "0\\50\\50", 0}, // about 31 degrees in the volume frame
-    };
+        {{}, cube, tilted(40), "0\\50\\50", 0}, {{}, cube, tilted(50), "0\\50\\50", 1}, // 45 degrees apart?
+        {slices, half, tilted(50), "0\\50\\50", 0}}; // about 31 degrees in the volume frame
+    // clang-format on
     for (Case const& c : cases) {
         TagFile file;
         addImage(file, "1.2.1", "1.2.1.1", {{DCM_NumberOfFrames, "5"}});
@@ -304,11 +251,8 @@ TEST(Localizers, volumesDecideOnlyForImagesWithoutAMarkYet)
     EXPECT_EQ(localizer(file, "1.2.1.2"), 1);
     EXPECT_EQ(localizer(file, "1.2.1.3"), 0);
 
-    QTemporaryDir dir;
-    QString const path = dir.filePath("study.tc");
-    ASSERT_TRUE(file.writeCacheFile(path.toLocal8Bit().constData()));
     TagFile read;
-    ASSERT_TRUE(read.readCacheFile(path, nullptr, false));
+    ASSERT_TRUE(mdxtest::readTagFile(read, mdxtest::tagFileBytes(file)));
     read.createAbstractSeriesLocalizer();
     EXPECT_EQ(localizer(read, "1.2.1.2"), 1);
     EXPECT_EQ(localizer(read, "1.2.1.3"), 0);
@@ -336,18 +280,14 @@ TEST(Previews, multiFramesFirstThenTheMiddleOfEachListThenTheRest)
 {
     char const kUltrasound[] = "1.2.840.10008.5.1.4.1.1.6.1";
     // By Instance Number; they arrive in reverse.
+    // clang-format off
     Attributes const images[] = {
-        {},
-        {{DCM_SOPClassUID, kUltrasound}},
-        {{DCM_ImageType, "DERIVED\\LOCALIZER"}},
-        {{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.7"}},
-        {{DCM_SOPClassUID, kUltrasound}},
+        {}, {{DCM_SOPClassUID, kUltrasound}}, {{DCM_ImageType, "DERIVED\\LOCALIZER"}},
+        {{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.7"}}, {{DCM_SOPClassUID, kUltrasound}},
         {{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.2.1"}, {DCM_NumberOfFrames, "9"}},
-        {{DCM_SOPClassUID, kUltrasound}, {DCM_NumberOfFrames, "1"}},
-        {{DCM_SOPClassUID, kUltrasound}},
-        {{DCM_SOPClassUID, kUltrasound}, {DCM_NumberOfFrames, "40"}},
-        {},
-    };
+        {{DCM_SOPClassUID, kUltrasound}, {DCM_NumberOfFrames, "1"}}, {{DCM_SOPClassUID, kUltrasound}},
+        {{DCM_SOPClassUID, kUltrasound}, {DCM_NumberOfFrames, "40"}}, {}};
+    // clang-format on
     TagFile file;
     for (size_t n = std::size(images); n >= 1; --n) {
         Attributes attributes = images[n - 1];
@@ -361,31 +301,26 @@ TEST(Previews, multiFramesFirstThenTheMiddleOfEachListThenTheRest)
 
 TEST(Previews, classesLocalizersAndScoutsGiveTheMiddleOfThree)
 {
-    struct Case
-    {
-        Attributes attributes;
-        int expected;
-    };
-    Case const cases[] = {
+    // clang-format off
+    std::pair<Attributes, int> const cases[] = {
         {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.6.1"}}, 1},
         {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.66"}}, 1}, // a plain prefix test
-        {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.66.4"}}, 0},
-        {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.2"}}, 3},
+        {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.66.4"}}, 0}, {{{DCM_SOPClassUID, "1.2.840.10008.5.1.4.1.1.2"}}, 3},
         {{{DCM_ImageType, "ORIGINAL\\PRIMARY\\LOCALIZER"}}, 1},
         {{{DCM_Modality, "MR"}, {DCM_SeriesDescription, "Fast Localizer"}}, 1},
         {{{DCM_Modality, "MR"}, {DCM_SeriesDescription, "3-plane scout"}}, 1},
         {{{DCM_Modality, "MR"}, {DCM_SeriesDescription, "t1 block"}}, 1},
-        {{{DCM_Modality, "CT"}, {DCM_SeriesDescription, "SCOUT"}}, 3},
-    };
+        {{{DCM_Modality, "CT"}, {DCM_SeriesDescription, "SCOUT"}}, 3}};
+    // clang-format on
     TagFile file;
     std::vector<std::string> expected;
     for (size_t k = 0; k < std::size(cases); ++k) {
         std::string const series = sop("1.2", 10 + k);
         for (char const* number : {"1", "2", "3"}) {
-            Attributes attributes = cases[k].attributes;
+            Attributes attributes = cases[k].first;
             attributes.emplace_back(DCM_InstanceNumber, number);
             addImage(file, series, series + "." + number, attributes);
-            if (cases[k].expected == 3 || (cases[k].expected == 1 && number[0] == '2'))
+            if (cases[k].second == 3 || (cases[k].second == 1 && number[0] == '2'))
                 expected.push_back(series + "." + number);
         }
     }
@@ -405,14 +340,15 @@ TEST(Previews, imagesOfVolumesAndImagesWithoutPixelsGetNone)
     EXPECT_EQ(previews(file), std::vector<std::string>{"1.2.1.3"});
 }
 
+// Per known study: "number x images" of each series in UID order, the
+// number of previews and the first one. A CR study of one image per series;
+// a brain CT; calcium scoring, whose two scouts at a right angle are equal
+// groups and give one preview by Image Type; an MR localizer, a three-plane
+// pilot and seven projections 16 degrees apart. Every study: unique display
+// numbers, marks 0 or 1, previews of known images.
 TEST(SampleSeries, everyStudyGetsConsistentTagsAndTheKnownOnesTheirValues)
 {
     MDX_REQUIRE_SAMPLES();
-    // Per study: "number x images" of each series in UID order, the number
-    // of previews and the first one. A CR study of one image per series; a
-    // brain CT; calcium scoring, whose two scouts at a right angle are equal
-    // groups and give one preview by Image Type; an MR localizer, a
-    // three-plane pilot and seven projections 16 degrees apart.
     std::string const r = "1.3.6.1.4.1.5962.1.1.0.0.0.";
     std::map<std::string, std::tuple<std::string, size_t, std::string>> const known = {
         {"0.0.0.0.2.8811.20010413115754.12432", {"2x20", 1, "0.0.0.0.1.8811.2.11.20010413115754.12432"}},
@@ -439,22 +375,19 @@ TEST(SampleSeries, everyStudyGetsConsistentTagsAndTheKnownOnesTheirValues)
             series +=
                 (series.empty() ? "" : " ") + number + "x" + std::to_string(it.value()->children().size());
             for (TagMap const* image : it.value()->children()) {
-                int const mark = localizer(image);
-                EXPECT_TRUE(mark == 0 || mark == 1);
-                localizers += mark == 1;
+                EXPECT_TRUE(localizer(image) == 0 || localizer(image) == 1);
+                localizers += localizer(image) == 1;
             }
         }
         std::vector<std::string> const selected = previews(file);
         for (std::string const& uid : selected)
             EXPECT_NE(file.findImage(QByteArray::fromStdString(uid)), nullptr);
-        if (!known.count(studyUID))
-            continue;
-        ++checked;
-        auto const& [expectedSeries, numPreviews, firstPreview] = known.at(studyUID);
-        EXPECT_EQ(series, expectedSeries);
-        EXPECT_EQ(localizers, 0);
-        ASSERT_EQ(selected.size(), numPreviews);
-        EXPECT_TRUE(firstPreview.empty() || selected[0] == firstPreview) << selected[0];
+        if (known.count(studyUID) && ++checked) {
+            auto const& [expectedSeries, numPreviews, firstPreview] = known.at(studyUID);
+            EXPECT_EQ(std::make_tuple(series, localizers, selected.size()),
+                      std::make_tuple(expectedSeries, 0, numPreviews));
+            EXPECT_TRUE(firstPreview.empty() || selected.at(0) == firstPreview);
+        }
     }
     EXPECT_EQ(checked, known.size());
 }

@@ -1,19 +1,10 @@
 // The study tree: adding, replacing, refusing, finding and removing images,
 // and the static options of tag files.
-#include "support/TestSupport.h"
+#include "support/TagLayer.h"
 
-#include <mdxlib/platform/McLogFile.h>
-#include <mdxlib/tagfile/TagFile.h>
-#include <mdxlib/tags/TagMap.h>
 #include <mdxlib/volumes/Loader.h>
 
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <memory>
 
 namespace {
 
@@ -56,17 +47,6 @@ TEST(StudyTree, imagesJoinOneStudyOnceAndAreReplacedOnlyWhenAsked)
     EXPECT_EQ(file.findSeries("1.2.3")->children().size(), 2);
     EXPECT_EQ(text(file.findImage("1.2.3.5"), DCM_ImageComments), "new");
     EXPECT_EQ(file.findImage("1.2.3.4")->findElement(DCM_ImageComments), nullptr);
-}
-
-TEST(StudyTree, fileNamesGiveSuffixesAndOptionallyPaths)
-{
-    TagFile file;
-    TagMap* image = addImage(file, "1.2", "1.2.3", "1.2.3.4", {}, 0, "/data/1.2/1.2.3.4_abc.dcm");
-    EXPECT_EQ(text(image, Mdx::Tags::FileSuffix), "abc");
-    EXPECT_EQ(image->findElement(Mdx::Tags::DicomFilePath), nullptr);
-    file.setStoreFilePaths(true);
-    image = addImage(file, "1.2", "1.2.3", "1.2.3.5", {}, 0, "/data/1.2/1.2.3.5_abc.dcm");
-    EXPECT_EQ(text(image, Mdx::Tags::DicomFilePath), "/data/1.2/1.2.3.5_abc.dcm");
 }
 
 TEST(StudyTree, takingAndRemovingImagesAndSeries)
@@ -140,21 +120,6 @@ TEST(StudyTree, addSeriesOptimisesItAndRefusesNothingToAddAndForeignOrKnownSerie
     ASSERT_TRUE(file.addSeries(fresh));
     EXPECT_EQ(file.findSeries("1.2.9"), fresh);
     EXPECT_EQ(fresh->parent(), file.study());
-}
-
-TEST(StudyTree, moveConstructionTakesTheTreeAndTheStudyNodeCanOutliveIt)
-{
-    std::shared_ptr<TagMap> study;
-    {
-        TagFile file;
-        addImage(file, "1.2", "1.2.3", "1.2.3.1");
-        TagFile moved(std::move(file));
-        EXPECT_TRUE(file.images().isEmpty() && file.studies().isEmpty());
-        EXPECT_EQ(moved.images().size(), 1);
-        study = moved.studies().first();
-    }
-    ASSERT_EQ(study->children().size(), 1);
-    EXPECT_EQ(text(study->children().first()->children().first(), DCM_PatientName), "Doe^Jane");
 }
 
 TEST(StudyTree, addDicomFileReadsARealFileAndLogsAnUnreadableOne)

@@ -1,32 +1,21 @@
 // Attributes named by text (explicit keys, dictionary, retired and legacy
 // names), paths into sequence items, and the text dumps of tag maps, checked
 // against DCMTK's own dump tool on real files.
-#include "support/TestSupport.h"
+#include "support/TagLayer.h"
 
-#include <mdxlib/tags/TagElement.h>
-#include <mdxlib/tags/TagMap.h>
 #include <mdxlib/tags/TagNames.h>
-#include <mdxlib/tags/TagSequence.h>
 
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-
-#include <QDir>
-#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTextStream>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <memory>
 #include <thread>
-#include <vector>
 
 using Mdx::TagElement;
 using Mdx::TagMap;
 using Mdx::TagSequence;
+using mdxtest::putSequence;
 
 namespace {
 
@@ -51,19 +40,6 @@ TagElement* put(TagMap& map, DcmTagKey const& key, Mdx::VR vr, QByteArray const&
 {
     map.putAndInsertValue(key, vr, value);
     return map.ownElement(key);
-}
-
-// Replaces key by a sequence of count fresh items.
-TagSequence* putSequence(TagMap& map, DcmTagKey const& key, int count)
-{
-    auto* sequence = new TagSequence;
-    for (int i = 0; i < count; ++i) {
-        sequence->addItem(new TagMap);
-        sequence->mItems.last()->mIsItem = true;
-    }
-    map.deleteElement(key);
-    map.mElements.insert(key, sequence);
-    return sequence;
 }
 
 QStringList dumpLines(TagMap const& map, bool own = false)
