@@ -272,36 +272,6 @@ TEST(TagMapTest, RemoveTagsNotNeededByClient)
     EXPECT_TRUE(series->mVolumes[0]->mFileNameSuffix.isEmpty());
 }
 
-TEST(TagMapTest, FindPreviewDataWithoutVolumes)
-{
-    auto study = std::make_unique<TagMap>();
-    TagMap* out = nullptr;
-    EXPECT_TRUE(study->findPreviewData(&out).isEmpty());
-    auto addSeries = [&](QByteArray const& number, QByteArray const& preview) {
-        TagMap* series = link(study.get(), node(number.isEmpty() ? "" : "SeriesNumber:IS=" + number));
-        link(series, node("SOPInstanceUID=plain"));
-        return link(series, node(preview.isEmpty() ? "" : "0006,7105:OB=" + preview));
-    };
-    addSeries("3", "P3");
-    TagMap* one = addSeries("1", "P1");
-    addSeries("1", "P1b");
-    TagMap* unnumbered = addSeries("", "")->parent();
-    EXPECT_EQ(study->findPreviewData(&out), "P1");
-    EXPECT_EQ(out, one);
-    EXPECT_EQ(one->parent()->findPreviewData(nullptr), "P1");
-    out = nullptr;
-    EXPECT_TRUE(unnumbered->findPreviewData(&out).isEmpty());
-    EXPECT_EQ(out, nullptr);
-    TagMap* zero = addSeries("", "P0");
-    EXPECT_EQ(study->findPreviewData(&out), "P0");
-    EXPECT_EQ(out, zero);
-    // A node showing a preview itself, also by inheritance, is its own image.
-    zero->parent()->putAndInsertValue(Tags::PreviewData, VR_OB, "S");
-    TagMap* inheriting = zero->parent()->children()[0];
-    EXPECT_EQ(inheriting->findPreviewData(&out), "S");
-    EXPECT_EQ(out, inheriting);
-}
-
 // What the real samples cannot show (SampleStudiesTest checks that every
 // image shows its file): the size limit, the values large by nature that are
 // kept whatever their size, and the markers and items made on the way.

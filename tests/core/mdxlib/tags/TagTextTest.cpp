@@ -156,26 +156,6 @@ TEST(FindElementByPath, walksNestedItemsAndGivesNullOnEveryBrokenStep)
     }
 }
 
-TEST(FindElementByPath, stepsAndTheLastLookupInherit)
-{
-    // The series holds the sequence; the image reaches it through its parent,
-    // and its own item, linked to the series' item, inherits from it.
-    TagMap series;
-    TagSequence* upper = putSequence(series, DCM_ReferencedImageSequence, 1);
-    put(*upper->mItems[0], DCM_ReferencedSOPClassUID, Mdx::VR_UI, "1.2.840");
-    auto* image = new TagMap;
-    image->mParent = &series;
-    series.mChildren.append(image);
-    TagElement const* inherited = image->findElement("ReferencedImageSequence[0]", DCM_ReferencedSOPClassUID);
-    EXPECT_EQ(inherited ? inherited->mValue : "<null>", "1.2.840");
-    TagSequence* lower = putSequence(*image, DCM_ReferencedImageSequence, 1);
-    put(*lower->mItems[0], DCM_ReferencedSOPInstanceUID, Mdx::VR_UI, "9.9");
-    lower->mItems[0]->mParent = upper->mItems[0];
-    EXPECT_EQ(image->findElement("ReferencedImageSequence[0]", DCM_ReferencedSOPInstanceUID),
-              lower->mItems[0]->ownElement(DCM_ReferencedSOPInstanceUID));
-    EXPECT_EQ(image->findElement("ReferencedImageSequence[0]", DCM_ReferencedSOPClassUID), inherited);
-}
-
 // What the dump tool cannot check: long values are cut, an image shows what
 // it inherits while listContent shows only its own elements and markers.
 TEST(TagMapDump, longValuesAreCutAndOnlyListContentShowsMarkers)
