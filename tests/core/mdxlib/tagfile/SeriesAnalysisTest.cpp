@@ -217,22 +217,6 @@ TEST(Localizers, volumesDecideWhenTheyHoldAtLeastAsManyImagesAsThePlanes)
     }
 }
 
-TEST(Localizers, moreThanHalfOfTheSlicesMustBeCut)
-{
-    // A plane through the first of two volumes side by side, of n and 20 slices.
-    McMat4f const shifted{{{1, 0, 0, 500}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}}};
-    for (int n : {21, 20}) {
-        TagFile file;
-        addImage(file, "1.2.1", "1.2.1.1", {{DCM_NumberOfFrames, "5"}});
-        addImage(file, "1.2.1", "1.2.1.2", {{DCM_NumberOfFrames, "5"}});
-        addVolume(file, {"1.2.1.1"}, McVec3i(100, 100, n), McBox3f(0, 99, 0, 99, 0, n - 1.0f));
-        addVolume(file, {"1.2.1.2"}, McVec3i(100, 100, 20), McBox3f(0, 99, 0, 99, 0, 19), shifted);
-        addPlane(file, "1.2.1", "1.2.1.3", kSagittal, "50\\0\\0");
-        file.createAbstractSeriesLocalizer();
-        EXPECT_EQ(localizer(file, "1.2.1.3"), n == 21 ? 1 : 0) << n;
-    }
-}
-
 TEST(Localizers, volumesDecideOnlyForImagesWithoutAMarkYet)
 {
     // Two axial planes across a coronal volume: both localizers by the

@@ -4,8 +4,6 @@
 
 #include <mdxlib/volumes/Loader.h>
 
-#include <cstdlib>
-
 namespace {
 
 using Mdx::TagFile;
@@ -157,23 +155,6 @@ TEST(Suffix, extractSuffixCutsNameQueryAndExtension)
     qa = -1;
     Mdx::Loader::extractSuffix("/data/1.2_v2.dcm?x=1", &qa);
     EXPECT_EQ(qa, -1);
-}
-
-TEST(MetaFolder, setMetaFolderNormalisesAndFallsBackToConfiguration)
-{
-    for (auto const& [given, used] :
-         {std::make_pair("", "./"), std::make_pair("C:\\meta\\tags", "C:/meta/tags/"),
-          std::make_pair("/srv/meta/", "/srv/meta/")}) {
-        TagFile::setMetaFolder(given);
-        EXPECT_STREQ(TagFile::metaFolder(), used);
-    }
-    TagFile::sMetaFolder.clear();
-    setenv("MDX_META_FOLDER", "/configured/meta", 1);
-    EXPECT_STREQ(TagFile::metaFolder(), "/configured/meta/");
-    unsetenv("MDX_META_FOLDER");
-    TagFile::sMetaFolder.clear();
-    EXPECT_STREQ(TagFile::metaFolder(), "./meta/");
-    TagFile::sMetaFolder.clear();
 }
 
 } // namespace

@@ -9,7 +9,6 @@
 #include <mdxlib/tagfile/Compression.h>
 #include <mdxlib/tagfile/TagFileFunctions.h>
 
-#include <QCryptographicHash>
 #include <QtEndian>
 
 #include <sys/wait.h>
@@ -81,36 +80,6 @@ TEST(Compression, qxCompressIsQtsFormatAndItsLengthMustBeExact)
     }
 }
 
-TEST_F(TagFileIO, pathComesFromTheMD5OfTheStudyUID)
-{
-    QString const path = TagFile::cacheFilePathForStudy("1.2.840.1");
-    QString const digits = QCryptographicHash::hash("1.2.840.1\n", QCryptographicHash::Md5).toHex();
-    EXPECT_EQ(path,
-              mDir.path() + "/" + digits.left(2) + "/" + digits.mid(2, 2) + "/" + digits.mid(4) + ".tc");
-}
-
-// Every field in every mode is checked on the real studies of the fuzz
-// corpus; here the statistics of a read.
-TEST_F(TagFileIO, everyModeKeepsTheTreeAndCountsIt)
-{
-    TagFile original;
-    fill(original);
-    for (int mode : {0, 1, 2}) {
-        TagFile::sCompressionMode = mode;
-        ASSERT_TRUE(original.writeCacheFile());
-        TagFile read;
-        ASSERT_TRUE(read.readCacheFileForStudy("1.2", false));
-        mdxtest::expectSameStoredTree(original.study(), read.study());
-        int series, images, volumes, previews, optimize, readMsec, write, compressed, uncompressed,
-            unoptimized, previewBytes;
-        read.getStatistics(series, images, volumes, previews, optimize, readMsec, write, compressed,
-                           uncompressed, unoptimized, previewBytes);
-        EXPECT_EQ(
-            std::make_tuple(series, images, volumes, previews, previewBytes, compressed == uncompressed),
-            std::make_tuple(2, 4, 1, 2, 7 + 13, mode == 0));
-    }
-}
-
 TEST_F(TagFileIO, headerVariantsTheOldFormatAndRefusedHeaders)
 {
     TagFile original;
@@ -146,33 +115,6 @@ TEST_F(TagFileIO, headerVariantsTheOldFormatAndRefusedHeaders)
         EXPECT_EQ(log.count(McLogFile::LevelError, reason), 1) << reason;
         EXPECT_TRUE(read.studies().isEmpty());
     }
-}
-
-TEST_F(TagFileIO, theFirstOrTheNamedStudyOfSeveralIsRead)
-{
-    TagFile first;
-    fill(first, "1.2");
-    TagFile second;
-    fill(second, "7.7");
-    TagFile::sCompressionMode = 0;
-    auto payloadOf = [](QByteArray const& file) {
-        return file.mid(12, qFromBigEndian<qint32>(file.constData() + 8));
-    };
-    QByteArray const both =
-        payloadOf(mdxtest::tagFileBytes(first)) + payloadOf(mdxtest::tagFileBytes(second));
-    QByteArray length(4, '\0');
-    qToBigEndian<qint32>(both.size(), length.data());
-    QByteArray const file = QByteArray("TaCa\x00\x00\x02\x00", 8) + length + both + QByteArray(4, '\0');
-
-    TagFile read;
-    EXPECT_TRUE(mdxtest::readTagFile(read, file));
-    EXPECT_EQ(read.studies().keys(), QList<QByteArray>({"1.2"}));
-    EXPECT_EQ(read.images().size(), 4);
-    EXPECT_TRUE(mdxtest::readTagFile(read, file, "7.7"));
-    EXPECT_EQ(read.studies().keys(), QList<QByteArray>({"7.7"}));
-    EXPECT_EQ(read.findImage("1.2.3.0"), nullptr);
-    EXPECT_FALSE(mdxtest::readTagFile(read, file, "9.9"));
-    EXPECT_TRUE(read.images().isEmpty());
 }
 
 TEST_F(TagFileIO, rewriteThroughTheOpenFileCutsTheTailAndAnEmptiedFileIsDeleted)

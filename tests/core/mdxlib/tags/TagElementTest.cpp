@@ -43,17 +43,6 @@ QByteArray dcmBytes(DcmElement* element)
     return bytes;
 }
 
-// "type:text", lists as "[...]", so that a wrong type cannot compare equal.
-std::string shape(QVariant const& v)
-{
-    if (v.type() != QVariant::List)
-        return std::string(v.isValid() ? v.typeName() : "-") + ":" + v.toString().toStdString();
-    std::string out = "[";
-    for (QVariant const& e : v.toList())
-        out += shape(e) + ",";
-    return out + "]";
-}
-
 std::initializer_list<VR> const kStringVRs = {VR_AE, VR_AS, VR_CS, VR_DA, VR_DS, VR_DT, VR_IS, VR_LO,
                                               VR_LT, VR_PN, VR_SH, VR_ST, VR_TM, VR_UI, VR_UT};
 
@@ -91,23 +80,6 @@ TEST(TagElementTest, TextFormByVR)
     EXPECT_EQ(obow(pack<Float32>({1.5f, 2}), 2) + obow(pack<Float64>({0.25, 2}), 3), "x:1.5\\2x:0.25\\2");
 }
 
-TEST(TagElementTest, UnknownVRIsResolvedThroughTheDictionary)
-{
-    ASSERT_TRUE(dcmDataDict.isDictionaryLoaded());
-    // clang-format off
-    std::tuple<VR, QByteArray, DcmTagKey, char const*, bool, QByteArray> const cases[] = {
-        {VR_UN, pack<Uint16>({512}), DCM_Rows, nullptr, true, "512"},
-        {VR_UN, pack<Uint16>({512}), {0x0009, 0x1234}, nullptr, false, "00\\02"},
-        {VR_UN, "IMAGE NUM 4", {0x0029, 0x1008}, "SIEMENS CSA HEADER", true, "IMAGE NUM 4"},
-        {VR_LO, "512", DCM_Rows, nullptr, true, "512"}}; // a known VR is kept
-    // clang-format on
-    for (auto const& [vr, value, key, creator, found, expected] : cases) {
-        QByteArray out;
-        EXPECT_EQ(make(vr, value)->getValueAsString(out, key, creator), found) << key;
-        EXPECT_EQ(out, expected) << key;
-    }
-}
-
 TEST(TagElementTest, ValueAsIntAndNumFieldsByVR)
 {
     // clang-format off
@@ -133,51 +105,25 @@ TEST(TagElementTest, ValueAsIntAndNumFieldsByVR)
         EXPECT_EQ(make(vr, value)->numFields(), n) << vr << " " << value.size();
 }
 
-TEST(TagElementTest, FieldAndValueAsVariant)
-{
-    // clang-format off
-    std::tuple<VR, QByteArray, char const*> const fieldCases[] = {
-        {VR_DA, " 20010203 ", "QDate:2001-02-03"}, {VR_DA, "2001011", "-:"}, {VR_DA, "200102031", "-:"},
-        {VR_DT, "20010203040506.123+0100", "QDateTime:2001-02-03T04:05:06.000"}, // local, no offset
-        {VR_DT, "2001020304050", "-:"}, {VR_TM, "123456.789", "QTime:12:34:56.000"}, {VR_TM, "1200", "-:"},
-        {VR_DS, "-1.25", "double:-1.25"}, {VR_IS, "42", "int:42"},
-        {VR_LO, QByteArray("ab\0cd", 5), "QString:ab"}};
-    std::tuple<VR, QByteArray, char const*> const valueCases[] = {
-        {VR_TM, "101112", "QTime:10:11:12.000"}, {VR_DS, "1.5\\-2", "[double:1.5,double:-2,]"},
-        {VR_DA, "20010203\\19991231", "[QDate:2001-02-03,QDate:1999-12-31,]"},
-        {VR_US, pack<Uint16>({7}), "QString:7"}, {VR_US, pack<Uint16>({1, 2}), "[QString:1,QString:2,]"}};
-    // clang-format on
-    for (auto const& [vr, field, expected] : fieldCases)
-        EXPECT_EQ(shape(fieldToVariant(vr, field)), expected) << field.constData();
-    EXPECT_TRUE(fieldToVariant(VR_LO, QByteArray()).toString().isNull());
-    EXPECT_EQ(fieldToVariant(VR_LO, QByteArray()).type(), QVariant::String);
-    for (auto const& [vr, value, expected] : valueCases)
-        EXPECT_EQ(shape(make(vr, value)->valueAsVariant()), expected) << value.constData();
-}
-
+// Writing through maps (putAndInsertString, putAndInsertInt) is checked in
+// TagMapTest; here the VR an integer picks by its range, and the VRs that
+// take no text.
 TEST(TagElementTest, PutValueAndPutValueAsString)
 {
     TagElement element;
     // clang-format off
-    std::tuple<int, VR, QByteArray> const ints[] = {
-        {255, VR_OB, QByteArray(1, '\xff')}, {256, VR_US, pack<Uint16>({256})},
-        {65535, VR_US, pack<Uint16>({65535})}, {65536, VR_SL, pack<Sint32>({65536})},
-        {-1, VR_SL, pack<Sint32>({-1})}};
-    std::tuple<VR, char const*, int, char const*> const texts[] = {
-        {VR_FL, "1.5\\-2.25\\1e+06", 12, nullptr}, {VR_US, "", 0, nullptr}, {VR_FD, "3.14159\\-1e-05", 16, nullptr},
-        {VR_SL, "-7\\70000\\2147483647", 12, nullptr}, {VR_UL, "4294967295\\0", 8, nullptr},
-        {VR_US, " 1 \\\\ 2 ", 4, "1\\2"}, {VR_LO, "a\\b", 3, nullptr}};
+    std::tuple<int, VR, QByteArray> const ints[] = {{255, VR_OB, QByteArray(1, '\xff')}, {256, VR_US, pack<Uint16>({256})},
+        {65535, VR_US, pack<Uint16>({65535})}, {65536, VR_SL, pack<Sint32>({65536})}, {-1, VR_SL, pack<Sint32>({-1})}};
+    std::tuple<VR, char const*, int, char const*> const texts[] = {{VR_FL, "1.5\\-2.25\\1e+06", 12, nullptr},
+        {VR_FD, "3.14159\\-1e-05", 16, nullptr}, {VR_UL, "4294967295\\0", 8, nullptr}, {VR_US, " 1 \\\\ 2 ", 4, "1\\2"}};
     // clang-format on
     for (auto const& [value, vr, bytes] : ints) {
         element.putValue(value);
         EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(vr, bytes)) << value;
     }
-    element.putValue(QByteArray("raw"));
-    EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(VR_SL, QByteArray("raw")));
     for (auto const& [vr, value, size, shown] : texts) {
         auto e = make(vr, "old");
-        EXPECT_TRUE(e->putValueAsString(value)) << value;
-        EXPECT_EQ(e->mValue.size(), size) << value;
+        EXPECT_TRUE(e->putValueAsString(value) && e->mValue.size() == size) << value;
         EXPECT_EQ(text(vr, e->mValue), shown ? shown : value);
     }
     for (VR vr : {VR_OB, VR_OW, VR_AT, VR_SQ, VR_ox, VR_xs, VR_UN, VR_na, VR_Omitted}) {
@@ -272,27 +218,4 @@ TEST(TagSequenceTest, RebuildCloneAndCompareSeeInheritedValuesButNoMarkers)
     std::string difference;
     EXPECT_FALSE(lower.compare(*copy, true, &difference));
     EXPECT_EQ(difference, "(0008,1155) UI [9.9] <> [9.8]\n");
-}
-
-TEST(DcmOverlayDataTest, IdentCloneAndCopyFrom)
-{
-    Uint8 const bytes[] = {1, 2, 3, 4}, other[] = {9, 8};
-    Mdx::DcmOverlayData overlay(DcmTag(0x6000, 0x3000)), target(DcmTag(0x6002, 0x3000));
-    ::DcmOverlayData dcmtkOverlay(DcmTag(0x6004, 0x3000));
-    DcmOtherByteOtherWord ob(DcmTag(0x6000, 0x3000, EVR_OB));
-    overlay.putUint8Array(bytes, 4);
-    dcmtkOverlay.putUint8Array(other, 2);
-    EXPECT_EQ(overlay.ident(), EVR_OverlayData);
-    std::unique_ptr<DcmObject> clone(overlay.clone());
-    DcmObject const& cloned = *clone;
-    ASSERT_EQ(typeid(cloned), typeid(Mdx::DcmOverlayData));
-    EXPECT_EQ(dcmBytes(static_cast<DcmElement*>(clone.get())), QByteArray("\x01\x02\x03\x04", 4));
-    EXPECT_TRUE(overlay.copyFrom(overlay).good());
-    EXPECT_EQ(overlay.getLength(), 4u);
-    EXPECT_EQ(overlay.copyFrom(ob), EC_IllegalCall);
-    EXPECT_TRUE(target.copyFrom(overlay).good());
-    EXPECT_EQ(dcmBytes(&target), QByteArray("\x01\x02\x03\x04", 4));
-    // DCMTK's own overlay class has the same ident and must copy as well.
-    EXPECT_TRUE(target.copyFrom(dcmtkOverlay).good());
-    EXPECT_EQ(dcmBytes(&target), QByteArray("\x09\x08", 2));
 }

@@ -248,30 +248,6 @@ TEST(TagMapTest, CompareReportsTheFirstDifference)
     EXPECT_EQ(difference, "(0008,1140) (0008,1155) UI [1] <> [9]\n");
 }
 
-TEST(TagMapTest, RemoveTagsNotNeededByClient)
-{
-    DcmTagKey const refs(0x0400, 0x0561);
-    std::unique_ptr<TagMap> study(node("PatientName=A|0009,1001:UN=u|2050,0010=x|0028,3000=x|0028,3010=x|"
-                                       "6000,3000:OW=x|601E,3000:OW=x|6020,3000:OW=x|6000,0010:US=x"));
-    TagSequence* six = putSequence(study.get(), refs, 6);
-    six->mItems[0]->putAndInsertValue({0x0009, 0x1001}, VR_UN, "kept in items");
-    TagMap* series = link(study.get(), node("0011,1001:UN=u"));
-    TagSequence* five = putSequence(series, refs, 5);
-    series->mVolumes.append(new Volume);
-    series->mVolumes[0]->mFileNameSuffix = "_1";
-    TagMap* image = link(series, node("SOPInstanceUID=1|6002,3000=x"));
-    TagSequence* four = putSequence(image, refs, 4);
-    study->removeTagsNotNeededByClient();
-    EXPECT_EQ(tree(study.get()),
-              "PatientName=A OriginalAttributesSequence= OverlayRows=x OverlayData=x "
-              "{OriginalAttributesSequence= {SOPInstanceUID=1 OriginalAttributesSequence=}}");
-    EXPECT_EQ(QList<int>({six->mItems.size(), five->mItems.size(), four->mItems.size()}),
-              QList<int>({4, 4, 4}));
-    EXPECT_EQ(own(six->mItems[3], DCM_ReferencedSOPInstanceUID), "3");
-    EXPECT_NE(six->mItems[0]->ownElement({0x0009, 0x1001}), nullptr);
-    EXPECT_TRUE(series->mVolumes[0]->mFileNameSuffix.isEmpty());
-}
-
 // What the real samples cannot show (SampleStudiesTest checks that every
 // image shows its file): the size limit, the values large by nature that are
 // kept whatever their size, and the markers and items made on the way.

@@ -9,9 +9,6 @@
 #include <QRegularExpression>
 #include <QTextStream>
 
-#include <atomic>
-#include <thread>
-
 using Mdx::TagElement;
 using Mdx::TagMap;
 using Mdx::TagSequence;
@@ -99,30 +96,6 @@ TEST(ParseDicomTag, everyLegacyNameLandsWhereItsNewNameDoes)
         ++viaTable;
     }
     EXPECT_GT(viaTable, 40);
-}
-
-TEST(ParseDicomTag, eightThreadsResolveTheSameKeysAsOne)
-{
-    // Each test runs in a process of its own: the cache starts cold and the
-    // threads race to fill it.
-    std::atomic<bool> go{false};
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 8; ++t) {
-        threads.emplace_back([&, t] {
-            while (!go.load())
-                std::this_thread::yield();
-            for (size_t i = 0; i < 50 * kNames.size(); ++i) {
-                auto const& [name, expected] = kNames[(i + t) % kNames.size()];
-                DcmTagKey key = kUnset;
-                wrong += !parseDicomTag(name, key) || key != expected;
-            }
-        });
-    }
-    go = true;
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(FindElementByPath, walksNestedItemsAndGivesNullOnEveryBrokenStep)

@@ -402,24 +402,6 @@ TEST(VolumeAssembly, indicesAreOptimisedAfterwardsAndListEveryVolumeOfAnImage)
         EXPECT_EQ(indices(file, i), QByteArray::fromHex(expected[i])) << i;
 }
 
-TEST(VolumeAssembly, numbersAboveAByteAreNotRecordedInAList)
-{
-    // A byte list can't take 256; a first 300 becomes a two-byte integer that nothing can join.
-    TagFile file;
-    addImages(file, 2);
-    std::vector<VolumeInfo> records(302);
-    records[0].imageUIDs = records[256].imageUIDs = {imageUID(0)};
-    records[300].imageUIDs = records[301].imageUIDs = {imageUID(1)};
-    addRecords(file, records);
-    addRecords(file, {record({1})});
-    EXPECT_EQ(file.findSeries(kSeries)->volumes().size(), 5);
-    EXPECT_EQ(indices(file, 0), QByteArray(1, 0));
-    Mdx::TagElement const* large = image(file, 1)->findElement(Mdx::Tags::VolumeIndices);
-    ASSERT_NE(large, nullptr);
-    EXPECT_EQ(std::make_tuple(large->mVR, large->valueAsInt(nullptr, 0), large->numFields()),
-              std::make_tuple(Mdx::VR_US, 300, 1));
-}
-
 TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumes)
 {
     // Navigation numbers need ten floats, value ranges their flag; the
