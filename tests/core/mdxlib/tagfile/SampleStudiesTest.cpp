@@ -12,6 +12,7 @@ namespace {
 struct LoadedImage
 {
     QString path;
+    QByteArray name; // the path in local 8 bits
     std::unique_ptr<DcmFileFormat> file;
     QByteArray sopUID, seriesUID;
 };
@@ -88,59 +89,41 @@ void expectImagesMatchFiles(Mdx::TagFile const& tagFile, std::vector<LoadedImage
     }
 }
 
-class SampleStudies : public ::testing::Test
+// The files of each study that enter a tree, one per SOP Instance UID (as
+// the tree reads it: a file whose data set is all UN has its UIDs in
+// hexadecimal text there).
+std::map<std::string, std::vector<LoadedImage>> const& studies()
 {
-protected:
-    static void SetUpTestSuite()
-    {
-        if (!mdxtest::samplesDir().isEmpty())
-            sStudies = new std::map<std::string, QStringList>(mdxtest::sampleStudies());
-    }
-    static void TearDownTestSuite()
-    {
-        delete sStudies;
-        sStudies = nullptr;
-    }
-    void SetUp() override
-    {
-        MDX_REQUIRE_SAMPLES();
-        ASSERT_GT(sStudies->size(), 10u) << "the samples hold dozens of studies";
-    }
-
-    // The files of one study that enter a tree, one per SOP Instance UID.
-    static std::vector<LoadedImage> load(QStringList const& files)
-    {
-        std::vector<LoadedImage> images;
-        std::set<QByteArray> seen;
-        for (QString const& path : files) {
-            LoadedImage image{path, std::make_unique<DcmFileFormat>(), {}, {}};
-            EXPECT_TRUE(image.file
-                            ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange,
-                                       4096, ERM_autoDetect)
-                            .good());
-            // The UIDs as the tree reads them: a file whose data set is all UN
-            // has its UIDs in hexadecimal text there.
-            std::unique_ptr<Mdx::TagMap> map(Mdx::TagMap::createTagMap(image.file->getDataset(), 1024));
-            map->findAndGetString(DCM_SOPInstanceUID, image.sopUID);
-            map->findAndGetString(DCM_SeriesInstanceUID, image.seriesUID);
-            if (seen.insert(image.sopUID).second)
-                images.push_back(std::move(image));
+    static std::map<std::string, std::vector<LoadedImage>> const loaded = [] {
+        std::map<std::string, std::vector<LoadedImage>> result;
+        for (auto const& [studyUID, files] : mdxtest::sampleStudies()) {
+            std::set<QByteArray> seen;
+            for (QString const& path : files) {
+                LoadedImage image{path, path.toLocal8Bit(), std::make_unique<DcmFileFormat>(), {}, {}};
+                EXPECT_TRUE(image.file
+                                ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown,
+                                           EGL_noChange, 4096, ERM_autoDetect)
+                                .good());
+                std::unique_ptr<Mdx::TagMap> map(Mdx::TagMap::createTagMap(image.file->getDataset(), 1024));
+                map->findAndGetString(DCM_SOPInstanceUID, image.sopUID);
+                map->findAndGetString(DCM_SeriesInstanceUID, image.seriesUID);
+                if (seen.insert(image.sopUID).second)
+                    result[studyUID].push_back(std::move(image));
+            }
         }
-        return images;
-    }
+        return result;
+    }();
+    return loaded;
+}
 
-    static std::map<std::string, QStringList>* sStudies;
-};
-
-std::map<std::string, QStringList>* SampleStudies::sStudies = nullptr;
-
-TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEveryMode)
+TEST(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEveryMode)
 {
+    MDX_REQUIRE_SAMPLES();
+    ASSERT_GT(studies().size(), 10u) << "the samples hold dozens of studies";
     int totalImages = 0;
     int const mode = Mdx::TagFile::sCompressionMode;
-    for (auto const& [studyUID, files] : *sStudies) {
+    for (auto const& [studyUID, images] : studies()) {
         SCOPED_TRACE("study " + studyUID);
-        std::vector<LoadedImage> const images = load(files);
         Mdx::TagFile tagFile;
         for (LoadedImage const& image : images)
             ASSERT_NE(
@@ -176,43 +159,31 @@ TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEv
         expectImagesMatchFiles(tagFile, images, "replaced in reverse order");
         tagFile.optimizeAll();
         expectImagesMatchFiles(tagFile, images, "replaced and optimised");
-    }
-    EXPECT_GT(totalImages, 100);
-}
 
-TEST_F(SampleStudies, addingWholeSeriesKeepsThePropertyAndLeavesTheStudyWithItsUIDOnly)
-{
-    for (auto const& [studyUID, files] : *sStudies) {
-        SCOPED_TRACE("study " + studyUID);
-        std::vector<LoadedImage> const images = load(files);
-        // addSeries reads the study UID through DCMTK, the tree through its
-        // own text form; they differ only for data sets stored all as UN.
+        // Whole series at once. addSeries reads the study UID through DCMTK,
+        // the tree through its own text form; they differ only for data sets
+        // stored all as UN.
         if (images.front().seriesUID.contains('\\'))
             continue;
-        std::map<QByteArray, std::vector<LoadedImage const*>> bySeries;
-        for (LoadedImage const& image : images)
-            bySeries[image.seriesUID].push_back(&image);
-        Mdx::TagFile tagFile;
-        for (auto const& [seriesUID, members] : bySeries) {
-            std::vector<DcmDataset*> datasets;
-            std::vector<QByteArray> names;
-            std::vector<char const*> nameList;
-            for (LoadedImage const* image : members) {
-                datasets.push_back(image->file->getDataset());
-                names.push_back(image->path.toLocal8Bit());
-            }
-            for (QByteArray const& name : names)
-                nameList.push_back(name.constData());
-            ASSERT_TRUE(
-                tagFile.addSeries(static_cast<int>(datasets.size()), datasets.data(), nameList.data()));
-            if (seriesUID == bySeries.begin()->first) { // the first series made the study
-                EXPECT_EQ(tagFile.study()->elements().keys(), QList<DcmTagKey>{DCM_StudyInstanceUID});
+        std::map<QByteArray, std::pair<std::vector<DcmDataset*>, std::vector<char const*>>> bySeries;
+        for (LoadedImage const& image : images) {
+            bySeries[image.seriesUID].first.push_back(image.file->getDataset());
+            bySeries[image.seriesUID].second.push_back(image.name.constData());
+        }
+        Mdx::TagFile bySeriesFile;
+        for (auto& [seriesUID, datasets] : bySeries) {
+            ASSERT_TRUE(bySeriesFile.addSeries(int(datasets.first.size()), datasets.first.data(),
+                                               datasets.second.data()));
+            if (seriesUID ==
+                bySeries.begin()->first) { // the first series made the study: it holds the UID only
+                EXPECT_EQ(bySeriesFile.study()->elements().keys(), QList<DcmTagKey>{DCM_StudyInstanceUID});
             }
         }
-        expectImagesMatchFiles(tagFile, images, "series");
-        tagFile.optimizeAll();
-        expectImagesMatchFiles(tagFile, images, "series optimised");
+        expectImagesMatchFiles(bySeriesFile, images, "series");
+        bySeriesFile.optimizeAll();
+        expectImagesMatchFiles(bySeriesFile, images, "series optimised");
     }
+    EXPECT_GT(totalImages, 100);
 }
 
 } // namespace

@@ -16,7 +16,6 @@ using Mdx::VolumeInfo;
 
 char const kStudy[] = "1.2.826.0.1.3680043.7.2";
 char const kSeries[] = "1.2.826.0.1.3680043.7.2.1";
-char const kCreator[] = "Lumora";
 
 std::string imageUID(int i)
 {
@@ -227,11 +226,8 @@ TEST(VolumeWire, olderBlocksAndBlocksWithoutExtraData)
     volume.mNumOverlayPlanes = 2;
     volume.mSuvBox = McBox3i(1, 2, 3, 4, 5, 6);
     volume.mDataLevels = 0x83;
-    volume.mHistogram = LmHistogram({1, 2, 3}, 10.4f, 2000.6f);
     QList<QByteArray> previews;
     QByteArray const bytes = writeVolume(volume, previews);
-    // The histogram range is stored rounded to whole numbers.
-    EXPECT_EQ(readVolume(bytes, previews, 0)->mHistogram, LmHistogram({1, 2, 3}, 10.f, 2001.f));
     // A block that ends right after the overlay count (an older writer)
     // still reads, and leaves the SUV box and data levels at defaults.
     QByteArray cut = bytes.mid(2);
@@ -402,49 +398,41 @@ TEST(VolumeAssembly, indicesAreOptimisedAfterwardsAndListEveryVolumeOfAnImage)
         EXPECT_EQ(indices(file, i), QByteArray::fromHex(expected[i])) << i;
 }
 
+// Navigation numbers need ten floats, value ranges their flag; a volume of
+// frames has its images sorted by Instance Number.
 TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumes)
 {
-    // Navigation numbers need ten floats, value ranges their flag; the
-    // second volume is one of frames, its images sorted by Instance Number.
     TagFile file;
     addImages(file, 4, {4, 3, 2, 1});
-    VolumeInfo nine = record({0, 1});
+    VolumeInfo nine = record({0, 1}), ten = record({1, 2});
     nine.imageBoxAndCenter = std::vector<float>(9, 1.5f);
     nine.hasValueRange = true;
     float const range[6] = {-1024.0f, 3071.0f, 0.5f, 1.25f, 1e-7f, 123456789.0f};
     std::copy(range, range + 6, nine.valueRange);
-    nine.previewData = "VOLUME PREVIEW";
-    nine.transformationMatrix.m[2][3] = -40.0f;
-    VolumeInfo ten = record({1, 2});
     ten.imageBoxAndCenter = {0.1f, 0.2f, 0.9f, 0.8f, 0.5f, 0.5f, 1, 2, 3, 4};
     ten.valueRange[0] = 5.0f;
-    ten.fileName = "study-mip_part002.exm";
     ten.frameUIDs = {imageUID(1) + ".0", imageUID(1) + ".1", imageUID(2) + ".0", imageUID(2) + ".1",
                      imageUID(2) + ".2"};
     ten.dims.z = 5;
     addRecords(file, {nine, ten});
     Volume const* frames = file.findSeries(kSeries)->volumes().value(1);
     ASSERT_NE(frames, nullptr);
-    EXPECT_TRUE(frames->isMultiFrame());
     EXPECT_EQ(frames->sopUIDList(), ten.frameUIDs);
     int frame = -1;
     EXPECT_EQ(frames->imageForSlice(4, frame), image(file, 2));
     EXPECT_EQ(frame, 2);
-
     auto value = [&](int i, int element, Mdx::VR vr) {
         Mdx::TagElement const* found =
-            image(file, i)->findElementPrivate(DcmTagKey(0x0071, element), kCreator);
+            image(file, i)->findElementPrivate(DcmTagKey(0x0071, element), "Lumora");
         EXPECT_TRUE(!found || found->mVR == vr) << i;
         return found ? found->mValue : QByteArray("absent");
     };
     for (int i : {0, 1}) {
-        EXPECT_EQ(value(i, 0x75, Mdx::VR_DS), "3071\\-1024");
-        EXPECT_EQ(value(i, 0x76, Mdx::VR_DS), "1.25\\0.5");
-        EXPECT_EQ(value(i, 0x77, Mdx::VR_DS), "1.23457e+08\\1e-07");
+        EXPECT_EQ(value(i, 0x75, Mdx::VR_DS) + value(i, 0x76, Mdx::VR_DS) + value(i, 0x77, Mdx::VR_DS),
+                  "3071\\-10241.25\\0.51.23457e+08\\1e-07");
         EXPECT_EQ(value(i + 1, 0x70, Mdx::VR_FL),
                   QByteArray(reinterpret_cast<char const*>(ten.imageBoxAndCenter.data()), 40));
     }
-    EXPECT_EQ(value(0, 0x70, Mdx::VR_FL), "absent");
-    EXPECT_EQ(value(2, 0x75, Mdx::VR_DS), "absent");
-    EXPECT_EQ(indices(file, 3), "absent");
+    EXPECT_EQ(value(0, 0x70, Mdx::VR_FL) + value(2, 0x75, Mdx::VR_DS) + indices(file, 3),
+              "absentabsentabsent");
 }
