@@ -120,24 +120,6 @@ TEST(StudyTree, addSeriesOptimisesItAndRefusesNothingToAddAndForeignOrKnownSerie
     EXPECT_EQ(fresh->parent(), file.study());
 }
 
-TEST(StudyTree, addDicomFileReadsARealFileAndLogsAnUnreadableOne)
-{
-    mdxtest::LogCapture log;
-    TagFile file;
-    EXPECT_EQ(file.addDicomFile("/nonexistent/file.dcm", nullptr, false), nullptr);
-    EXPECT_EQ(log.count(McLogFile::LevelError, "Could not load /nonexistent/file.dcm: "), 1);
-    MDX_REQUIRE_SAMPLES();
-    QByteArray const path = (mdxtest::samplesDir() + "/pydicom/CT_small.dcm").toLocal8Bit();
-    TagMap* image = file.addDicomFile(path.constData(), "CT_small.dcm", false);
-    ASSERT_NE(image, nullptr);
-    // Pixel data over 1 KB is known to exist, not kept; explicit little
-    // endian is stored code 2.
-    ASSERT_TRUE(image->findElement(DCM_PixelData) && image->findElement(Mdx::Tags::TransferSyntax));
-    EXPECT_TRUE(image->findElement(DCM_PixelData)->isOmittedMarker());
-    EXPECT_EQ(image->findElement(Mdx::Tags::TransferSyntax)->mValue, QByteArray(1, 2));
-    EXPECT_EQ(text(image, Mdx::Tags::FileSuffix), "small");
-}
-
 TEST(Suffix, extractSuffixCutsNameQueryAndExtension)
 {
     // clang-format off

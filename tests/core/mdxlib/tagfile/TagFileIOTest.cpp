@@ -64,23 +64,17 @@ protected:
     int mMode = 1;
 };
 
-TEST(Compression, qxCompressIsQtsFormatAndItsLengthMustBeExact)
+// Lengths that lie are refused in the damaged files of the fuzz replay.
+TEST(Compression, qxCompressIsQtsFormat)
 {
     QByteArray const text = QByteArray("tag file payload ").repeated(1000);
-    QByteArray const ours = qxCompress(reinterpret_cast<unsigned char const*>(text.constData()), text.size());
-    EXPECT_EQ(qUncompress(ours), text);
+    EXPECT_EQ(qUncompress(qxCompress(reinterpret_cast<unsigned char const*>(text.constData()), text.size())),
+              text);
     EXPECT_EQ(qxUncompress(qCompress(text, 9)), text);
     EXPECT_EQ(qxUncompress(qxCompress(nullptr, 0)), QByteArray());
-    EXPECT_TRUE(qxUncompress(QByteArray("\x00\x00\x00\x05", 4)).isEmpty());
-    for (auto const& [at, value] :
-         {std::make_pair(3, static_cast<char>(ours[3] + 1)), std::make_pair(0, '\x7f')}) {
-        QByteArray wrong = ours;
-        wrong[at] = value; // a length that lies, by one or by two gigabytes
-        EXPECT_TRUE(qxUncompress(wrong).isEmpty());
-    }
 }
 
-TEST_F(TagFileIO, headerVariantsTheOldFormatAndRefusedHeaders)
+TEST_F(TagFileIO, headerVariantsAndTheOldFormat)
 {
     TagFile original;
     fill(original);
@@ -104,17 +98,14 @@ TEST_F(TagFileIO, headerVariantsTheOldFormatAndRefusedHeaders)
     EXPECT_EQ(read.findImage("1.2.3.2")->findElement(Mdx::Tags::PreviewData), nullptr);
     EXPECT_FALSE(read.findSeries("1.2.3")->volumes()[0]->hasPreview());
 
+    // Refused headers are among the damaged files of the fuzz replay; here
+    // the reason they give.
     mdxtest::LogCapture log;
-    for (auto const& [at, value, reason] :
-         {std::make_tuple(0, 'X', "Tag file has incorrect header"),
-          std::make_tuple(4, '\x01', "Tag file has unsupported version"),
-          std::make_tuple(7, '\x03', "Tag file has unsupported compression format")}) {
-        QByteArray bad = bytes;
-        bad[at] = value;
-        EXPECT_FALSE(mdxtest::readTagFile(read, bad)) << reason;
-        EXPECT_EQ(log.count(McLogFile::LevelError, reason), 1) << reason;
-        EXPECT_TRUE(read.studies().isEmpty());
-    }
+    QByteArray bad = bytes;
+    bad[7] = '\x03';
+    EXPECT_FALSE(mdxtest::readTagFile(read, bad));
+    EXPECT_EQ(log.count(McLogFile::LevelError, "Tag file has unsupported compression format"), 1);
+    EXPECT_TRUE(read.studies().isEmpty());
 }
 
 TEST_F(TagFileIO, rewriteThroughTheOpenFileCutsTheTailAndAnEmptiedFileIsDeleted)

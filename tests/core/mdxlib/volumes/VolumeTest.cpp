@@ -1,8 +1,8 @@
 // Volumes: slices and identity hashes, the wire block in each of its
 // mapping kinds, volume records becoming volumes of their series (images
-// found by SOP UID, volume numbers and per-image values on the images), the
-// study preview and copies of volumes. The round trip of whole volumes with
-// all their data is checked on the fuzz corpus.
+// found by SOP UID, volume numbers and per-image values on the images), and
+// the study preview. The round trip of whole volumes with all their data is
+// checked on the fuzz corpus.
 #include "support/TagLayer.h"
 
 #include <QCryptographicHash>
@@ -215,37 +215,6 @@ TEST(VolumeWire, eachMappingKindIsChosenAndEveryIndexReadBack)
     EXPECT_TRUE(volume.mMultiFrameInfo.isEmpty());
 }
 
-// The round trip of every field is checked on the fuzz corpus, which holds
-// volumes with all extra data; here what it cannot show.
-TEST(VolumeWire, olderBlocksAndBlocksWithoutExtraData)
-{
-    Volume volume(0);
-    volume.mDims = McVec3i(4, 4, 0);
-    volume.mFileNameSuffix = "abc";
-    volume.mRescaleSlope = 2.5f;
-    volume.mNumOverlayPlanes = 2;
-    volume.mSuvBox = McBox3i(1, 2, 3, 4, 5, 6);
-    volume.mDataLevels = 0x83;
-    QList<QByteArray> previews;
-    QByteArray const bytes = writeVolume(volume, previews);
-    // A block that ends right after the overlay count (an older writer)
-    // still reads, and leaves the SUV box and data levels at defaults.
-    QByteArray cut = bytes.mid(2);
-    cut.chop(1 + 24 + 1); // SUV flag, box, data levels
-    LmMsg out;
-    Mdx::TagMapSerializer::writeLength(out, cut.size());
-    out.writeRawBytes(cut.constData(), static_cast<size_t>(cut.size()));
-    auto older = readVolume(QByteArray(out.dataPtr(), static_cast<int>(out.size())), previews, 0);
-    EXPECT_EQ(std::make_tuple(int(older->mNumOverlayPlanes), older->mSuvBox, int(older->mDataLevels)),
-              std::make_tuple(2, McBox3i(), 0));
-    // Without a suffix no extra data is written.
-    volume.mFileNameSuffix.clear();
-    EXPECT_EQ(readVolume(writeVolume(volume, previews), previews, 0)->mRescaleSlope, 0.f);
-}
-
-// The study preview is that of the largest volume with one, else that of the
-// image of the first series by number; a node showing a preview itself,
-// also by inheritance, is its own image.
 TEST(SeriesVolumes, studyPreviewComesFromTheLargestVolumeThenTheFirstSeries)
 {
     TagFile file;
@@ -278,31 +247,6 @@ TEST(SeriesVolumes, studyPreviewComesFromTheLargestVolumeThenTheFirstSeries)
     series->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "S");
     EXPECT_EQ(series->children()[0]->findPreviewData(&out), "S");
     EXPECT_EQ(out, series->children()[0]);
-}
-
-TEST(SeriesVolumes, duplicateCopiesAVolumeWithNewImageIdentities)
-{
-    TagFile file;
-    addImages(file, 2);
-    mdxtest::addImage(file, kStudy, "1.2.9", "1.2.9.1", {{DCM_SeriesNumber, "9"}});
-    VolumeInfo info = record({0, 1});
-    info.previewData = "not copied";
-    addRecords(file, {info});
-    Volume* volume = file.findSeries(kSeries)->volumes()[0];
-
-    TagMap* target = file.findSeries("1.2.9");
-    Volume* copy = volume->duplicate(file, *target);
-    EXPECT_EQ(std::make_tuple(copy->mIndex, copy->mDims, copy->hasPreview(), copy->mImages.size()),
-              std::make_tuple(1, volume->mDims, false, 2));
-    EXPECT_EQ(file.images().size(), 5);
-    for (TagMap* image : qAsConst(copy->mImages)) {
-        QByteArray uid, number;
-        int index = -1;
-        EXPECT_TRUE(image->findAndGetString(DCM_SOPInstanceUID, uid) && uid.startsWith("2.25."));
-        EXPECT_EQ(image->parent(), target);
-        EXPECT_TRUE(image->findAndGetString(DCM_SeriesNumber, number) && number == "9");
-        EXPECT_TRUE(image->findAndGetInt(Mdx::Tags::VolumeIndices, index) && index == 1);
-    }
 }
 
 TEST(VolumeAssembly, everyFieldOfTheRecordArrives)
