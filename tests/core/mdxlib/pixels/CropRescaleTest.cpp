@@ -1,5 +1,5 @@
-// The crop box of projection radiographs on built and real images, the common
-// rescale of a stack of images and the low-resolution level of a volume.
+// The crop box of projection radiographs, the common rescale of a stack of
+// images and the low-resolution level of a volume.
 #include "support/TagLayer.h"
 #include <mdxlib/pixels/CropBox.h>
 #include <mdxlib/pixels/Rescale.h>
@@ -122,45 +122,6 @@ TEST(CropBox, BoxOfWhatIsNotBackgroundByManufacturerAndLayout)
     for (auto const& [image, box] : cases)
         EXPECT_EQ(boxOf(*cropped(image)), box) << image.manufacturer << " " << image.width;
     imageLog.setLogLevel(level);
-}
-
-TEST(CropBox, RealCrImagesGetTheBoxOfThePixelsOtherThanTheFirst)
-{
-    MDX_REQUIRE_SAMPLES();
-    int checked = 0;
-    for (QString const& path : mdxtest::sampleFiles("pydicom/dicomdirtests")) {
-        DcmFileFormat file;
-        OFString modality;
-        OFFilename const name(path.toLocal8Bit().constData());
-        if (file.loadFile(name, EXS_Unknown, EGL_noChange, DCM_MaxReadLength, ERM_fileOnly).bad() ||
-            file.getDataset()->findAndGetOFString(DCM_Modality, modality).bad() || modality != "CR" ||
-            !file.getDataset()->tagExists(DCM_PixelData))
-            continue;
-        DcmDataset* dataset = file.getDataset();
-        SCOPED_TRACE(path.toStdString());
-        DicomImage image(dataset, dataset->getOriginalXfer());
-        ASSERT_EQ(image.getStatus(), EIS_Normal);
-        std::unique_ptr<TagMap> map(TagMap::createTagMap(dataset, 1024));
-        CropBox::process(&image, map.get());
-        // The manufacturer has no rule of its own: recount on DCMTK's pixels.
-        ASSERT_EQ(image.getInterData()->getRepresentation(), EPR_Uint16);
-        auto const* data = static_cast<uint16_t const*>(image.getInterData()->getData());
-        int const width = static_cast<int>(image.getWidth());
-        int minX = width, minY = INT32_MAX, maxX = -1, maxY = -1;
-        for (int i = 0; i < width * static_cast<int>(image.getHeight()); ++i) {
-            if (data[i] != data[0]) {
-                minX = std::min(minX, i % width);
-                maxX = std::max(maxX, i % width);
-                minY = std::min(minY, i / width);
-                maxY = i / width;
-            }
-        }
-        EXPECT_EQ(boxOf(*map), std::to_string(minX) + "\\" + std::to_string(minY) + "\\" +
-                                   std::to_string(maxX - minX + 1) + "\\" + std::to_string(maxY - minY + 1) +
-                                   "\\v1");
-        ++checked;
-    }
-    EXPECT_EQ(checked, 3);
 }
 
 TEST(RescaleSlopeCalculator, CommonSlopeRangeClampsAndBitLoss)
