@@ -1,6 +1,7 @@
 // The crop box of projection radiographs, the common rescale of a stack of
 // images and the low-resolution level of a volume.
 #include "support/TagLayer.h"
+
 #include <mdxlib/pixels/CropBox.h>
 #include <mdxlib/pixels/Rescale.h>
 #include <mdxlib/platform/McBox3f.h>
@@ -11,7 +12,6 @@
 
 #include <array>
 #include <cfloat>
-#include <cstdint>
 
 using namespace Mdx;
 

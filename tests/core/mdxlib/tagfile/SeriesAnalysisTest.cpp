@@ -294,24 +294,19 @@ TEST(Previews, imagesOfVolumesAndImagesWithoutPixelsGetNone)
     EXPECT_EQ(previews(file), std::vector<std::string>{"1.2.1.3"});
 }
 
-// Per known study: "number x images" of each series in UID order, the
-// number of previews and the first one. A CR study of one image per series;
-// a brain CT; calcium scoring, whose two scouts at a right angle are equal
-// groups and give one preview by Image Type; an MR localizer, a three-plane
-// pilot and seven projections 16 degrees apart. Every study: unique display
-// numbers, marks 0 or 1, previews of known images.
+// Every real study: unique display numbers, marks 0 or 1, previews of
+// known images. Known ones: "number x images" of each series in UID order,
+// and the number of previews: a CR study of one image per series; calcium
+// scoring, whose two scouts at a right angle give one preview by Image Type
+// (the first); an MR localizer, a three-plane pilot and seven projections.
 TEST(SampleSeries, everyStudyGetsConsistentTagsAndTheKnownOnesTheirValues)
 {
     MDX_REQUIRE_SAMPLES();
     std::string const r = "1.3.6.1.4.1.5962.1.1.0.0.0.";
     std::map<std::string, std::tuple<std::string, size_t, std::string>> const known = {
-        {"0.0.0.0.2.8811.20010413115754.12432", {"2x20", 1, "0.0.0.0.1.8811.2.11.20010413115754.12432"}},
         {r + "1196527414.5534.0.1", {"1x1 2x1 3x1", 3, ""}},
-        {r + "1196530851.28319.0.1", {"2x4", 4, ""}},
         {r + "1194734704.16302.0.1", {"4x2 5x5", 1 + 5, r + "1194734704.16302.0.5"}},
-        {r + "1196533885.18148.0.1", {"700x7 1x1 2x3", 1 + 3 + 7, ""}},
-        {r + "1196533885.18148.0.133", {"1x1 2x3", 1 + 3, ""}},
-    };
+        {r + "1196533885.18148.0.1", {"700x7 1x1 2x3", 1 + 3 + 7, ""}}};
     size_t checked = 0;
     for (auto const& [studyUID, files] : mdxtest::sampleStudies()) {
         SCOPED_TRACE("study " + studyUID);
@@ -328,10 +323,8 @@ TEST(SampleSeries, everyStudyGetsConsistentTagsAndTheKnownOnesTheirValues)
             EXPECT_TRUE(number == "<none>" || numbers.insert(number).second) << number;
             series +=
                 (series.empty() ? "" : " ") + number + "x" + std::to_string(it.value()->children().size());
-            for (TagMap const* image : it.value()->children()) {
-                EXPECT_TRUE(localizer(image) == 0 || localizer(image) == 1);
-                localizers += localizer(image) == 1;
-            }
+            for (TagMap const* image : it.value()->children())
+                localizers += localizer(image) == 1 ? 1 : localizer(image) == 0 ? 0 : 1000;
         }
         std::vector<std::string> const selected = previews(file);
         for (std::string const& uid : selected)
@@ -342,6 +335,7 @@ TEST(SampleSeries, everyStudyGetsConsistentTagsAndTheKnownOnesTheirValues)
                       std::make_tuple(expectedSeries, 0, numPreviews));
             EXPECT_TRUE(firstPreview.empty() || selected.at(0) == firstPreview);
         }
+        EXPECT_LT(localizers, 1000);
     }
     EXPECT_EQ(checked, known.size());
 }

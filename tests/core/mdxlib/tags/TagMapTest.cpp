@@ -5,8 +5,6 @@
 // corpus, the reorganisation of real series by the corpus digests.
 #include "support/TagLayer.h"
 
-#include <functional>
-
 using namespace Mdx;
 using mdxtest::link;
 
@@ -188,21 +186,6 @@ TEST(TagMapOptimizeTest, ThresholdsTiesAndKeysMissingEverywhere)
     root->optimize(kKey);
     EXPECT_EQ(state(root.get()), "AA|-|-|-|-");
     EXPECT_EQ(root->ownElement(kKey)->mVR, VR_LO);
-}
-
-TEST(TagMapOptimizeTest, SequencesAreNeverMoved)
-{
-    auto root = family(nullptr, {nullptr, "AAA", "AAA"});
-    putSequence(root->children()[0], kKey, 1);
-    root->optimize(kKey);
-    root->optimizeAll();
-    EXPECT_EQ(state(root.get()), "-||AAA|AAA");
-    EXPECT_NE(dynamic_cast<TagSequence*>(root->children()[0]->ownElement(kKey)), nullptr);
-    auto holder = family(nullptr, {"A", "B"});
-    putSequence(holder.get(), kKey, 1);
-    holder->optimize(kKey);
-    EXPECT_NE(dynamic_cast<TagSequence*>(holder->ownElement(kKey)), nullptr);
-    EXPECT_EQ(state(holder.get()), "|A|B");
 }
 
 TEST(TagMapTest, CompareReportsTheFirstDifference)

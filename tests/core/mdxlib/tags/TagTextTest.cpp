@@ -110,18 +110,18 @@ TEST(FindElementByPath, walksNestedItemsAndGivesNullOnEveryBrokenStep)
     TagSequence* images = putSequence(*series->mItems[1], DCM_ReferencedImageSequence, 3);
     DcmTagKey const sop = DCM_ReferencedSOPInstanceUID;
     put(*images->mItems[2], sop, Mdx::VR_UI, "1.2.3.4.5");
-    // Empty parts are dropped, and the index is read by atoi.
+    // Empty parts are dropped, and the index is read by atoi. Null: no "[", a
+    // failed lookup, no sequence, past the end, a null item, no such
+    // sequence in the item, no such key.
+    // clang-format off
     std::tuple<char const*, DcmTagKey, char const*> const cases[] = {
-        {"", DCM_PatientName, "Doe^John"},
-        {"ReferencedSeriesSequence[x]", DCM_SeriesInstanceUID, "1.2.3"},
-        {".(0008,1115)[1]..ReferencedImageSequence[2junk.", sop, "1.2.3.4.5"},
-        {"ReferencedSeriesSequence", sop, nullptr},                                // no "["
-        {"NoSuchAttributeAtAll[0]", sop, nullptr},                                 // lookup fails
-        {"PatientName[0]", sop, nullptr},                                          // not a sequence
-        {"ReferencedSeriesSequence[3]", sop, nullptr},                             // past the end
-        {"ReferencedSeriesSequence[2]", sop, nullptr},                             // null item
-        {"ReferencedSeriesSequence[0].ReferencedImageSequence[0]", sop, nullptr},  // no such sequence
-        {"ReferencedSeriesSequence[1].ReferencedImageSequence[1]", sop, nullptr}}; // key missing
+        {"", DCM_PatientName, "Doe^John"}, {"ReferencedSeriesSequence[x]", DCM_SeriesInstanceUID, "1.2.3"},
+        {".(0008,1115)[1]..ReferencedImageSequence[2junk.", sop, "1.2.3.4.5"}, {"ReferencedSeriesSequence", sop, nullptr},
+        {"NoSuchAttributeAtAll[0]", sop, nullptr}, {"PatientName[0]", sop, nullptr},
+        {"ReferencedSeriesSequence[3]", sop, nullptr}, {"ReferencedSeriesSequence[2]", sop, nullptr},
+        {"ReferencedSeriesSequence[0].ReferencedImageSequence[0]", sop, nullptr},
+        {"ReferencedSeriesSequence[1].ReferencedImageSequence[1]", sop, nullptr}};
+    // clang-format on
     for (auto const& [path, key, value] : cases) {
         TagElement const* element = map.findElement(QString(path), key);
         EXPECT_EQ(element ? element->mValue.constData() : "<null>", QByteArray(value ? value : "<null>"))
