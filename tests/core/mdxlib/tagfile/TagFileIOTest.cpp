@@ -189,12 +189,10 @@ TEST(Suffix, extractSuffixCutsNameQueryAndExtension)
     // clang-format on
     for (auto const& [path, suffix] : cases)
         EXPECT_EQ(Mdx::Loader::extractSuffix(path, nullptr), suffix) << path;
-    int qa = -1;
+    int qa = -1, none = -1; // the QA number of the query, if any
     EXPECT_EQ(Mdx::Loader::extractSuffix("s3://bucket/1.2_v2.dcm?QA=42", &qa), "v2");
-    EXPECT_EQ(qa, 42);
-    qa = -1;
-    Mdx::Loader::extractSuffix("/data/1.2_v2.dcm?x=1", &qa);
-    EXPECT_EQ(qa, -1);
+    Mdx::Loader::extractSuffix("/data/1.2_v2.dcm?x=1", &none);
+    EXPECT_EQ(std::make_pair(qa, none), std::make_pair(42, -1));
 }
 
 TEST(Compression, qxCompressIsQtsFormat)
@@ -358,12 +356,10 @@ TEST_F(TagFileIO, deleteFunctionsAndTheirTrace)
     // category split off the message and the reason.
     QDir().mkpath(TagFile::cacheFilePathForStudy("4.4"));
     EXPECT_EQ(DeleteTagFile("4.4"), 0);
-    EXPECT_EQ(traces.empty() ? 0 : std::get<0>(traces.back()), 3);
-    EXPECT_EQ(traces.empty() ? "" : std::get<1>(traces.back()), "TagFile");
-    EXPECT_NE(traces.empty()
-                  ? -1
-                  : std::get<2>(traces.back()).find("could not be deleted (errno 21): Is a directory"),
-              std::string::npos);
+    ASSERT_FALSE(traces.empty());
+    auto const& [level, category, text] = traces.back();
+    EXPECT_EQ(std::make_pair(level, category), std::make_pair(3, std::string("TagFile")));
+    EXPECT_NE(text.find("could not be deleted (errno 21): Is a directory"), std::string::npos);
     FreeTagFileData(nullptr);
     FreeTagFileData(new QByteArray("data"));
     getTheLogInstance()->setWriteCallback(nullptr);
