@@ -6,12 +6,21 @@
 
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tags/TagMap.h>
+#include <mdxlib/tags/TagSequence.h>
+
+#include <gtest/gtest.h>
+
+#include <QDataStream>
+#include <QFile>
 
 #include <QDir>
 #include <QDirIterator>
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 
 namespace mdxtest {
 
@@ -87,6 +96,97 @@ DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char c
     dataset->putAndInsertUint16(DCM_Rows, 512);
     dataset->putAndInsertUint16(DCM_Columns, 512);
     return dataset;
+}
+
+Mdx::TagMap* makeNode(QByteArray const& attributes)
+{
+    auto* map = new Mdx::TagMap;
+    for (QString const& part : QString::fromLatin1(attributes).split('|', Qt::SkipEmptyParts)) {
+        QStringList const name = part.section('=', 0, 0).split(':');
+        QByteArray const value = part.section('=', 1).toLatin1();
+        DcmTag tag;
+        EXPECT_TRUE(DcmTag::findTagFromName(name[0].toLatin1().constData(), tag).good())
+            << part.toStdString();
+        Mdx::VR const vr =
+            name.size() > 1 ? Mdx::fromDcmEVR(DcmVR(name[1].toLatin1().constData()).getEVR()) : Mdx::VR_LO;
+        if (value == "~")
+            map->markAsMissing(tag);
+        else if (value == "!")
+            map->markAsOmitted(tag);
+        else
+            map->putAndInsertValue(tag, vr, value);
+    }
+    return map;
+}
+
+Mdx::TagMap* link(Mdx::TagMap* parent, Mdx::TagMap* child)
+{
+    child->mParent = parent;
+    parent->mChildren.append(child);
+    return child;
+}
+
+Mdx::TagSequence* putSequence(Mdx::TagMap& node, DcmTagKey const& key, int count, bool numbered)
+{
+    auto* sequence = new Mdx::TagSequence;
+    for (int i = 0; i < count; ++i) {
+        sequence->addItem(makeNode(numbered ? "ReferencedSOPInstanceUID:UI=" + QByteArray::number(i) : ""));
+        sequence->mItems.last()->mIsItem = true;
+    }
+    node.deleteElement(key);
+    node.mElements.insert(key, sequence);
+    return sequence;
+}
+
+Mdx::TagMap* addImage(Mdx::TagFile& file, std::string const& study, std::string const& series,
+                      std::string const& sop, Attributes const& attributes, int numPixels,
+                      char const* fileName, bool replace)
+{
+    std::unique_ptr<DcmDataset> dataset(makeImageDataset(study.c_str(), series.c_str(), sop.c_str()));
+    std::vector<Uint16> const pixels(static_cast<size_t>(std::max(numPixels, 0)), 7);
+    if (numPixels > 0)
+        dataset->putAndInsertUint16Array(DCM_PixelData, pixels.data(), pixels.size());
+    for (auto const& [key, value] : attributes)
+        value ? dataset->putAndInsertString(key, value) : dataset->findAndDeleteElement(key);
+    return file.addDataset(dataset.get(), fileName, replace);
+}
+
+QByteArray fileContents(QString const& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QByteArray tagFileBytes(Mdx::TagFile const& file)
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    EXPECT_TRUE(file.writeCacheFile(stream));
+    return bytes;
+}
+
+bool readTagFile(Mdx::TagFile& file, QByteArray const& bytes, char const* study)
+{
+    QDataStream stream(bytes);
+    return file.readCacheFile(stream, study);
+}
+
+void expectSameStoredTree(Mdx::TagMap const* expected, Mdx::TagMap const* actual)
+{
+    ASSERT_NE(actual, nullptr);
+    std::string difference;
+    EXPECT_TRUE(expected->compare(*actual, true, &difference)) << difference;
+    ASSERT_EQ(expected->elements().keys(), actual->elements().keys());
+    for (auto it = expected->elements().cbegin(); it != expected->elements().cend(); ++it) {
+        Mdx::TagElement const* other = actual->ownElement(it.key());
+        EXPECT_EQ(it.value()->mVR, other->mVR);
+        bool const plain = !it.value()->isMarker() && !dynamic_cast<Mdx::TagSequence const*>(it.value());
+        EXPECT_TRUE(!plain || it.value()->mValue == other->mValue) << it.key().toString().c_str();
+    }
+    EXPECT_EQ(expected->volumes().size(), actual->volumes().size());
+    ASSERT_EQ(expected->children().size(), actual->children().size());
+    for (int i = 0; i < expected->children().size(); ++i)
+        expectSameStoredTree(expected->children()[i], actual->children()[i]);
 }
 
 ScopedEnv::~ScopedEnv()

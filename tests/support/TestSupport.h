@@ -2,6 +2,10 @@
 // builders of DICOM datasets.
 #pragma once
 
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dctagkey.h"
+
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
@@ -13,6 +17,11 @@
 #include <vector>
 
 class DcmDataset;
+namespace Mdx {
+class TagFile;
+class TagMap;
+class TagSequence;
+} // namespace Mdx
 
 namespace mdxtest {
 
@@ -30,6 +39,36 @@ QString testDataDir();
 
 // A dataset with the UIDs of one image and a few common attributes.
 DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char const* sopUID);
+
+// A tag map node from "Name=value|gggg,eeee=value|Name:VR=value" (VR LO
+// unless given); the value "~" makes a missing marker, "!" an omitted one.
+Mdx::TagMap* makeNode(QByteArray const& attributes);
+// child, linked below parent.
+Mdx::TagMap* link(Mdx::TagMap* parent, Mdx::TagMap* child);
+// Replaces key by a sequence of count items, item i holding Referenced SOP
+// Instance UID i when numbered.
+Mdx::TagSequence* putSequence(Mdx::TagMap& node, DcmTagKey const& key, int count, bool numbered = false);
+
+// Attributes to set on a dataset; a null value deletes the attribute.
+using Attributes = std::vector<std::pair<DcmTagKey, char const*>>;
+
+// Adds an image of makeImageDataset with the attributes and, when above 0,
+// numPixels 16-bit pixel values (over 1 KB they are left on disk).
+Mdx::TagMap* addImage(Mdx::TagFile& file, std::string const& study, std::string const& series,
+                      std::string const& sop, Attributes const& attributes = {}, int numPixels = 0,
+                      char const* fileName = nullptr, bool replace = false);
+
+// The bytes of a file, empty when it cannot be read.
+QByteArray fileContents(QString const& path);
+// A tag file as written in the current compression mode, and read back from
+// such bytes (the named study, or the first).
+QByteArray tagFileBytes(Mdx::TagFile const& file);
+bool readTagFile(Mdx::TagFile& file, QByteArray const& bytes, char const* study = nullptr);
+
+// Each node of actual stores what the same node of expected stores: the same
+// keys, VRs, plain values and number of volumes, and no difference that
+// compare() sees.
+void expectSameStoredTree(Mdx::TagMap const* expected, Mdx::TagMap const* actual);
 
 // Sets or unsets environment variables (rereading the configuration), and
 // puts them back when it goes.

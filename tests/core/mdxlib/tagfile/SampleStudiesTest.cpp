@@ -1,69 +1,30 @@
 // The central property of the study tree and its file, checked on every real
-// study of the installed samples: whatever merging, optimising and a trip
-// through a tag file in any compression mode did to the tree, each image
-// still shows exactly the attributes of its own file, with equal values and
-// VRs (values over 1 KB as omitted markers, sequences item by item), and
+// study of the installed samples: whatever merging, optimising, replacing and
+// a trip through a tag file in any compression mode did to the tree, each
+// image still shows exactly the attributes of its own file, with equal values
+// and VRs (values over 1 KB as omitted markers, sequences item by item), and
 // nothing its file lacks apart from the system's own group 0006. The tree
 // read back stores what was written, node by node, and writes the same bytes.
-#include "support/TestSupport.h"
-
-#include <mdxlib/tagfile/TagFile.h>
-#include <mdxlib/tags/TagMap.h>
-#include <mdxlib/tags/TagSequence.h>
-
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-
-#include <gtest/gtest.h>
-
-#include <QDataStream>
-
-#include <memory>
-#include <set>
-#include <sstream>
+#include "support/TagLayer.h"
 
 namespace {
-
-constexpr Uint32 kMaxValueSize = 1024;
 
 struct LoadedImage
 {
     QString path;
+    QByteArray name; // the path in local 8 bits
     std::unique_ptr<DcmFileFormat> file;
-    QByteArray sopUID;
-    QByteArray seriesUID;
+    QByteArray sopUID, seriesUID;
 };
 
-std::string keyText(DcmTagKey const& key)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "(%04x,%04x)", key.getGroup(), key.getElement());
-    return text;
-}
-
-QByteArray dcmtkValue(DcmElement* element)
-{
-    if (auto* text = dynamic_cast<DcmByteString*>(element)) {
-        char* value = nullptr;
-        Uint32 length = 0;
-        text->getString(value, length);
-        return value ? QByteArray(value, static_cast<int>(length)) : QByteArray();
-    }
-    Uint32 const length = element->getLength();
-    QByteArray bytes(static_cast<int>(length), '\0');
-    if (length > 0)
-        element->getPartialValue(bytes.data(), 0, length, nullptr, gLocalByteOrder);
-    return bytes;
-}
-
 // Compares what node shows with the DCMTK item it was made from; returns the
-// number of differences found, each reported once.
+// number of differences, each reported once.
 int compareWithItem(DcmItem* item, Mdx::TagMap const* node, std::string const& where)
 {
     int differences = 0;
-    auto report = [&](std::string const& what) {
+    auto report = [&](DcmTagKey const& key, std::string const& what) {
         ++differences;
-        ADD_FAILURE() << where << ": " << what;
+        ADD_FAILURE() << where << ": " << key.toString().c_str() << " " << what;
     };
     std::set<DcmTagKey> present;
     for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
@@ -72,46 +33,50 @@ int compareWithItem(DcmItem* item, Mdx::TagMap const* node, std::string const& w
             continue;
         present.insert(key);
         Mdx::TagElement const* element = node->findElement(key);
-        if (!element) {
-            report(keyText(key) + " is not found");
-            continue;
-        }
         Uint32 const length = object->getLength(EXS_LittleEndianImplicit, EET_UndefinedLength);
-        if (element->isOmittedMarker()) {
-            if (length <= kMaxValueSize)
-                report(keyText(key) + " is omitted although only " + std::to_string(length) + " bytes long");
-            continue;
-        }
-        if (auto* sequence = dynamic_cast<DcmSequenceOfItems*>(object)) {
-            auto const* tagSequence = dynamic_cast<Mdx::TagSequence const*>(element);
-            if (!tagSequence || tagSequence->mItems.size() != static_cast<int>(sequence->card())) {
-                report(keyText(key) + " is no sequence of " + std::to_string(sequence->card()) + " items");
-                continue;
+        auto* sequence = dynamic_cast<DcmSequenceOfItems*>(object);
+        auto const* tagSequence = dynamic_cast<Mdx::TagSequence const*>(element);
+        if (!element) {
+            report(key, "is not found");
+        } else if (element->isOmittedMarker()) {
+            if (length <= 1024)
+                report(key, "is omitted although only " + std::to_string(length) + " bytes long");
+        } else if (sequence && (!tagSequence || tagSequence->mItems.size() != int(sequence->card()))) {
+            report(key, "is no sequence of " + std::to_string(sequence->card()) + " items");
+        } else if (sequence) {
+            for (unsigned long i = 0; i < sequence->card(); ++i)
+                differences +=
+                    compareWithItem(sequence->getItem(i), tagSequence->mItems[int(i)],
+                                    where + " " + key.toString().c_str() + "[" + std::to_string(i) + "]");
+        } else {
+            auto* dcmElement = static_cast<DcmElement*>(object);
+            QByteArray value(static_cast<int>(dcmElement->getLength()), '\0');
+            if (auto* text = dynamic_cast<DcmByteString*>(dcmElement)) {
+                char* chars = nullptr;
+                Uint32 size = 0;
+                text->getString(chars, size);
+                value = chars ? QByteArray(chars, static_cast<int>(size)) : QByteArray();
+            } else if (!value.isEmpty()) {
+                dcmElement->getPartialValue(value.data(), 0, dcmElement->getLength(), nullptr,
+                                            gLocalByteOrder);
             }
-            for (unsigned long i = 0; i < sequence->card(); ++i) {
-                differences += compareWithItem(sequence->getItem(i), tagSequence->mItems[static_cast<int>(i)],
-                                               where + " " + keyText(key) + "[" + std::to_string(i) + "]");
+            Mdx::VR vr = Mdx::fromDcmEVR(dcmElement->getTag().getEVR());
+            // UIDs that a file stores as UN enter the tree as the UI text they are.
+            if (vr == Mdx::VR_UN &&
+                (key == DCM_StudyInstanceUID || key == DCM_SeriesInstanceUID || key == DCM_SOPInstanceUID)) {
+                vr = Mdx::VR_UI;
+                while (value.endsWith('\0'))
+                    value.chop(1);
             }
-            continue;
+            if (element->mVR != vr)
+                report(key, std::string("has VR ") + Mdx::vrName(element->mVR));
+            if (element->mValue != value)
+                report(key, "has another value");
         }
-        auto* dcmElement = static_cast<DcmElement*>(object);
-        Mdx::VR vr = Mdx::fromDcmEVR(dcmElement->getTag().getEVR());
-        QByteArray value = dcmtkValue(dcmElement);
-        // UIDs that a file stores as UN enter the tree as the UI text they are.
-        if (vr == Mdx::VR_UN &&
-            (key == DCM_StudyInstanceUID || key == DCM_SeriesInstanceUID || key == DCM_SOPInstanceUID)) {
-            vr = Mdx::VR_UI;
-            while (value.endsWith('\0'))
-                value.chop(1);
-        }
-        if (element->mVR != vr)
-            report(keyText(key) + " has VR " + Mdx::vrName(element->mVR));
-        if (element->mValue != value)
-            report(keyText(key) + " has another value");
     }
     for (Mdx::TagMap::iterator it = node->begin(), end = node->end(); it != end; ++it) {
         if (it.key().getGroup() != 0x0006 && !present.count(it.key()))
-            report(keyText(it.key()) + " is shown but not in the file");
+            report(it.key(), "is shown but not in the file");
     }
     return differences;
 }
@@ -122,105 +87,55 @@ void expectImagesMatchFiles(Mdx::TagFile const& tagFile, std::vector<LoadedImage
     int differences = 0;
     for (LoadedImage const& image : images) {
         Mdx::TagMap const* node = tagFile.findImage(image.sopUID);
-        if (!node) {
+        if (!node)
             ADD_FAILURE() << stage << ": image " << image.sopUID.constData() << " not found";
-            continue;
-        }
-        differences +=
-            compareWithItem(image.file->getDataset(), node, stage + " " + image.path.toStdString());
+        else
+            differences +=
+                compareWithItem(image.file->getDataset(), node, stage + " " + image.path.toStdString());
         if (differences > 20)
             FAIL() << "too many differences, stopping";
     }
 }
 
-// Each node of b stores what the same node of a stores, volumes included.
-void expectSameStoredTree(Mdx::TagMap const* a, Mdx::TagMap const* b)
+// The files of each study that enter a tree, one per SOP Instance UID (as
+// the tree reads it: as text, also where a data set stores it as UN).
+std::map<std::string, std::vector<LoadedImage>> const& studies()
 {
-    ASSERT_NE(b, nullptr);
-    std::string difference;
-    EXPECT_TRUE(a->compare(*b, true, &difference)) << difference;
-    ASSERT_EQ(a->elements().keys(), b->elements().keys());
-    for (auto it = a->elements().cbegin(); it != a->elements().cend(); ++it) {
-        EXPECT_EQ(it.value()->mVR, b->ownElement(it.key())->mVR);
-        bool const plain = !it.value()->isMarker() && !dynamic_cast<Mdx::TagSequence const*>(it.value());
-        EXPECT_TRUE(!plain || it.value()->mValue == b->ownElement(it.key())->mValue);
-    }
-    EXPECT_EQ(a->volumes().size(), b->volumes().size());
-    ASSERT_EQ(a->children().size(), b->children().size());
-    for (int i = 0; i < a->children().size(); ++i)
-        expectSameStoredTree(a->children()[i], b->children()[i]);
-}
-
-QByteArray bytesOf(Mdx::TagFile const& tagFile)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    EXPECT_TRUE(tagFile.writeCacheFile(stream));
-    return bytes;
-}
-
-class SampleStudies : public ::testing::Test
-{
-protected:
-    static void SetUpTestSuite()
-    {
-        if (!mdxtest::samplesDir().isEmpty())
-            sStudies = new std::map<std::string, QStringList>(mdxtest::sampleStudies());
-    }
-    static void TearDownTestSuite()
-    {
-        delete sStudies;
-        sStudies = nullptr;
-    }
-
-    void SetUp() override
-    {
-        MDX_REQUIRE_SAMPLES();
-        ASSERT_GT(sStudies->size(), 10u) << "the samples hold dozens of studies";
-    }
-
-    // The files of one study that enter a tree, one per SOP Instance UID.
-    static std::vector<LoadedImage> load(QStringList const& files)
-    {
-        std::vector<LoadedImage> images;
-        std::set<QByteArray> seen;
-        for (QString const& path : files) {
-            LoadedImage image;
-            image.path = path;
-            image.file = std::make_unique<DcmFileFormat>();
-            EXPECT_TRUE(image.file
-                            ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown, EGL_noChange,
-                                       4096, ERM_autoDetect)
-                            .good());
-            // The UIDs as the tree reads them: as text, also where a data set
-            // stores them as UN.
-            std::unique_ptr<Mdx::TagMap> map(Mdx::TagMap::createTagMap(image.file->getDataset(), 1024));
-            image.sopUID = Mdx::TagFile::uidOf(map.get(), DCM_SOPInstanceUID);
-            image.seriesUID = Mdx::TagFile::uidOf(map.get(), DCM_SeriesInstanceUID);
-            if (seen.insert(image.sopUID).second)
-                images.push_back(std::move(image));
+    static std::map<std::string, std::vector<LoadedImage>> const loaded = [] {
+        std::map<std::string, std::vector<LoadedImage>> result;
+        for (auto const& [studyUID, files] : mdxtest::sampleStudies()) {
+            std::set<QByteArray> seen;
+            for (QString const& path : files) {
+                LoadedImage image{path, path.toLocal8Bit(), std::make_unique<DcmFileFormat>(), {}, {}};
+                EXPECT_TRUE(image.file
+                                ->loadFile(OFFilename(path.toLocal8Bit().constData()), EXS_Unknown,
+                                           EGL_noChange, 4096, ERM_autoDetect)
+                                .good());
+                std::unique_ptr<Mdx::TagMap> map(Mdx::TagMap::createTagMap(image.file->getDataset(), 1024));
+                image.sopUID = Mdx::TagFile::uidOf(map.get(), DCM_SOPInstanceUID);
+                image.seriesUID = Mdx::TagFile::uidOf(map.get(), DCM_SeriesInstanceUID);
+                if (seen.insert(image.sopUID).second)
+                    result[studyUID].push_back(std::move(image));
+            }
         }
-        return images;
-    }
+        return result;
+    }();
+    return loaded;
+}
 
-    static std::map<std::string, QStringList>* sStudies;
-};
-
-std::map<std::string, QStringList>* SampleStudies::sStudies = nullptr;
-
-TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEveryMode)
+TEST(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEveryMode)
 {
+    MDX_REQUIRE_SAMPLES();
+    ASSERT_GT(studies().size(), 10u) << "the samples hold dozens of studies";
     int totalImages = 0;
     int const mode = Mdx::TagFile::sCompressionMode;
-    for (auto const& [studyUID, files] : *sStudies) {
+    for (auto const& [studyUID, images] : studies()) {
         SCOPED_TRACE("study " + studyUID);
-        std::vector<LoadedImage> const images = load(files);
         Mdx::TagFile tagFile;
-        for (LoadedImage const& image : images) {
+        for (LoadedImage const& image : images)
             ASSERT_NE(
                 tagFile.addDataset(image.file->getDataset(), image.path.toLocal8Bit().constData(), false),
                 nullptr);
-        }
         ASSERT_EQ(tagFile.images().size(), static_cast<int>(images.size()));
         ASSERT_EQ(tagFile.studies().size(), 1);
         expectImagesMatchFiles(tagFile, images, "merged");
@@ -235,74 +150,43 @@ TEST_F(SampleStudies, everyImageShowsItsFileAfterMergingOptimisingAndTheDiskInEv
 
         for (int m : {0, 1, 2}) {
             Mdx::TagFile::sCompressionMode = m;
-            QByteArray const bytes = bytesOf(tagFile);
+            QByteArray const bytes = mdxtest::tagFileBytes(tagFile);
             Mdx::TagFile read;
-            QDataStream stream(bytes);
-            ASSERT_TRUE(read.readCacheFile(stream, nullptr)) << "mode " << m;
-            expectSameStoredTree(tagFile.study(), read.study());
+            ASSERT_TRUE(mdxtest::readTagFile(read, bytes)) << "mode " << m;
+            mdxtest::expectSameStoredTree(tagFile.study(), read.study());
             EXPECT_EQ(read.images().keys(), tagFile.images().keys());
             expectImagesMatchFiles(read, images, "read back in mode " + std::to_string(m));
-            EXPECT_EQ(bytesOf(read), bytes) << "mode " << m;
+            EXPECT_EQ(mdxtest::tagFileBytes(read), bytes) << "mode " << m;
         }
         Mdx::TagFile::sCompressionMode = mode;
-    }
-    EXPECT_GT(totalImages, 100);
-}
 
-TEST_F(SampleStudies, replacingEveryImageInReverseOrderKeepsTheProperty)
-{
-    for (auto const& [studyUID, files] : *sStudies) {
-        SCOPED_TRACE("study " + studyUID);
-        std::vector<LoadedImage> const images = load(files);
-        Mdx::TagFile tagFile;
-        for (LoadedImage const& image : images)
-            tagFile.addDataset(image.file->getDataset(), nullptr, false);
-        tagFile.optimizeAll();
         for (auto it = images.rbegin(); it != images.rend(); ++it)
             ASSERT_NE(tagFile.addDataset(it->file->getDataset(), nullptr, true), nullptr);
         EXPECT_EQ(tagFile.images().size(), static_cast<int>(images.size()));
-        expectImagesMatchFiles(tagFile, images, "replaced");
+        expectImagesMatchFiles(tagFile, images, "replaced in reverse order");
         tagFile.optimizeAll();
         expectImagesMatchFiles(tagFile, images, "replaced and optimised");
-    }
-}
 
-TEST_F(SampleStudies, addingWholeSeriesKeepsThePropertyAndLeavesTheStudyWithItsUIDOnly)
-{
-    for (auto const& [studyUID, files] : *sStudies) {
-        SCOPED_TRACE("study " + studyUID);
-        std::vector<LoadedImage> const images = load(files);
-        std::map<QByteArray, std::vector<LoadedImage const*>> bySeries;
-        for (LoadedImage const& image : images)
-            bySeries[image.seriesUID].push_back(&image);
-
-        Mdx::TagFile tagFile;
-        bool first = true;
-        for (auto const& [seriesUID, members] : bySeries) {
-            std::vector<DcmDataset*> datasets;
-            std::vector<QByteArray> names;
-            for (LoadedImage const* image : members) {
-                datasets.push_back(image->file->getDataset());
-                names.push_back(image->path.toLocal8Bit());
-            }
-            std::vector<char const*> nameList;
-            for (QByteArray const& name : names)
-                nameList.push_back(name.constData());
-            ASSERT_TRUE(
-                tagFile.addSeries(static_cast<int>(datasets.size()), datasets.data(), nameList.data()));
-            if (first) {
-                // The first series made the study: it holds the UID and nothing else.
-                Mdx::TagMap const* study = tagFile.study();
-                ASSERT_NE(study, nullptr);
-                EXPECT_EQ(study->elements().size(), 1);
-                EXPECT_NE(study->ownElement(DCM_StudyInstanceUID), nullptr);
-                first = false;
+        // Whole series at once.
+        std::map<QByteArray, std::pair<std::vector<DcmDataset*>, std::vector<char const*>>> bySeries;
+        for (LoadedImage const& image : images) {
+            bySeries[image.seriesUID].first.push_back(image.file->getDataset());
+            bySeries[image.seriesUID].second.push_back(image.name.constData());
+        }
+        Mdx::TagFile bySeriesFile;
+        for (auto& [seriesUID, datasets] : bySeries) {
+            ASSERT_TRUE(bySeriesFile.addSeries(int(datasets.first.size()), datasets.first.data(),
+                                               datasets.second.data()));
+            if (seriesUID ==
+                bySeries.begin()->first) { // the first series made the study: it holds the UID only
+                EXPECT_EQ(bySeriesFile.study()->elements().keys(), QList<DcmTagKey>{DCM_StudyInstanceUID});
             }
         }
-        expectImagesMatchFiles(tagFile, images, "series");
-        tagFile.optimizeAll();
-        expectImagesMatchFiles(tagFile, images, "series optimised");
+        expectImagesMatchFiles(bySeriesFile, images, "series");
+        bySeriesFile.optimizeAll();
+        expectImagesMatchFiles(bySeriesFile, images, "series optimised");
     }
+    EXPECT_GT(totalImages, 100);
 }
 
 } // namespace

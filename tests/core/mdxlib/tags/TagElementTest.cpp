@@ -1,19 +1,8 @@
 // Values, text forms and DCMTK round trips of single tag elements, sequences
 // and the overlay element class.
+#include "support/TagLayer.h"
+
 #include <mdxlib/tags/DcmOverlayData.h>
-#include <mdxlib/tags/TagElement.h>
-#include <mdxlib/tags/TagMap.h>
-#include <mdxlib/tags/TagSequence.h>
-
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dctk.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
 
 using namespace Mdx;
 
@@ -55,32 +44,10 @@ QByteArray dcmBytes(DcmElement* element)
     return bytes;
 }
 
-// "type:text", lists as "[...]", so that a wrong type cannot compare equal.
-std::string shape(QVariant const& v)
-{
-    if (v.type() != QVariant::List)
-        return std::string(v.isValid() ? v.typeName() : "-") + ":" + v.toString().toStdString();
-    std::string out = "[";
-    for (QVariant const& e : v.toList())
-        out += shape(e) + ",";
-    return out + "]";
-}
-
 std::initializer_list<VR> const kStringVRs = {VR_AE, VR_AS, VR_CS, VR_DA, VR_DS, VR_DT, VR_IS, VR_LO,
                                               VR_LT, VR_PN, VR_SH, VR_ST, VR_TM, VR_UI, VR_UT};
 
 } // namespace
-
-TEST(VRTest, StoredCodesAreFixedAndConvertBothWays)
-{
-    EXPECT_EQ((std::vector<int>{VR_AE, VR_SQ, VR_UT, VR_na, VR_Missing, VR_UN, VR_OverlayData, VR_Omitted}),
-              (std::vector<int>{0, 18, 25, 29, 29, 40, 42, 255}));
-    for (int code = 0; code <= 50; ++code)
-        EXPECT_TRUE((code > 30 && code < 39) || code == 41 || fromDcmEVR(toDcmEVR(VR(code))) == code) << code;
-    EXPECT_EQ(toDcmEVR(VR_UC), EVR_UC);
-    EXPECT_EQ(toDcmEVR(VR_Omitted), EVR_UNKNOWN);
-    EXPECT_STREQ(vrName(VR_na), "na");
-}
 
 TEST(TagElementTest, TextFormByVR)
 {
@@ -98,42 +65,14 @@ TEST(TagElementTest, TextFormByVR)
     // clang-format on
     for (auto const& c : cases)
         EXPECT_EQ(text(c.vr, c.value), c.text) << c.vr << " " << c.value.size();
-    for (VR vr : kStringVRs)
-        EXPECT_EQ(text(vr, "A\\b c"), "A\\b c") << vr;
     for (VR vr : {VR_SQ, VR_UN, VR_ox, VR_lt, VR_na, VR_up, VR_Omitted})
         EXPECT_EQ(text(vr, hex), "01\\ff") << vr;
     QByteArray out;
     make(VR_LO, pack<Uint16>({0x1234}))->getValueAsString(out, VR_US); // the given VR wins
     EXPECT_EQ(out, "4660");
-    auto obow = [](QByteArray const& value, int mode) {
-        QByteArray out = "x:";
-        make(VR_OB, value)->getValueAsStringFromOBOW(out, mode);
-        return out;
-    };
-    QByteArray const words = pack<Uint16>({1, 0xFFFF});
-    EXPECT_EQ(obow(words, 0) + obow(words, 1) + obow(words, 4), "x:1\\65535x:1\\-1x:-65535");
-    EXPECT_EQ(obow(words, 5) + obow(words, -1) + obow("abc", 2), "x:x:x:");
-    EXPECT_EQ(obow(pack<Float32>({1.5f, 2}), 2) + obow(pack<Float64>({0.25, 2}), 3), "x:1.5\\2x:0.25\\2");
 }
 
-TEST(TagElementTest, UnknownVRIsResolvedThroughTheDictionary)
-{
-    ASSERT_TRUE(dcmDataDict.isDictionaryLoaded());
-    // clang-format off
-    std::tuple<VR, QByteArray, DcmTagKey, char const*, bool, QByteArray> const cases[] = {
-        {VR_UN, pack<Uint16>({512}), DCM_Rows, nullptr, true, "512"},
-        {VR_UN, pack<Uint16>({512}), {0x0009, 0x1234}, nullptr, false, "00\\02"},
-        {VR_UN, "IMAGE NUM 4", {0x0029, 0x1008}, "SIEMENS CSA HEADER", true, "IMAGE NUM 4"},
-        {VR_LO, "512", DCM_Rows, nullptr, true, "512"}}; // a known VR is kept
-    // clang-format on
-    for (auto const& [vr, value, key, creator, found, expected] : cases) {
-        QByteArray out;
-        EXPECT_EQ(make(vr, value)->getValueAsString(out, key, creator), found) << key;
-        EXPECT_EQ(out, expected) << key;
-    }
-}
-
-TEST(TagElementTest, ValueAsIntAndNumFieldsByVR)
+TEST(TagElementTest, ValueAsIntByVR)
 {
     // clang-format off
     struct { VR vr; QByteArray value; int index, result; bool ok; } const cases[] = {
@@ -141,10 +80,6 @@ TEST(TagElementTest, ValueAsIntAndNumFieldsByVR)
         {VR_DA, "20010203", 0, 20010203, true}, {VR_LO, "12", 0, 0, false}, {VR_OB, "\x01\xff", 1, 255, true},
         {VR_OW, pack<Uint16>({1, 0xFFFF}), 1, 65535, true}, {VR_US, pack<Uint16>({1}) + "x", 1, 0, false},
         {VR_SS, pack<Sint16>({-3}), 0, -3, true}, {VR_UL, pack<Uint32>({0xFFFFFFFFu}), 0, -1, true}};
-    std::tuple<VR, QByteArray, int> const fieldCases[] = {
-        {VR_IS, "1\\2\\3", 3}, {VR_DS, "", 1}, {VR_LO, "a\\b", 0}, {VR_FL, QByteArray(9, 0), 2},
-        {VR_FD, QByteArray(17, 0), 2}, {VR_OB, QByteArray(5, 0), 5}, {VR_OW, QByteArray(5, 0), 2},
-        {VR_AT, QByteArray(4, 0), 0}};
     // clang-format on
     for (auto const& c : cases) {
         auto element = make(c.vr, c.value);
@@ -154,55 +89,27 @@ TEST(TagElementTest, ValueAsIntAndNumFieldsByVR)
         EXPECT_TRUE(wasTrue == c.ok && wasFalse == c.ok) << c.vr << "[" << c.index << "]";
     }
     EXPECT_EQ(make(VR_AS, "042")->valueAsInt(nullptr, 0), 42);
-    for (auto const& [vr, value, n] : fieldCases)
-        EXPECT_EQ(make(vr, value)->numFields(), n) << vr << " " << value.size();
 }
 
-TEST(TagElementTest, FieldAndValueAsVariant)
-{
-    // clang-format off
-    std::tuple<VR, QByteArray, char const*> const fieldCases[] = {
-        {VR_DA, " 20010203 ", "QDate:2001-02-03"}, {VR_DA, "2001011", "-:"}, {VR_DA, "200102031", "-:"},
-        {VR_DT, "20010203040506.123+0100", "QDateTime:2001-02-03T04:05:06.000"}, // local, no offset
-        {VR_DT, "2001020304050", "-:"}, {VR_TM, "123456.789", "QTime:12:34:56.000"}, {VR_TM, "1200", "-:"},
-        {VR_DS, "-1.25", "double:-1.25"}, {VR_IS, "42", "int:42"},
-        {VR_LO, QByteArray("ab\0cd", 5), "QString:ab"}};
-    std::tuple<VR, QByteArray, char const*> const valueCases[] = {
-        {VR_TM, "101112", "QTime:10:11:12.000"}, {VR_DS, "1.5\\-2", "[double:1.5,double:-2,]"},
-        {VR_DA, "20010203\\19991231", "[QDate:2001-02-03,QDate:1999-12-31,]"},
-        {VR_US, pack<Uint16>({7}), "QString:7"}, {VR_US, pack<Uint16>({1, 2}), "[QString:1,QString:2,]"}};
-    // clang-format on
-    for (auto const& [vr, field, expected] : fieldCases)
-        EXPECT_EQ(shape(fieldToVariant(vr, field)), expected) << field.constData();
-    EXPECT_TRUE(fieldToVariant(VR_LO, QByteArray()).toString().isNull());
-    EXPECT_EQ(fieldToVariant(VR_LO, QByteArray()).type(), QVariant::String);
-    for (auto const& [vr, value, expected] : valueCases)
-        EXPECT_EQ(shape(make(vr, value)->valueAsVariant()), expected) << value.constData();
-}
-
+// Writing through maps (putAndInsertString, putAndInsertInt) is checked in
+// TagMapTest; here the VR an integer picks by its range, and the VRs that
+// take no text.
 TEST(TagElementTest, PutValueAndPutValueAsString)
 {
     TagElement element;
     // clang-format off
-    std::tuple<int, VR, QByteArray> const ints[] = {
-        {255, VR_OB, QByteArray(1, '\xff')}, {256, VR_US, pack<Uint16>({256})},
-        {65535, VR_US, pack<Uint16>({65535})}, {65536, VR_SL, pack<Sint32>({65536})},
-        {-1, VR_SL, pack<Sint32>({-1})}};
-    std::tuple<VR, char const*, int, char const*> const texts[] = {
-        {VR_FL, "1.5\\-2.25\\1e+06", 12, nullptr}, {VR_US, "", 0, nullptr}, {VR_FD, "3.14159\\-1e-05", 16, nullptr},
-        {VR_SL, "-7\\70000\\2147483647", 12, nullptr}, {VR_UL, "4294967295\\0", 8, nullptr},
-        {VR_US, " 1 \\\\ 2 ", 4, "1\\2"}, {VR_LO, "a\\b", 3, nullptr}};
+    std::tuple<int, VR, QByteArray> const ints[] = {{255, VR_OB, QByteArray(1, '\xff')}, {256, VR_US, pack<Uint16>({256})},
+        {65535, VR_US, pack<Uint16>({65535})}, {65536, VR_SL, pack<Sint32>({65536})}, {-1, VR_SL, pack<Sint32>({-1})}};
+    std::tuple<VR, char const*, int, char const*> const texts[] = {{VR_FL, "1.5\\-2.25\\1e+06", 12, nullptr},
+        {VR_FD, "3.14159\\-1e-05", 16, nullptr}, {VR_UL, "4294967295\\0", 8, nullptr}, {VR_US, " 1 \\\\ 2 ", 4, "1\\2"}};
     // clang-format on
     for (auto const& [value, vr, bytes] : ints) {
         element.putValue(value);
         EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(vr, bytes)) << value;
     }
-    element.putValue(QByteArray("raw"));
-    EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(VR_SL, QByteArray("raw")));
     for (auto const& [vr, value, size, shown] : texts) {
         auto e = make(vr, "old");
-        EXPECT_TRUE(e->putValueAsString(value)) << value;
-        EXPECT_EQ(e->mValue.size(), size) << value;
+        EXPECT_TRUE(e->putValueAsString(value) && e->mValue.size() == size) << value;
         EXPECT_EQ(text(vr, e->mValue), shown ? shown : value);
     }
     for (VR vr : {VR_OB, VR_OW, VR_AT, VR_SQ, VR_ox, VR_xs, VR_UN, VR_na, VR_Omitted}) {
@@ -210,34 +117,6 @@ TEST(TagElementTest, PutValueAndPutValueAsString)
         EXPECT_FALSE(other->putValueAsString("3")) << vr;
         EXPECT_EQ(std::make_pair(other->mVR, other->mValue), std::make_pair(vr, QByteArray("\x01\x02")));
     }
-}
-
-TEST(TagElementTest, CompareAndClone)
-{
-    // clang-format off
-    std::tuple<VR, QByteArray, VR, QByteArray, bool, char const*> const cases[] = {
-        {VR_LO, "abc", VR_LO, "abc", true, ""}, {VR_LO, "abc", VR_SH, "abc", false, ""},
-        {VR_LO, "abc", VR_SH, "abc", true, "LO [abc] <> [abc]\n"},
-        {VR_LO, "abc", VR_LO, "ab", false, "LO [abc] <> [ab]\n"},
-        {VR_LO, "abc", VR_SH, "abd", false, "LO [abc] <> [abd]\n"},
-        {VR_US, pack<Uint16>({258}), VR_OB, "\x02\x01", true, "US [258] <> [02\\01]\n"}, // own VRs
-        {VR_Omitted, "", VR_LO, "abc", false, "?? [] <> [abc]\n"},
-        {VR_na, "", VR_LO, "abc", false, "na [] <> [abc]\n"}};
-    // clang-format on
-    for (auto const& [vrA, a, vrB, b, checkVR, line] : cases) {
-        std::string difference = "untouched";
-        EXPECT_EQ(make(vrA, a)->compare(*make(vrB, b), checkVR, &difference), !*line) << line;
-        EXPECT_EQ(difference, *line ? line : "untouched");
-        EXPECT_EQ(make(vrA, a)->compare(*make(vrB, b), checkVR, nullptr), !*line) << line;
-    }
-    auto lo = make(VR_LO, "abc");
-    lo->mDifferentCount = lo->mMissingCount = 3;
-    std::unique_ptr<TagElement> copy(lo->clone());
-    TagElement const& raw = *copy;
-    EXPECT_EQ(typeid(raw), typeid(TagElement));
-    EXPECT_EQ(copy->mVR, VR_LO);
-    EXPECT_EQ(copy->mValue.constData(), lo->mValue.constData()); // shared, not copied
-    EXPECT_EQ(copy->mDifferentCount + copy->mMissingCount, 0);
 }
 
 TEST(TagElementTest, CreateDcmElementByVRAndKey)
@@ -273,7 +152,7 @@ TEST(TagElementTest, CreateDcmElementByVRAndKey)
         EXPECT_EQ(make(vr, "x")->createDcmElement(key), nullptr) << vr;
 }
 
-TEST(TagSequenceTest, RebuildCloneAndCompareSeeInheritedValuesButNoMarkers)
+TEST(TagSequenceTest, RebuildAndCloneSeeInheritedValuesButNoMarkers)
 {
     // Two items; the first inherits from an upper item, as after a merge, and
     // hides or omits some of what it would show.
@@ -297,61 +176,22 @@ TEST(TagSequenceTest, RebuildCloneAndCompareSeeInheritedValuesButNoMarkers)
     std::unique_ptr<DcmElement> element(lower.createDcmElement(DCM_ReferencedImageSequence));
     auto* sequence = dynamic_cast<DcmSequenceOfItems*>(element.get());
     ASSERT_TRUE(sequence && sequence->card() == 2u);
-    EXPECT_EQ(sequence->getTag().getXTag(), DCM_ReferencedImageSequence);
-    DcmItem* first = sequence->getItem(0);
-    EXPECT_EQ(first->card(), 2u); // no marker became an attribute
+    EXPECT_EQ(sequence->getItem(0)->card(), 2u); // no marker became an attribute
     OFString a, b, c;
-    first->findAndGetOFString(DCM_ReferencedSOPClassUID, a);
-    first->findAndGetOFString(DCM_ReferencedSOPInstanceUID, b);
+    sequence->getItem(0)->findAndGetOFString(DCM_ReferencedSOPClassUID, a);
+    sequence->getItem(0)->findAndGetOFString(DCM_ReferencedSOPInstanceUID, b);
     sequence->getItem(1)->findAndGetOFString(DCM_CodeValue, c);
     EXPECT_EQ(a + "|" + b + "|" + c, "1.2|9.9|TWO");
 
+    // A clone is a flat copy of the items: inherited values become their own,
+    // markers stay markers.
     std::unique_ptr<TagElement> copy(lower.clone());
     auto* clone = dynamic_cast<TagSequence*>(copy.get());
     ASSERT_TRUE(clone && clone->mItems.size() == 2);
     TagMap* item = clone->mItems[0];
     EXPECT_TRUE(item != lowerItem && item->isItem() && item->parent() == nullptr);
-    auto own = [&](DcmTagKey const& key) {
-        TagElement const* e = item->ownElement(key);
-        return !e ? "-" : e->isOmittedMarker() ? "omitted" : e->mValue;
-    };
-    EXPECT_EQ(own(DCM_ReferencedSOPClassUID) + "|" + own(DCM_CodeValue) + "|" + own(DCM_CodeMeaning),
-              "1.2|-|omitted");
+    EXPECT_EQ(item->ownElement(DCM_ReferencedSOPClassUID)->mValue, "1.2");
+    EXPECT_EQ(item->ownElement(DCM_CodeValue), nullptr);
+    EXPECT_TRUE(item->ownElement(DCM_CodeMeaning)->isOmittedMarker());
     EXPECT_TRUE(clone->compare(lower, true, nullptr));
-
-    TagSequence empty1, empty2, withNull;
-    EXPECT_TRUE(empty1.compare(empty2, true, nullptr));
-    EXPECT_FALSE(empty1.compare(*make(VR_SQ, ""), true, nullptr));
-    EXPECT_FALSE(lower.compare(upper, true, nullptr));
-    item->putAndInsertValue(DCM_ReferencedSOPInstanceUID, VR_UI, "9.8");
-    std::string difference;
-    EXPECT_FALSE(lower.compare(*copy, true, &difference));
-    EXPECT_EQ(difference, "(0008,1155) UI [9.9] <> [9.8]\n");
-    withNull.addItem(nullptr);
-    withNull.addItem(nullptr);
-    EXPECT_FALSE(lower.compare(withNull, true, nullptr));
-    EXPECT_FALSE(withNull.compare(lower, true, nullptr));
-}
-
-TEST(DcmOverlayDataTest, IdentCloneAndCopyFrom)
-{
-    Uint8 const bytes[] = {1, 2, 3, 4}, other[] = {9, 8};
-    Mdx::DcmOverlayData overlay(DcmTag(0x6000, 0x3000)), target(DcmTag(0x6002, 0x3000));
-    ::DcmOverlayData dcmtkOverlay(DcmTag(0x6004, 0x3000));
-    DcmOtherByteOtherWord ob(DcmTag(0x6000, 0x3000, EVR_OB));
-    overlay.putUint8Array(bytes, 4);
-    dcmtkOverlay.putUint8Array(other, 2);
-    EXPECT_EQ(overlay.ident(), EVR_OverlayData);
-    std::unique_ptr<DcmObject> clone(overlay.clone());
-    DcmObject const& cloned = *clone;
-    ASSERT_EQ(typeid(cloned), typeid(Mdx::DcmOverlayData));
-    EXPECT_EQ(dcmBytes(static_cast<DcmElement*>(clone.get())), QByteArray("\x01\x02\x03\x04", 4));
-    EXPECT_TRUE(overlay.copyFrom(overlay).good());
-    EXPECT_EQ(overlay.getLength(), 4u);
-    EXPECT_EQ(overlay.copyFrom(ob), EC_IllegalCall);
-    EXPECT_TRUE(target.copyFrom(overlay).good());
-    EXPECT_EQ(dcmBytes(&target), QByteArray("\x01\x02\x03\x04", 4));
-    // DCMTK's own overlay class has the same ident and must copy as well.
-    EXPECT_TRUE(target.copyFrom(dcmtkOverlay).good());
-    EXPECT_EQ(dcmBytes(&target), QByteArray("\x09\x08", 2));
 }
