@@ -100,14 +100,14 @@ protected:
 
 // By botocore 1.43 (S3SigV4Auth, UNSIGNED-PAYLOAD, over the headers that SignedHeaders names, as
 // sigv4_peer.py signs) for AWS's example key. Of several Content-MD5 lines the last is signed, other
-// headers are not; the query is signed as the caller wrote it; a local time is taken in UTC.
+// headers are not; the query is signed as the caller wrote it; a local time (novEast: nov two hours
+// east, already the next day there) is taken in UTC.
 void expectBotocoreSignatures()
 {
     char const session[] = "FwoGZXIvYXdzEXAMPLE//session+token=",
                md5[] = "Content-MD5: 1B2M2Y8AsgTpgAmY7PhCfg==";
     QDateTime const may = utc(2013, 5, 24, 0, 0, 0), nov = utc(2026, 11, 13, 23, 44, 29),
-                    novNextDayEast =
-                        QDateTime(QDate(2026, 11, 14), QTime(1, 44, 29), Qt::OffsetFromUTC, 7200);
+                    novEast = QDateTime(QDate(2026, 11, 14), QTime(1, 44, 29), Qt::OffsetFromUTC, 7200);
     std::string const plain = "host;x-amz-content-sha256;x-amz-date",
                       withToken = plain + ";x-amz-security-token";
     // Verb, URL, the caller's headers, region, token, time, the signed headers and the signature.
@@ -123,7 +123,7 @@ void expectBotocoreSignatures()
         {"PUT", "s3://examplebucket/dir/big.bin?partNumber=2&uploadId=VXBsb2FkSUQ", {"Content-Length: 3"},
          "eu-central-1", session, nov, withToken,
          "3de32454c1bd159ff017fdc8d8851a016f888cd3aeed3d1640dbe24a94bc0749"},
-        {"HEAD", "s3://examplebucket/dir/sub/obj.dcm", {}, "eu-central-1", "", novNextDayEast,
+        {"HEAD", "s3://examplebucket/dir/sub/obj.dcm", {}, "eu-central-1", "", novEast,
          plain, "d586ae669a5004fb26580f199886205edb8a0d613b736ed23796cec8c802b3f7"},
     };
     // clang-format on
