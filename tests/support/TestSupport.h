@@ -60,6 +60,8 @@ Mdx::TagMap* addImage(Mdx::TagFile& file, std::string const& study, std::string 
 
 // The bytes of a file, empty when it cannot be read.
 QByteArray fileContents(QString const& path);
+// Writes the bytes to a file, making its folder first; false on any failure.
+bool writeFile(QString const& path, QByteArray const& bytes);
 // A tag file as written in the current compression mode, and read back from
 // such bytes (the named study, or the first).
 QByteArray tagFileBytes(Mdx::TagFile const& file);
