@@ -238,6 +238,17 @@ TEST_F(TagFileIO, headerVariantsAndTheOldFormat)
     EXPECT_TRUE(read.studies().isEmpty());
 }
 
+// Other processes find a study's file by this rule, so it must not drift:
+// the MD5 of the UID and a line feed, split 2/2/28 (digests from Python's
+// hashlib).
+TEST_F(TagFileIO, cacheFilePathIsTheMd5OfTheStudyUIDAndALineFeed)
+{
+    QString const meta = QString::fromLocal8Bit(TagFile::metaFolder());
+    EXPECT_EQ(TagFile::cacheFilePathForStudy("1.2.840.113619.2.55.3"),
+              meta + "4b/44/e64af49379421cfffeadad79bcc4.tc");
+    EXPECT_EQ(TagFile::cacheFilePathForStudy(""), meta + "68/b3/29da9893e34099c7d8ad5cb9c940.tc");
+}
+
 TEST_F(TagFileIO, rewriteThroughTheOpenFileCutsTheTailAndAnEmptiedFileIsDeleted)
 {
     TagFile original;
