@@ -27,10 +27,27 @@ std::string numberedParameters(std::string const& sql)
     return out;
 }
 
+// libpq's messages span lines, with a tab before a hint: one line for the log.
+std::string oneLine(std::string message)
+{
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
+        message.pop_back();
+    std::string out;
+    for (char c : message) {
+        if (c == '\n' || c == '\t') {
+            if (!out.empty() && out.back() != ' ')
+                out += ' ';
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 // Notices ("relation exists, skipping") are for a debugging reader only.
 void traceNotice(void*, char const* message)
 {
-    getTheLogInstance()->tracef(0, "Database", "PostgreSQL: %s", message);
+    getTheLogInstance()->tracef(0, "Database", "PostgreSQL: %s", oneLine(message).c_str());
 }
 
 class PostgresConnection : public CatalogConnection
@@ -53,12 +70,10 @@ public:
                          nullptr, values.data(), nullptr, nullptr, 0);
         ExecStatusType const status = result ? PQresultStatus(result) : PGRES_FATAL_ERROR;
         if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-            std::string message = "PostgreSQL statement failed: ";
-            message += result ? PQresultErrorMessage(result) : PQerrorMessage(mConnection);
-            while (!message.empty() && message.back() == '\n')
-                message.pop_back();
+            std::string const message =
+                oneLine(result ? PQresultErrorMessage(result) : PQerrorMessage(mConnection));
             PQclear(result);
-            return catalogFailure(message);
+            return catalogFailure("PostgreSQL statement failed: " + message);
         }
         if (rows) {
             int const count = PQntuples(result);
@@ -100,11 +115,9 @@ std::unique_ptr<CatalogConnection> openPostgresConnection(std::string const& con
         return nullptr;
     }
     if (PQstatus(pg) != CONNECTION_OK) {
-        std::string message = PQerrorMessage(pg);
-        while (!message.empty() && message.back() == '\n')
-            message.pop_back();
         // The connection string may hold a password: only the reason is told.
-        result = catalogFailure("Could not connect to the PostgreSQL catalog: " + message);
+        result =
+            catalogFailure("Could not connect to the PostgreSQL catalog: " + oneLine(PQerrorMessage(pg)));
         PQfinish(pg);
         return nullptr;
     }
