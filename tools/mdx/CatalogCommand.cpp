@@ -34,8 +34,8 @@ using Lmg::Catalog;
 OptionSpec const& catalogOption()
 {
     static OptionSpec const option{"--catalog", 0, "CONNECTION",
-                                   "the catalog: an SQLite file (PATH or sqlite:PATH) or a postgresql:// URL "
-                                   "(default: MDX_CATALOG, else catalog.sqlite in $XDG_DATA_HOME/mdxlib/)"};
+                                   "an SQLite file (PATH, sqlite:PATH) or a postgresql:// URL "
+                                   "(default: MDX_CATALOG)"};
     return option;
 }
 
