@@ -3,6 +3,8 @@
 // that a writer waits for another instead of failing at once.
 #include "CatalogConnection.h"
 
+#include <mdxlib/platform/McLogFile.h>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -14,6 +16,15 @@ namespace {
 
 int const kBusyTimeoutMsec = 10000;
 
+// Closing fails only while statements are unfinished, which this file never
+// leaves behind; if it happens anyway, the log says so.
+void closeDatabase(sqlite3* db)
+{
+    int const code = sqlite3_close_v2(db);
+    if (code != SQLITE_OK)
+        getTheLogInstance()->tracef(2, "Database", "Could not close the catalog: %s", sqlite3_errstr(code));
+}
+
 class SqliteConnection : public CatalogConnection
 {
 public:
@@ -21,7 +32,7 @@ public:
         : mDb(db)
     {
     }
-    ~SqliteConnection() override { sqlite3_close_v2(mDb); }
+    ~SqliteConnection() override { closeDatabase(mDb); }
 
     McResult execute(std::string const& sql, std::vector<std::string> const& parameters,
                      SqlRows* rows) override
@@ -91,12 +102,12 @@ std::unique_ptr<CatalogConnection> openSqliteConnection(std::string const& path,
     if (code != SQLITE_OK) {
         result = catalogFailure("Could not open the catalog " + path + ": " +
                                 (db ? sqlite3_errmsg(db) : sqlite3_errstr(code)));
-        sqlite3_close_v2(db);
+        closeDatabase(db);
         return nullptr;
     }
     if (sqlite3_busy_timeout(db, kBusyTimeoutMsec) != SQLITE_OK) {
         result = catalogFailure("Could not set the busy time-out of " + path + ": " + sqlite3_errmsg(db));
-        sqlite3_close_v2(db);
+        closeDatabase(db);
         return nullptr;
     }
     auto connection = std::make_unique<SqliteConnection>(db);
