@@ -20,9 +20,11 @@
 #include <QTemporaryDir>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -101,6 +103,18 @@ protected:
     std::unique_ptr<CatalogConnection> admin;
     std::unique_ptr<Catalog> catalog;
 };
+
+// The parent of a process, from /proc; 0 when unknown.
+pid_t parentOf(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string const stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1)); // the name may hold blanks
+    std::string state;
+    pid_t parent = 0;
+    fields >> state >> parent;
+    return parent;
+}
 
 std::vector<std::string> pathsOf(std::vector<CatalogImage> const& images)
 {
@@ -324,5 +338,34 @@ TEST(CatalogHelpers, datesModalitiesAndTheDefaultFile)
     EXPECT_EQ(Catalog::configuredConnection(), "postgresql://h/db");
     SetDatabaseServer("/x/c.sqlite");
     EXPECT_EQ(Catalog::configuredConnection(), "/x/c.sqlite");
+    SetDatabaseServer(nullptr);
+}
+
+// Stops the server for good, so it runs as a ctest entry of its own
+// (catalog_stopped_server, which sets MDX_CATALOG_STOP_SERVER).
+TEST(CatalogStoppedServer, queriesFailWithAReasonAndNoCrash)
+{
+    if (postgresUrl().empty() || !std::getenv("MDX_CATALOG_STOP_SERVER"))
+        GTEST_SKIP() << "stops the PostgreSQL server: runs as the ctest entry catalog_stopped_server";
+    McResult result;
+    std::unique_ptr<Catalog> catalog = Catalog::open(postgresUrl(), result);
+    std::unique_ptr<CatalogConnection> admin = openPostgresConnection(postgresUrl(), result);
+    ASSERT_TRUE(catalog && admin);
+    SetDatabaseServer(postgresUrl().c_str());
+    std::string text;
+    ASSERT_TRUE(GetQAData(1, text).ok());
+    SqlRows rows;
+    ASSERT_TRUE(admin->execute("SELECT pg_backend_pid()", {}, &rows).ok());
+    pid_t const server = parentOf(std::atoi(rows.at(0).at(0).c_str()));
+    ASSERT_GT(server, 1);
+    mdxtest::LogCapture log;
+    ASSERT_EQ(kill(server, SIGINT), 0); // fast shutdown
+    for (int i = 0; i < 400 && Catalog::open(postgresUrl(), result); ++i)
+        usleep(25000);
+    EXPECT_FALSE(result.ok());
+    EXPECT_FALSE(catalog->qaText(1, text).ok());
+    EXPECT_FALSE(GetQAData(1, text).ok());
+    EXPECT_FALSE(GetQAData(1, text).ok()); // and again, now without a connection to drop
+    EXPECT_GE(log.count(3, "[Database]"), 3);
     SetDatabaseServer(nullptr);
 }
