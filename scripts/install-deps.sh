@@ -11,11 +11,11 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 PACKAGES=(
   build-essential cmake ninja-build ccache pkg-config git
   qtbase5-dev libdcmtk-dev dcmtk
-  libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev
+  libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev libpq-dev
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
   nodejs npm
-  nginx
+  nginx postgresql
   clang
 )
 

@@ -7,9 +7,11 @@
 Starts on free ports of 127.0.0.1 (parallel ctest runs never collide) nginx serving small.bin
 (1000 bytes), medium.bin (5 MiB) and large.bin (64 MiB) of the peers' stream (or DIR with the
 files of --make-file, as bench/download/run.sh wants them), and fault_peer.py
-over HTTP and HTTPS; with --with aws also ec2_metadata_peer.py and sigv4_peer.py. COMMAND sees
+over HTTP and HTTPS; with --with aws also ec2_metadata_peer.py and sigv4_peer.py, with --with
+postgres also postgres_peer.py. COMMAND sees
 MDX_NGINX_HTTP_PORT, MDX_NGINX_HTTPS_PORT, MDX_FAULT_PORT, MDX_FAULT_TLS_PORT, MDX_PEER_DATA,
-MDX_PEER_CA and, with aws, MDX_EC2_PORT and MDX_SIGV4_PORT (unset when a peer cannot run here,
+MDX_PEER_CA, with aws MDX_EC2_PORT and MDX_SIGV4_PORT, and with postgres MDX_POSTGRES_PORT and
+MDX_POSTGRES_URL (a connection string for the user postgres) (unset when a peer cannot run here,
 so that its tests skip). Everything is stopped and removed afterwards, also on a timeout or a
 signal; the exit status is COMMAND's (124 on --timeout, 77 without nginx).
 """
@@ -29,7 +31,8 @@ import peerlib
 
 sys.dont_write_bytecode = True
 PEERS = {"": [("MDX_FAULT_PORT", "fault_peer.py", ["--plain"]), ("MDX_FAULT_TLS_PORT", "fault_peer.py", ["--tls"])],
-         "aws": [("MDX_EC2_PORT", "ec2_metadata_peer.py", []), ("MDX_SIGV4_PORT", "sigv4_peer.py", [])]}
+         "aws": [("MDX_EC2_PORT", "ec2_metadata_peer.py", []), ("MDX_SIGV4_PORT", "sigv4_peer.py", [])],
+         "postgres": [("MDX_POSTGRES_PORT", "postgres_peer.py", [])]}
 
 
 def read_ports(procs, deadline):
@@ -59,7 +62,7 @@ def main():
         return 2
     parser = argparse.ArgumentParser()
     parser.add_argument("--timeout", type=float, default=0.0)
-    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws"])
+    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws", "postgres"])
     parser.add_argument("--data", help="the folder nginx serves (kept afterwards)")
     parser.add_argument("--make-file", action="append", default=[], metavar="NAME:SIZE")
     args, command = parser.parse_args(argv[:argv.index("--")]), argv[argv.index("--") + 1:]
@@ -83,7 +86,9 @@ def main():
         with nginx_peer.NginxPeer(data, workdir=root) as nginx:
             env = dict(os.environ, MDX_NGINX_HTTP_PORT=str(nginx.http_port), MDX_NGINX_HTTPS_PORT=str(nginx.https_port),
                        MDX_PEER_DATA=data, MDX_PEER_CA=peerlib.CERT)
-            env.update(read_ports(procs, time.monotonic() + 10))
+            env.update(read_ports(procs, time.monotonic() + 60))  # initdb takes a few seconds
+            if "MDX_POSTGRES_PORT" in env:
+                env["MDX_POSTGRES_URL"] = "postgresql://postgres@127.0.0.1:%s/postgres" % env["MDX_POSTGRES_PORT"]
             child = subprocess.Popen(command, env=env, preexec_fn=peerlib.die_with_parent)
             try:
                 rc = child.wait(args.timeout or None)
@@ -100,9 +105,14 @@ def main():
         if child is not None and child.poll() is None:
             child.terminate()
             child.wait()
+        for _, proc in procs:  # SIGTERM first: the PostgreSQL peer stops its server and cleans up
+            proc.terminate()
         for _, proc in procs:
-            proc.kill()
-            proc.wait()
+            try:
+                proc.wait(30)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
         shutil.rmtree(root, ignore_errors=True)
 
 

@@ -154,5 +154,26 @@ has out "1 series, 9 images" "--force replaces the fuller tag file"
 run 0 "rm study" rm --meta meta $STUDY
 [ ! -e "$TC" ] || fail "rm deletes the tag file"
 
+# ---- catalog (SQLite): idempotent add, a moved file keeps one row, ls and
+# --json, MDX_CATALOG and the default file under XDG_DATA_HOME
+run 0 "catalog add" catalog add --catalog="$W/c.sqlite" part "$PYDICOM"
+has out "^recorded [0-9]+ images of [0-9]+ series in [0-9]+ studies; skipped [0-9]+ files$" "catalog add reports"
+run 0 "catalog add again" catalog add -q --catalog="sqlite:$W/c.sqlite" part "$PYDICOM"
+[ ! -s out ] || fail "catalog add -q prints nothing"
+mkdir moved && mv part/brain_001.dcm moved/
+MDX_CATALOG="$W/c.sqlite" run 0 "catalog add moved" catalog add moved
+run 0 "catalog ls study" catalog ls --catalog="$W/c.sqlite" $STUDY
+has out "1 series, 9 images" "a moved file is still one image"
+run 0 "catalog ls" catalog ls --catalog="$W/c.sqlite"
+has out " 1 +9 .*$STUDY$" "catalog ls lists the study"
+run 0 "catalog ls json" catalog ls --json --catalog="$W/c.sqlite" $STUDY
+json "d['studyUID'] == '$STUDY' and d['series'][0]['images'] == 9 and d['series'][0]['modality'] == 'MR'" "ls --json"
+run 2 "catalog ls unknown study" catalog ls --catalog="$W/c.sqlite" 1.2.3
+run 1 "catalog without sub-command" catalog
+echo "not a database, and long enough to be read as a header by SQLite................" > bad.sqlite
+run 3 "catalog ls of a damaged file" catalog ls --catalog="$W/bad.sqlite"
+XDG_DATA_HOME="$W/xdg" run 0 "catalog default file" catalog add -q moved
+[ -f xdg/mdxlib/catalog.sqlite ] || fail "the default catalog lies in XDG_DATA_HOME/mdxlib/"
+
 [ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

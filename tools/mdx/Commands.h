@@ -16,5 +16,6 @@ int buildCommand(Arguments const& args);
 int lsCommand(Arguments const& args);
 int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
+int catalogCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -11,9 +11,9 @@ char const kExitCodeHelp[] = "exit status:\n"
                              "  0  success\n"
                              "  1  wrong usage (unknown command or option, missing argument)\n"
                              "  2  a named file, folder, tag file or study does not exist\n"
-                             "  3  an input exists but cannot be read (a damaged tag file)\n"
+                             "  3  an input exists but cannot be read (a damaged tag file or catalog)\n"
                              "  4  nothing found: no DICOM image in the input, no such image\n"
-                             "  5  the meta folder or a tag file cannot be written\n"
+                             "  5  the meta folder, a tag file or the catalog cannot be written\n"
                              "  6  the library refused a change\n"
                              "  7  build kept a tag file that holds more images (--force replaces it)\n";
 

@@ -12,9 +12,9 @@ enum class ExitCode
     Ok = 0,
     Usage = 1,           // unknown command or option, missing argument
     NoInput = 2,         // a named file, folder, tag file or study does not exist
-    UnreadableInput = 3, // it exists but cannot be read (a damaged tag file)
+    UnreadableInput = 3, // it exists but cannot be read (a damaged tag file or catalog)
     NothingFound = 4,    // no DICOM image in the input, no such image in a tag file
-    OutputError = 5,     // the meta folder or a tag file cannot be written
+    OutputError = 5,     // the meta folder, a tag file or the catalog cannot be written
     ProcessingError = 6, // the library refused a change
     Kept = 7             // build kept a tag file with more images (--force replaces it)
 };

@@ -25,38 +25,6 @@ namespace {
 
 using AddResult = Mdx::TagFile::AddResult;
 
-// The files under paths in name order; paths that do not exist go to
-// missing. The walk may be long on a network share, hence the progress.
-QStringList collectFiles(std::vector<std::string> const& paths, std::vector<std::string>& missing,
-                         Progress& progress)
-{
-    progress.phase("walk", 0, "files");
-    QStringList files;
-    for (std::string const& path : paths) {
-        QFileInfo const info(QString::fromStdString(path));
-        struct stat status;
-        if (stat(path.c_str(), &status) != 0) {
-            warn("cannot access '%s': %s", path.c_str(), osError().c_str());
-            missing.push_back(path);
-        } else if (info.isDir()) {
-            QStringList found;
-            // System entries too: a dangling link is a file the user meant
-            // to give and is reported as unreadable, not silently left out.
-            QDirIterator it(info.filePath(), QDir::Files | QDir::System,
-                            QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
-            while (it.hasNext()) {
-                found.append(it.next());
-                progress.update(files.size() + found.size());
-            }
-            found.sort();
-            files.append(found);
-        } else {
-            files.append(info.filePath());
-        }
-    }
-    return files;
-}
-
 // One line per skipped file with --verbose, in the tool's words.
 void reportSkip(QByteArray const& path, AddResult why)
 {
@@ -119,6 +87,41 @@ char const* skipText(AddResult why)
     return "";
 }
 
+QStringList collectFiles(std::vector<std::string> const& paths, std::vector<std::string>& missing,
+                         Progress& progress)
+{
+    progress.phase("walk", 0, "files");
+    QStringList files;
+    for (std::string const& path : paths) {
+        QFileInfo const info(QString::fromStdString(path));
+        struct stat status;
+        if (stat(path.c_str(), &status) != 0) {
+            warn("cannot access '%s': %s", path.c_str(), osError().c_str());
+            missing.push_back(path);
+        } else if (info.isDir()) {
+            QStringList found;
+            // System entries too: a dangling link is a file the user meant
+            // to give and is reported as unreadable, not silently left out.
+            QDirIterator it(info.filePath(), QDir::Files | QDir::System,
+                            QDirIterator::Subdirectories | QDirIterator::FollowSymlinks);
+            while (it.hasNext()) {
+                found.append(it.next());
+                progress.update(files.size() + found.size());
+            }
+            found.sort();
+            files.append(found);
+        } else {
+            files.append(info.filePath());
+        }
+    }
+    return files;
+}
+
+void quietDicomLog()
+{
+    OFLog::configure(OFLogger::OFF_LOG_LEVEL);
+}
+
 int64_t countStored(Mdx::TagMap const* node)
 {
     int64_t count = 0;
@@ -136,9 +139,7 @@ int64_t countStored(Mdx::TagMap const* node)
 
 ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options, Progress& progress)
 {
-    // Files that are not DICOM are expected among the inputs, and the tool
-    // says itself why it skips a file: DCMTK's own log stays quiet.
-    OFLog::configure(OFLogger::OFF_LOG_LEVEL);
+    quietDicomLog();
 
     McWatch total;
     ScanResult result;

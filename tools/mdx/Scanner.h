@@ -5,6 +5,7 @@
 #include <mdxlib/tagfile/TagFile.h>
 
 #include <QByteArray>
+#include <QStringList>
 
 #include <cstdint>
 #include <map>
@@ -58,6 +59,16 @@ struct ScanOptions
 // each DICOM image into the tree of its study and optimises every tree.
 // Paths that do not exist are reported on standard error and skipped.
 ScanResult scanPaths(std::vector<std::string> const& paths, ScanOptions const& options, Progress& progress);
+
+// The files under paths (folders recursively), each folder's in name order;
+// paths that do not exist are reported and go to missing. The walk may be
+// long on a network share, hence the progress.
+QStringList collectFiles(std::vector<std::string> const& paths, std::vector<std::string>& missing,
+                         Progress& progress);
+
+// Files that are not DICOM are expected among the inputs, and the tool says
+// itself why it skips a file: DCMTK's own log stays quiet.
+void quietDicomLog();
 
 // Attributes stored in a node and its subtree, sequence items included.
 int64_t countStored(Mdx::TagMap const* node);

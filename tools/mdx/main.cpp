@@ -27,9 +27,14 @@ void printUsage(std::FILE* out)
                "                        print an image's attributes, or what each node stores\n"
                "  rm STUDYUID [--series UID...|--images UID...]\n"
                "                        delete a tag file, or series or images from it\n"
+               "  catalog add PATH...   record the studies, series and images of DICOM files in\n"
+               "                        the study catalog\n"
+               "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
+               "The catalog: --catalog=CONNECTION (an SQLite file or a postgresql:// URL), else\n"
+               "MDX_CATALOG, else catalog.sqlite in $XDG_DATA_HOME/mdxlib/ (~/.local/share/mdxlib/).\n"
                "Options take their value as --opt=VALUE or --opt VALUE; -- ends the options.\n"
                "'mdx COMMAND --help' shows the options of a command.\n"
                "\n",
@@ -49,8 +54,9 @@ int main(int argc, char** argv)
 {
     using mdxtool::ExitCode;
     std::map<std::string, std::function<int(mdxtool::Arguments const&)>> const commands{
-        {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand}, {"ls", mdxtool::lsCommand},
-        {"dump", mdxtool::dumpCommand}, {"rm", mdxtool::rmCommand},
+        {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
+        {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
+        {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

@@ -14,7 +14,11 @@
 extern "C" {
 #endif
 
-// Keeps the connection string of the database for the jobs that query it.
+// Names the study catalog for the jobs that query it (see Catalog.h): an
+// SQLite file ("PATH" or "sqlite:PATH") or a PostgreSQL server
+// ("postgresql://user@host:port/database"). Null or empty goes back to the
+// parameter MDX_CATALOG and then the default file. Threads open the new
+// catalog at their next query.
 MDX_EXPORT void SetDatabaseServer(char const* connection);
 // Trace levels: 0 debug, 1 information, 2 warning, 3 error.
 MDX_EXPORT void WriteTrace(int level, char const* category, char const* format, ...)
