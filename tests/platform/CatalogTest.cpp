@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QTemporaryDir>
 
 #include <atomic>
@@ -339,6 +340,15 @@ TEST(CatalogHelpers, datesModalitiesAndTheDefaultFile)
     SetDatabaseServer("/x/c.sqlite");
     EXPECT_EQ(Catalog::configuredConnection(), "/x/c.sqlite");
     SetDatabaseServer(nullptr);
+    // A bare server name is no file: refused, and nothing is created.
+    QTemporaryDir folder;
+    QString const old = QDir::currentPath();
+    QDir::setCurrent(folder.path());
+    McResult result;
+    EXPECT_FALSE(Catalog::open("dbserver01", result));
+    EXPECT_FALSE(result.ok());
+    EXPECT_TRUE(QDir(folder.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).isEmpty());
+    QDir::setCurrent(old);
 }
 
 // Stops the server for good, so it runs as a ctest entry of its own

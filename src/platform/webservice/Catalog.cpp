@@ -9,6 +9,7 @@
 #include <mdxlib/platform/WebService.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 
 namespace Lmg {
@@ -143,6 +144,18 @@ McResult returnedId(CatalogConnection& connection, std::string const& sql,
     return result;
 }
 
+bool endsWith(std::string const& text, char const* suffix)
+{
+    size_t const length = std::strlen(suffix);
+    return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+}
+
+bool looksLikeSqliteFile(std::string const& connection)
+{
+    return startsWith(connection, "sqlite:") || connection.find('/') != std::string::npos ||
+           endsWith(connection, ".sqlite") || endsWith(connection, ".sqlite3") || endsWith(connection, ".db");
+}
+
 } // namespace
 
 McResult catalogFailure(std::string const& message)
@@ -158,6 +171,12 @@ std::unique_ptr<Catalog> Catalog::open(std::string const& connection, McResult& 
         backend = openPostgresConnection(connection, result);
     else if (connection.empty() || connection == "sqlite:")
         result = catalogFailure("No catalog file named");
+    else if (!looksLikeSqliteFile(connection))
+        // A server's database name given as it stands would otherwise
+        // become an empty SQLite file of that name in the working folder,
+        // and every query would answer "not found" instead of failing.
+        result = catalogFailure("The catalog connection is neither a PostgreSQL URL nor a SQLite file "
+                                "(sqlite:PATH, or a path with a folder or a .sqlite/.db name)");
     else
         backend = openSqliteConnection(startsWith(connection, "sqlite:") ? connection.substr(7) : connection,
                                        result);
