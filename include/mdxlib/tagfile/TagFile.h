@@ -26,6 +26,11 @@
 class DcmDataset;
 class QDataStream;
 
+namespace Lmg {
+class DicomDirectoryEntry;
+class SeriesInfo;
+} // namespace Lmg
+
 namespace Mdx {
 
 struct VolumeInfo;
@@ -140,6 +145,33 @@ public:
     // those outside volumes with pixels, a middle one of each kind of
     // stack, all of a short series.
     void selectPreviewImages2D(QList<QByteArray>& sopUIDs);
+
+    // ---- Database sync ----
+    //
+    // Paths in a tag file read from disk can't be trusted: files move and
+    // series go. The study's directory entry from the database (GetStudy,
+    // then GetSeries with images) is what holds.
+
+    // Gives every image and volume its present path from study and removes
+    // the series the database does not list. True when everything the
+    // database lists was found. An empty tag file, or one left without
+    // series, becomes the skeleton of copyDatabaseValuesIntoTagMap (false).
+    bool syncWithDatabase(std::shared_ptr<Lmg::DicomDirectoryEntry> study);
+    // Replaces the tree by a skeleton built from the database alone: study,
+    // series and bare images (UID, path, Pixel Data omitted), the study
+    // marked with (0006,7107) = 1, so that a study can be shown before it
+    // has been analysed.
+    void copyDatabaseValuesIntoTagMap(Lmg::DicomDirectoryEntry const& study);
+    // Puts each image's path of info into (0006,7100); with createImages the
+    // images are made under series first. Images the tag file lacks clear
+    // allFound. The result counts the images that got a path.
+    int addDicomFilePaths(TagMap* series, Lmg::SeriesInfo* info, bool createImages, bool& allFound);
+    // Gives the volume of entry's volume file (the part number in
+    // "_part<n>" names it) its file name; with createVolume the volume is
+    // made first.
+    void addVolumeFilePath(TagMap* series, Lmg::DicomDirectoryEntry const& entry, bool createVolume);
+    // Deletes the images of series that have no (0006,7100).
+    void removeImagesWithoutFilename(TagMap* series);
 
     // ---- Other ----
 
