@@ -175,5 +175,12 @@ run 3 "catalog ls of a damaged file" catalog ls --catalog="$W/bad.sqlite"
 XDG_DATA_HOME="$W/xdg" run 0 "catalog default file" catalog add -q moved
 [ -f xdg/mdxlib/catalog.sqlite ] || fail "the default catalog lies in XDG_DATA_HOME/mdxlib/"
 
+# ---- sync: without a tag file a skeleton from the catalog, then the paths kept
+run 0 "sync builds a skeleton" sync --json --meta meta --catalog="$W/c.sqlite" $STUDY
+json "d['skeleton'] and d['after']['images'] == 9 and d['after']['imagesWithPath'] == 9" "sync --json"
+run 0 "sync again" sync --meta meta --catalog="$W/c.sqlite" $STUDY
+has out "images with a path 9 -> 9" "a second sync keeps every path"
+run 2 "sync of a study the catalog lacks" sync --meta meta --catalog="$W/c.sqlite" 1.2.3
+
 [ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

@@ -31,14 +31,6 @@ namespace {
 
 using Lmg::Catalog;
 
-OptionSpec const& catalogOption()
-{
-    static OptionSpec const option{"--catalog", 0, "CONNECTION",
-                                   "an SQLite file (PATH, sqlite:PATH) or a postgresql:// URL "
-                                   "(default: MDX_CATALOG)"};
-    return option;
-}
-
 CommandSpec const& addSpec()
 {
     static CommandSpec const spec{

@@ -17,5 +17,6 @@ int lsCommand(Arguments const& args);
 int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);
+int syncCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -31,6 +31,14 @@ OptionSpec const& metaOption()
     return option;
 }
 
+OptionSpec const& catalogOption()
+{
+    static OptionSpec const option{"--catalog", 0, "CONNECTION",
+                                   "an SQLite file (PATH, sqlite:PATH) or a postgresql:// URL "
+                                   "(default: MDX_CATALOG)"};
+    return option;
+}
+
 OptionSpec const& jsonOption()
 {
     static OptionSpec const option{"--json", 0, nullptr,

@@ -35,6 +35,7 @@ OptionSpec const& quietOption();
 OptionSpec const& verboseOption();
 OptionSpec const& metaOption();
 OptionSpec const& jsonOption();
+OptionSpec const& catalogOption();
 
 struct ParsedArguments
 {

@@ -30,6 +30,7 @@ void printUsage(std::FILE* out)
                "  catalog add PATH...   record the studies, series and images of DICOM files in\n"
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
+               "  sync STUDYUID         make a study's tag file agree with the catalog\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -57,6 +58,7 @@ int main(int argc, char** argv)
         {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
+        {"sync", mdxtool::syncCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
