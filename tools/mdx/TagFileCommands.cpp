@@ -183,16 +183,21 @@ int listFolder(QString const& folder, bool json)
                                        {"path", row.path}});
         printJson(QJsonObject{{"folder", folder}, {"studies", studies}});
     } else {
+        // Columns as wide as their longest entry: UIDs vary, and dates are
+        // not always the eight digits DICOM asks for.
         int uidWidth = 9;
-        for (StudyRow const& row : rows)
+        int dateWidth = 8;
+        for (StudyRow const& row : rows) {
             uidWidth = std::max(uidWidth, static_cast<int>(row.uid.size()));
-        std::printf("%-*s  %-24s  %-8s  %6s  %6s  %10s\n", uidWidth, "STUDY UID", "PATIENT", "DATE", "SERIES",
-                    "IMAGES", "BYTES");
+            dateWidth = std::max(dateWidth, static_cast<int>(row.date.size()));
+        }
+        std::printf("%-*s  %-24s  %-*s  %6s  %6s  %10s\n", uidWidth, "STUDY UID", "PATIENT", dateWidth,
+                    "DATE", "SERIES", "IMAGES", "BYTES");
         qint64 images = 0, bytes = 0;
         for (StudyRow const& row : rows) {
-            std::printf("%-*s  %-24s  %-8s  %6d  %6d  %10lld\n", uidWidth, row.uid.constData(),
-                        row.patient.left(24).constData(), row.date.constData(), row.series, row.images,
-                        static_cast<long long>(row.bytes));
+            std::printf("%-*s  %-24s  %-*s  %6d  %6d  %10lld\n", uidWidth, row.uid.constData(),
+                        row.patient.left(24).constData(), dateWidth, row.date.constData(), row.series,
+                        row.images, static_cast<long long>(row.bytes));
             images += row.images;
             bytes += row.bytes;
         }
