@@ -31,9 +31,9 @@ namespace {
 
 using Lmg::Catalog;
 
-CommandSpec const& addSpec()
+CommandSyntax const& addSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "catalog add",
         "PATH...",
         "Records the DICOM files in the given files and folders (recursively) in the study\n"
@@ -41,19 +41,19 @@ CommandSpec const& addSpec()
         "a file again changes nothing; a file found under a new path gets that path. Files\n"
         "that are not DICOM images are counted and skipped.",
         {helpOption(), quietOption(), verboseOption(), catalogOption()}};
-    return spec;
+    return syntax;
 }
 
-CommandSpec const& lsSpec()
+CommandSyntax const& lsSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "catalog ls",
         "[STUDYUID]",
         "Without an argument, lists the studies of the catalog: study UID, patient, date,\n"
         "series and images. With a Study Instance UID, lists that study's series: number,\n"
         "modality, images, UID and description.",
         {helpOption(), jsonOption(), catalogOption()}};
-    return spec;
+    return syntax;
 }
 
 std::unique_ptr<Catalog> openCatalog(ParsedArguments const& parsed, ExitCode onFailure, int& exitStatus)
@@ -113,12 +113,12 @@ McResult record(Catalog& catalog, Mdx::TagMap const& image, QByteArray const& pa
 
 int addCommand(Arguments const& args)
 {
-    CommandSpec const& spec = addSpec();
+    CommandSyntax const& syntax = addSyntax();
     ParsedArguments parsed;
-    if (auto const done = parseCommand(spec, args, parsed))
+    if (auto const done = parseCommand(syntax, args, parsed))
         return *done;
     if (parsed.positional.empty())
-        return usageError(spec, "missing PATH");
+        return usageError(syntax, "missing PATH");
     int exitStatus = status(ExitCode::Ok);
     std::unique_ptr<Catalog> catalog = openCatalog(parsed, ExitCode::OutputError, exitStatus);
     if (!catalog)
@@ -261,12 +261,12 @@ int listStudy(Catalog& catalog, std::string const& studyUID, bool json)
 
 int catalogLsCommand(Arguments const& args)
 {
-    CommandSpec const& spec = lsSpec();
+    CommandSyntax const& syntax = lsSyntax();
     ParsedArguments parsed;
-    if (auto const done = parseCommand(spec, args, parsed))
+    if (auto const done = parseCommand(syntax, args, parsed))
         return *done;
     if (parsed.positional.size() > 1)
-        return usageError(spec, "at most one STUDYUID");
+        return usageError(syntax, "at most one STUDYUID");
     int exitStatus = status(ExitCode::Ok);
     std::unique_ptr<Catalog> catalog = openCatalog(parsed, ExitCode::UnreadableInput, exitStatus);
     if (!catalog)

@@ -6,53 +6,53 @@
 
 namespace mdxtool {
 
-OptionSpec const& helpOption()
+OptionSyntax const& helpOption()
 {
-    static OptionSpec const option{"--help", 'h', nullptr, "show this help and exit"};
+    static OptionSyntax const option{"--help", 'h', nullptr, "show this help and exit"};
     return option;
 }
 
-OptionSpec const& quietOption()
+OptionSyntax const& quietOption()
 {
-    static OptionSpec const option{"--quiet", 'q', nullptr, "no progress line"};
+    static OptionSyntax const option{"--quiet", 'q', nullptr, "no progress line"};
     return option;
 }
 
-OptionSpec const& verboseOption()
+OptionSyntax const& verboseOption()
 {
-    static OptionSpec const option{"--verbose", 'v', nullptr, "name every file that was skipped, and why"};
+    static OptionSyntax const option{"--verbose", 'v', nullptr, "name every file that was skipped, and why"};
     return option;
 }
 
-OptionSpec const& metaOption()
+OptionSyntax const& metaOption()
 {
-    static OptionSpec const option{"--meta", 0, "DIR",
-                                   "the meta folder (else MDX_META_FOLDER, else ./meta/)"};
+    static OptionSyntax const option{"--meta", 0, "DIR",
+                                     "the meta folder (else MDX_META_FOLDER, else ./meta/)"};
     return option;
 }
 
-OptionSpec const& catalogOption()
+OptionSyntax const& catalogOption()
 {
-    static OptionSpec const option{"--catalog", 0, "CONNECTION",
-                                   "an SQLite file (PATH, sqlite:PATH) or a postgresql:// URL "
-                                   "(default: MDX_CATALOG)"};
+    static OptionSyntax const option{"--catalog", 0, "CONNECTION",
+                                     "an SQLite file (PATH, sqlite:PATH) or a postgresql:// URL "
+                                     "(default: MDX_CATALOG)"};
     return option;
 }
 
-OptionSpec const& jsonOption()
+OptionSyntax const& jsonOption()
 {
-    static OptionSpec const option{"--json", 0, nullptr,
-                                   "one JSON document on standard output instead of text"};
+    static OptionSyntax const option{"--json", 0, nullptr,
+                                     "one JSON document on standard output instead of text"};
     return option;
 }
 
 namespace {
 
-void printUsage(CommandSpec const& command, std::FILE* out)
+void printUsage(CommandSyntax const& command, std::FILE* out)
 {
     std::fprintf(out, "usage: mdx %s [OPTION]... %s\n\n%s\n\noptions:\n", command.name, command.arguments,
                  command.description);
-    for (OptionSpec const& option : command.options) {
+    for (OptionSyntax const& option : command.options) {
         std::string left = option.shortName ? std::string("-") + option.shortName + ", " : "    ";
         left += option.name;
         if (option.valueName)
@@ -61,18 +61,18 @@ void printUsage(CommandSpec const& command, std::FILE* out)
     }
 }
 
-OptionSpec const* findLong(CommandSpec const& command, std::string const& name)
+OptionSyntax const* findLong(CommandSyntax const& command, std::string const& name)
 {
-    for (OptionSpec const& option : command.options) {
+    for (OptionSyntax const& option : command.options) {
         if (name == option.name)
             return &option;
     }
     return nullptr;
 }
 
-OptionSpec const* findShort(CommandSpec const& command, char name)
+OptionSyntax const* findShort(CommandSyntax const& command, char name)
 {
-    for (OptionSpec const& option : command.options) {
+    for (OptionSyntax const& option : command.options) {
         if (option.shortName == name)
             return &option;
     }
@@ -85,7 +85,7 @@ bool startsOption(std::string const& arg)
 }
 
 // The parse itself; an error text, empty when the arguments are understood.
-std::string parse(CommandSpec const& command, std::vector<std::string> const& args, ParsedArguments& parsed)
+std::string parse(CommandSyntax const& command, std::vector<std::string> const& args, ParsedArguments& parsed)
 {
     bool optionsEnded = false;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -97,7 +97,7 @@ std::string parse(CommandSpec const& command, std::vector<std::string> const& ar
         } else if (arg.compare(0, 2, "--") == 0) {
             size_t const equals = arg.find('=');
             std::string const name = arg.substr(0, equals);
-            OptionSpec const* option = findLong(command, name);
+            OptionSyntax const* option = findLong(command, name);
             if (!option)
                 return "unknown option '" + name + "'";
             if (!option->valueName) {
@@ -118,7 +118,7 @@ std::string parse(CommandSpec const& command, std::vector<std::string> const& ar
                 values.push_back(args[++i]);
         } else {
             for (size_t k = 1; k < arg.size(); ++k) {
-                OptionSpec const* option = findShort(command, arg[k]);
+                OptionSyntax const* option = findShort(command, arg[k]);
                 if (!option || option->valueName)
                     return std::string("unknown option '-") + arg[k] + "'";
                 parsed.flags.insert(option->name);
@@ -130,12 +130,12 @@ std::string parse(CommandSpec const& command, std::vector<std::string> const& ar
 
 } // namespace
 
-int usageError(CommandSpec const& command, char const* problem)
+int usageError(CommandSyntax const& command, char const* problem)
 {
     return fail(ExitCode::Usage, "%s: %s (try 'mdx %s --help')", command.name, problem, command.name);
 }
 
-std::optional<int> parseCommand(CommandSpec const& command, std::vector<std::string> const& args,
+std::optional<int> parseCommand(CommandSyntax const& command, std::vector<std::string> const& args,
                                 ParsedArguments& parsed)
 {
     std::string const error = parse(command, args, parsed);

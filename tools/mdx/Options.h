@@ -12,7 +12,7 @@
 
 namespace mdxtool {
 
-struct OptionSpec
+struct OptionSyntax
 {
     char const* name;      // "--meta"
     char shortName;        // 'q', or 0
@@ -21,21 +21,21 @@ struct OptionSpec
     bool multiValued = false; // "--series A B C": the values up to the next option
 };
 
-struct CommandSpec
+struct CommandSyntax
 {
     char const* name;        // "scan"
     char const* arguments;   // "PATH..."
     char const* description; // what the command does, a paragraph
-    std::vector<OptionSpec> options;
+    std::vector<OptionSyntax> options;
 };
 
 // -h/--help, -q/--quiet and -v/--verbose, worded alike for every command.
-OptionSpec const& helpOption();
-OptionSpec const& quietOption();
-OptionSpec const& verboseOption();
-OptionSpec const& metaOption();
-OptionSpec const& jsonOption();
-OptionSpec const& catalogOption();
+OptionSyntax const& helpOption();
+OptionSyntax const& quietOption();
+OptionSyntax const& verboseOption();
+OptionSyntax const& metaOption();
+OptionSyntax const& jsonOption();
+OptionSyntax const& catalogOption();
 
 struct ParsedArguments
 {
@@ -54,10 +54,10 @@ struct ParsedArguments
 // Parses args for command. With --help, prints the usage on standard output
 // and gives exit status 0; on an error, one line on standard error and the
 // usage status. Otherwise no value: the command goes on with parsed.
-std::optional<int> parseCommand(CommandSpec const& command, std::vector<std::string> const& args,
+std::optional<int> parseCommand(CommandSyntax const& command, std::vector<std::string> const& args,
                                 ParsedArguments& parsed);
 
 // A wrong count of positional arguments, reported as parseCommand does.
-int usageError(CommandSpec const& command, char const* problem);
+int usageError(CommandSyntax const& command, char const* problem);
 
 } // namespace mdxtool

@@ -27,16 +27,16 @@ namespace {
 
 // Parsing is spread over the cores; the trees still take the images in
 // file order, so the tag files do not depend on the number of jobs.
-OptionSpec const& jobsOption()
+OptionSyntax const& jobsOption()
 {
-    static OptionSpec const option{"--jobs", 'j', "N",
-                                   "read files on N threads (default: the number of cores)"};
+    static OptionSyntax const option{"--jobs", 'j', "N",
+                                     "read files on N threads (default: the number of cores)"};
     return option;
 }
 
-CommandSpec const& scanSpec()
+CommandSyntax const& scanSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "scan",
         "PATH...",
         "Reads every DICOM file in the given files and folders (recursively) into one study\n"
@@ -46,12 +46,12 @@ CommandSpec const& scanSpec()
         "that are not DICOM, images without UIDs and repeated SOP Instance UIDs are counted apart\n"
         "and skipped.",
         {helpOption(), quietOption(), verboseOption(), jsonOption(), jobsOption()}};
-    return spec;
+    return syntax;
 }
 
-CommandSpec const& buildSpec()
+CommandSyntax const& buildSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "build",
         "PATH...",
         "Scans as `mdx scan` does and writes one tag file per study into the meta folder, which\n"
@@ -65,7 +65,7 @@ CommandSpec const& buildSpec()
          jobsOption(),
          {"--store-paths", 0, nullptr, "record each image's file path in its tag file"},
          {"--force", 0, nullptr, "replace tag files even when they hold more images"}}};
-    return spec;
+    return syntax;
 }
 
 long long ll(int64_t value)
@@ -131,7 +131,8 @@ ScanResult scan(ParsedArguments const& parsed, ScanOptions const& options, Progr
 
 // The scan options of the command line; an error line and the usage status
 // for a --jobs that is not a count.
-std::optional<int> scanOptions(CommandSpec const& spec, ParsedArguments const& parsed, ScanOptions& options)
+std::optional<int> scanOptions(CommandSyntax const& syntax, ParsedArguments const& parsed,
+                               ScanOptions& options)
 {
     options.verbose = parsed.has("--verbose");
     options.storeFilePaths = parsed.has("--store-paths");
@@ -141,7 +142,7 @@ std::optional<int> scanOptions(CommandSpec const& spec, ParsedArguments const& p
         char* end = nullptr;
         long const value = std::strtol(jobs.c_str(), &end, 10);
         if (*end != '\0' || value < 1 || value > 256)
-            return usageError(spec, "--jobs takes a count from 1 to 256");
+            return usageError(syntax, "--jobs takes a count from 1 to 256");
         options.jobs = static_cast<int>(value);
     }
     return std::nullopt;
@@ -179,12 +180,12 @@ std::string prepareFolder(std::string const& folder, bool& created)
 int scanCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(scanSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(scanSyntax(), args, parsed))
         return *done;
     if (parsed.positional.empty())
-        return usageError(scanSpec(), "no PATH given");
+        return usageError(scanSyntax(), "no PATH given");
     ScanOptions options;
-    if (std::optional<int> const bad = scanOptions(scanSpec(), parsed, options))
+    if (std::optional<int> const bad = scanOptions(scanSyntax(), parsed, options))
         return *bad;
     bool const json = parsed.has("--json");
     Progress progress(!parsed.has("--quiet"));
@@ -230,12 +231,12 @@ int scanCommand(Arguments const& args)
 int buildCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(buildSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(buildSyntax(), args, parsed))
         return *done;
     if (parsed.positional.empty())
-        return usageError(buildSpec(), "no PATH given");
+        return usageError(buildSyntax(), "no PATH given");
     ScanOptions options;
-    if (std::optional<int> const bad = scanOptions(buildSpec(), parsed, options))
+    if (std::optional<int> const bad = scanOptions(buildSyntax(), parsed, options))
         return *bad;
     if (!parsed.value("--meta").empty())
         Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());

@@ -22,9 +22,9 @@ namespace mdxtool {
 
 namespace {
 
-CommandSpec const& syncSpec()
+CommandSyntax const& syncSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "sync",
         "STUDYUID",
         "Makes the study's tag file agree with the catalog: every image gets the path the\n"
@@ -32,7 +32,7 @@ CommandSpec const& syncSpec()
         "removed. Without a tag file, a skeleton study is built from the catalog alone. The\n"
         "tag file is written back; the counts before and after are printed.",
         {helpOption(), jsonOption(), metaOption(), catalogOption()}};
-    return spec;
+    return syntax;
 }
 
 struct Counts
@@ -61,10 +61,10 @@ QJsonObject countsJson(Counts const& counts)
 int syncCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(syncSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(syncSyntax(), args, parsed))
         return *done;
     if (parsed.positional.size() != 1)
-        return usageError(syncSpec(), "give one STUDYUID");
+        return usageError(syncSyntax(), "give one STUDYUID");
     std::string const studyUID = parsed.positional.front();
     if (!parsed.value("--meta").empty())
         Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());

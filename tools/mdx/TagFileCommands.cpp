@@ -26,9 +26,9 @@ namespace mdxtool {
 
 namespace {
 
-CommandSpec const& lsSpec()
+CommandSyntax const& lsSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "ls",
         "[FOLDER | TAGFILE | STUDYUID]",
         "Without an argument, or with a folder, lists the studies of the tag files in it\n"
@@ -40,31 +40,32 @@ CommandSpec const& lsSpec()
          jsonOption(),
          metaOption(),
          {"--images", 0, nullptr, "list every image of a study too"}}};
-    return spec;
+    return syntax;
 }
 
-CommandSpec const& dumpSpec()
+CommandSyntax const& dumpSyntax()
 {
-    static CommandSpec const spec{
+    static CommandSyntax const syntax{
         "dump",
         "TAGFILE|STUDYUID [SOPUID]",
         "With a SOP Instance UID: every attribute that image shows, inherited ones included.\n"
         "Without: what each node of the tree stores itself (study, series, images), with\n"
         "missing (--) and omitted (..) markers. Values of 61 characters and more are cut.",
         {helpOption(), metaOption(), {"--full", 0, nullptr, "show long values whole"}}};
-    return spec;
+    return syntax;
 }
 
-CommandSpec const& rmSpec()
+CommandSyntax const& rmSyntax()
 {
-    static CommandSpec const spec{"rm",
-                                  "STUDYUID",
-                                  "Deletes the study's tag file, or only the given series or images from it.",
-                                  {helpOption(),
-                                   metaOption(),
-                                   {"--series", 0, "UID", "remove these series", true},
-                                   {"--images", 0, "UID", "remove these images", true}}};
-    return spec;
+    static CommandSyntax const syntax{
+        "rm",
+        "STUDYUID",
+        "Deletes the study's tag file, or only the given series or images from it.",
+        {helpOption(),
+         metaOption(),
+         {"--series", 0, "UID", "remove these series", true},
+         {"--images", 0, "UID", "remove these images", true}}};
+    return syntax;
 }
 
 void applyMeta(ParsedArguments const& parsed)
@@ -296,10 +297,10 @@ void printStudy(Mdx::TagFile const& file, bool withImages)
 int lsCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(lsSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(lsSyntax(), args, parsed))
         return *done;
     if (parsed.positional.size() > 1)
-        return usageError(lsSpec(), "one FOLDER, TAGFILE or STUDYUID at most");
+        return usageError(lsSyntax(), "one FOLDER, TAGFILE or STUDYUID at most");
     applyMeta(parsed);
     bool const json = parsed.has("--json");
 
@@ -327,10 +328,10 @@ int lsCommand(Arguments const& args)
 int dumpCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(dumpSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(dumpSyntax(), args, parsed))
         return *done;
     if (parsed.positional.empty() || parsed.positional.size() > 2)
-        return usageError(dumpSpec(), "a TAGFILE or STUDYUID, and at most one SOPUID");
+        return usageError(dumpSyntax(), "a TAGFILE or STUDYUID, and at most one SOPUID");
     applyMeta(parsed);
 
     Mdx::TagFile file;
@@ -363,12 +364,12 @@ int dumpCommand(Arguments const& args)
 int rmCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(rmSpec(), args, parsed))
+    if (std::optional<int> const done = parseCommand(rmSyntax(), args, parsed))
         return *done;
     bool const series = parsed.values.count("--series") > 0;
     bool const images = parsed.values.count("--images") > 0;
     if (parsed.positional.size() != 1 || (series && images))
-        return usageError(rmSpec(), "one STUDYUID, and --series or --images, not both");
+        return usageError(rmSyntax(), "one STUDYUID, and --series or --images, not both");
     applyMeta(parsed);
 
     std::string const& study = parsed.positional[0];
