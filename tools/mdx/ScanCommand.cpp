@@ -124,16 +124,16 @@ std::optional<int> emptyScan(ScanResult const& result, std::vector<std::string> 
                 ll(result.files));
 }
 
-ScanResult scan(ParsedArguments const& parsed, ScanOptions const& options, Progress& progress)
+// The command line of scan and build: parsed, with at least one PATH and a
+// --jobs that is a count. Otherwise the exit status (after --help, or an
+// error line and the usage status).
+std::optional<int> parseScan(CommandSyntax const& syntax, Arguments const& args, ParsedArguments& parsed,
+                             ScanOptions& options)
 {
-    return scanPaths(parsed.positional, options, progress);
-}
-
-// The scan options of the command line; an error line and the usage status
-// for a --jobs that is not a count.
-std::optional<int> scanOptions(CommandSyntax const& syntax, ParsedArguments const& parsed,
-                               ScanOptions& options)
-{
+    if (std::optional<int> const done = parseCommand(syntax, args, parsed))
+        return done;
+    if (parsed.positional.empty())
+        return usageError(syntax, "no PATH given");
     options.verbose = parsed.has("--verbose");
     options.storeFilePaths = parsed.has("--store-paths");
     options.jobs = Mdx::defaultLoadJobs();
@@ -180,16 +180,12 @@ std::string prepareFolder(std::string const& folder, bool& created)
 int scanCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(scanSyntax(), args, parsed))
-        return *done;
-    if (parsed.positional.empty())
-        return usageError(scanSyntax(), "no PATH given");
     ScanOptions options;
-    if (std::optional<int> const bad = scanOptions(scanSyntax(), parsed, options))
-        return *bad;
+    if (std::optional<int> const done = parseScan(scanSyntax(), args, parsed, options))
+        return *done;
     bool const json = parsed.has("--json");
     Progress progress(!parsed.has("--quiet"));
-    ScanResult const result = scan(parsed, options, progress);
+    ScanResult const result = scanPaths(parsed.positional, options, progress);
     if (std::optional<int> const empty = emptyScan(result, parsed.positional))
         return *empty;
 
@@ -231,13 +227,9 @@ int scanCommand(Arguments const& args)
 int buildCommand(Arguments const& args)
 {
     ParsedArguments parsed;
-    if (std::optional<int> const done = parseCommand(buildSyntax(), args, parsed))
-        return *done;
-    if (parsed.positional.empty())
-        return usageError(buildSyntax(), "no PATH given");
     ScanOptions options;
-    if (std::optional<int> const bad = scanOptions(buildSyntax(), parsed, options))
-        return *bad;
+    if (std::optional<int> const done = parseScan(buildSyntax(), args, parsed, options))
+        return *done;
     if (!parsed.value("--meta").empty())
         Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
     std::string const meta = Mdx::TagFile::metaFolder();
@@ -249,7 +241,7 @@ int buildCommand(Arguments const& args)
 
     bool const json = parsed.has("--json");
     Progress progress(!parsed.has("--quiet"));
-    ScanResult const result = scan(parsed, options, progress);
+    ScanResult const result = scanPaths(parsed.positional, options, progress);
     if (std::optional<int> const empty = emptyScan(result, parsed.positional)) {
         if (created)
             rmdir(meta.c_str()); // leave no trace of a build that wrote nothing
