@@ -19,6 +19,8 @@
 
 #include <libdeflate.h>
 
+#include "BenchSupport.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -67,25 +69,9 @@ struct Options
     QString read; // an existing tag file: only its read figures
 };
 
-using Clock = std::chrono::steady_clock;
-
-template <typename Body> double timeMsec(Body body)
-{
-    auto const start = Clock::now();
-    body();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// Median of several runs in this process; run() returns its own timing so
-// that setup and teardown (deleting a tree) can stay outside it.
-template <typename Run> double medianMsec(int runs, Run run)
-{
-    std::vector<double> times;
-    for (int i = 0; i < runs; ++i)
-        times.push_back(run());
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
-}
+using mdxbench::Clock;
+using mdxbench::medianMsec;
+using mdxbench::timeMsec;
 
 // Fresh heap pages cost a fault each, several microseconds in a virtual
 // machine: a read that cannot reuse freed memory pays thousands of them.
@@ -118,20 +104,7 @@ std::string timeOfDay(double seconds, bool fraction)
 
 QString findSample(Options const& options)
 {
-    if (!options.sample.isEmpty())
-        return options.sample;
-    QStringList roots;
-    if (char const* env = std::getenv("MDX_SAMPLES"))
-        roots << QString::fromLocal8Bit(env);
-    if (char const* env = std::getenv("XDG_CACHE_HOME"))
-        roots << QString::fromLocal8Bit(env) + "/mdxlib/samples";
-    roots << QDir::homePath() + "/.cache/mdxlib/samples";
-    for (QString const& root : roots) {
-        QString const path = root + "/pydicom/CT_small.dcm";
-        if (QFileInfo::exists(path))
-            return path;
-    }
-    return QString();
+    return options.sample.isEmpty() ? mdxbench::findSampleFile("pydicom/CT_small.dcm") : options.sample;
 }
 
 void setString(DcmDataset* dataset, DcmTagKey const& key, std::string const& value)
