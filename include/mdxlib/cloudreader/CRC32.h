@@ -9,13 +9,13 @@ namespace Kz {
 class MDX_EXPORT CRC32
 {
 public:
-    // Starts a new sum. The first call in the process builds the table.
+    // Starts a new sum.
     void reset();
     void addData(char const* data, int length);
     unsigned int getCRC() const;
 
 private:
-    unsigned int mCrc = 0xFFFFFFFFu;
+    unsigned int mCrc = 0; // the CRC of the data so far
 };
 
 } // namespace Kz
