@@ -87,5 +87,17 @@ has err 'have the same name' "twins named"
 cmp -s old.kz c.kz || fail "a failed create leaves the old container"
 [ -z "$(ls -A | grep '\.part$')" ] || fail "no part file is left"
 
+# A disk that fills up: the file size limit stops the writes with EFBIG.
+(
+  ulimit -f 64
+  trap '' XFSZ
+  "$MDX" kz create -q full.kz in/a.dcm in/b.dcm >out 2>err
+  echo $? >status
+)
+[ "$(cat status)" -eq 5 ] || fail "a write that fails: exit $(cat status): $(head -c 300 err)"
+has err '^mdx: cannot write full.kz: Could not write to full.kz: File too large; I/O error$' "the failed write says why"
+[ "$(wc -l < err)" -eq 1 ] || fail "the failed write: one line"
+[ ! -e full.kz ] && [ -z "$(ls -A | grep '\.part$')" ] || fail "a failed write leaves nothing"
+
 [ "$FAILS" -eq 0 ] || { echo "$FAILS failures" >&2; exit 1; }
 echo "all passed"

@@ -24,11 +24,14 @@ public:
 
 protected:
     void resetHash();
+    // errno of the first write the file system did not take whole, or 0.
+    int writeErrno() const;
     qint64 writeData(char const* data, qint64 length) override;
 
 private:
     QCryptographicHash mHash;
     qint64 mWritten = 0;
+    int mWriteErrno = 0;
 };
 
 } // namespace Kz

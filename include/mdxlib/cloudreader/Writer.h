@@ -89,8 +89,12 @@ private:
     void copyMember(FileInZip& entry);
     // Throws when the stream failed to write.
     void checkStream();
+    // Why a write failed: the system's reason where one is known (lastErrno
+    // is errno right after a failed call of the caller's), else Qt's.
+    std::string writeError(int lastErrno = 0) const;
     void reportProgress(std::size_t written);
 
+    QString mTarget; // the container's path, while the file has its working name
     QDataStream mStream;
     FileInZip mTable;
     std::vector<FileInZip> mFiles;

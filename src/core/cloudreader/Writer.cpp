@@ -173,6 +173,7 @@ bool Writer::write(QString const& containerPath, std::vector<QString> const& inp
     // place when complete: a failure then removes only what this call
     // created, and a file that was at containerPath (an older container, or
     // one of the inputs) is neither truncated nor removed.
+    mTarget = containerPath;
     setFileName(partPath(containerPath));
     resetHash();
     bool created = false;
@@ -204,14 +205,19 @@ bool Writer::write(QString const& containerPath, std::vector<QString> const& inp
                                         static_cast<unsigned short>(mFiles.size()));
 
         mStream.setDevice(nullptr);
-        if (!flush())
-            throw std::runtime_error("Could not write " + text(containerPath) + ": " + text(errorString()));
+        errno = 0;
+        if (!flush()) {
+            int const lastErrno = errno;
+            throw std::runtime_error("Could not write to " + text(containerPath) + ": " +
+                                     writeError(lastErrno));
+        }
         close();
         if (error() != QFileDevice::NoError)
-            throw std::runtime_error("Could not write " + text(containerPath) + ": " + text(errorString()));
+            throw std::runtime_error("Could not write to " + text(containerPath) + ": " + writeError());
         if (std::rename(QFile::encodeName(fileName()).constData(),
                         QFile::encodeName(containerPath).constData()) != 0)
-            throw std::runtime_error("Could not write " + text(containerPath) + ": " + std::strerror(errno));
+            throw std::runtime_error("Could not write to " + text(containerPath) + ": " +
+                                     std::strerror(errno));
         setFileName(containerPath);
         return true;
     } catch (std::exception const& error) {
@@ -264,10 +270,21 @@ void Writer::createOffsetTable()
     mTable.expectedHeaderOffset = 0;
 }
 
+std::string Writer::writeError(int lastErrno) const
+{
+    if (writeErrno() != 0)
+        return std::strerror(writeErrno());
+    if (lastErrno != 0)
+        return std::strerror(lastErrno);
+    if (error() != QFileDevice::NoError)
+        return text(errorString());
+    return "the data was not all written";
+}
+
 void Writer::checkStream()
 {
     if (mStream.status() != QDataStream::Ok) {
-        *mMessages << "Could not write to " << text(fileName()) << ": " << text(errorString()) << '\n';
+        *mMessages << "Could not write to " << text(mTarget) << ": " << writeError() << '\n';
         throw std::runtime_error("I/O error");
     }
 }
