@@ -18,10 +18,12 @@
 #include <QTemporaryDir>
 
 #include <sstream>
+#include <type_traits>
 
 namespace {
 
 using Kz::Writer;
+static_assert(std::is_base_of_v<Writer::MD5File, Writer> && std::is_base_of_v<QFile, Writer::MD5File>);
 using Member = std::pair<QString, QByteArray>;
 
 QByteArray noise(int size, quint32 seed)
@@ -225,6 +227,12 @@ TEST(KzWriter, refusesInputsBeforeWritingAnything)
         EXPECT_FALSE(QFileInfo::exists(dir.path() + "/out.kz"));
     }
     EXPECT_EQ(filesIn(dir.path()), (QStringList{"a.dcm", "same.dcm"}));
+
+    QString const nowhere = dir.path() + "/no/such/folder/out.kz";
+    Written const written = writeContainer(nowhere, {files[0]});
+    EXPECT_FALSE(written.ok);
+    EXPECT_EQ(written.messages,
+              "Cannot open " + nowhere.toStdString() + " for writing: No such file or directory\n");
 }
 
 // A file that changes between its measurement and its copy: the progress
