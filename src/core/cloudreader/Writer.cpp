@@ -152,6 +152,12 @@ bool Writer::collectInputs(std::vector<QString> const& inputFiles)
         FileInZip file;
         file.path = path;
         file.name = info.fileName().toUtf8();
+        // Name lengths are 16-bit fields; no file system here makes longer
+        // names, but a wrapped length would misplace every later byte.
+        if (file.name.size() > 0xFFFF) {
+            *mMessages << "Input file " << text(path) << " has too long a name.\n";
+            return false;
+        }
         auto const [previous, isNew] = names.emplace(file.name, path);
         if (!isNew) {
             *mMessages << "Input files " << text(previous->second) << " and " << text(path)
