@@ -32,6 +32,12 @@ void printUsage(std::FILE* out)
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
                "  merge TAGFILE...      fold partial tag files into their studies' tag files\n"
+               "  kz create OUT.kz FILE...\n"
+               "                        pack files into a .kz container\n"
+               "  kz ls CONTAINER       list a container's members\n"
+               "  kz cat CONTAINER MEMBER\n"
+               "                        write a member's bytes to standard output\n"
+               "  kz name KEY [INDEX]   print the file name of a container made for KEY\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -60,6 +66,7 @@ int main(int argc, char** argv)
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
         {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
+        {"kz", mdxtool::kzCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
