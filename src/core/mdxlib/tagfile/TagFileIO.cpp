@@ -19,6 +19,7 @@
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McWatch.h>
 #include <mdxlib/tagfile/Compression.h>
+#include <mdxlib/tagfile/FileLock.h>
 #include <mdxlib/tags/TagMapSerializer.h>
 #include <mdxlib/volumes/Volume.h>
 
@@ -362,9 +363,21 @@ bool TagFile::readCacheFile(QString const& path, char const* studyUID, bool keep
         if (!mFile.exists())
             return false;
         // Another process may hold the file for a moment while it writes.
-        for (int retries = 0; !mFile.open(QIODevice::ReadWrite); ++retries) {
-            if (mFile.error() == QFileDevice::OpenError || retries >= kOpenRetries)
+        // The file is read to be changed and written back: the exclusive
+        // lock keeps a second such writer out, and a refusal counts as a
+        // failed open, retried alike.
+        for (int retries = 0;; ++retries) {
+            if (mFile.open(QIODevice::ReadWrite)) {
+                if (tryLockExclusive(mFile.handle()))
+                    break;
+                mFile.close();
+            } else if (mFile.error() == QFileDevice::OpenError) {
                 return false;
+            }
+            if (retries >= kOpenRetries) {
+                log().tracef(McLogFile::LevelWarning, kCategory, "Tag file %s is busy", localPath.constData());
+                return false;
+            }
             QThread::msleep(kOpenRetryMsec);
         }
     } else if (!mFile.open(QIODevice::ReadOnly)) {
