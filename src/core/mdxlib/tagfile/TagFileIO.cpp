@@ -375,7 +375,8 @@ bool TagFile::readCacheFile(QString const& path, char const* studyUID, bool keep
                 return false;
             }
             if (retries >= kOpenRetries) {
-                log().tracef(McLogFile::LevelWarning, kCategory, "Tag file %s is busy", localPath.constData());
+                log().tracef(McLogFile::LevelWarning, kCategory, "Tag file %s is busy",
+                             localPath.constData());
                 return false;
             }
             QThread::msleep(kOpenRetryMsec);
