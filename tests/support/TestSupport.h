@@ -72,6 +72,18 @@ bool readTagFile(Mdx::TagFile& file, QByteArray const& bytes, char const* study 
 // compare() sees.
 void expectSameStoredTree(Mdx::TagMap const* expected, Mdx::TagMap const* actual);
 
+// One block of a QA history: the step's id and its changes as (key, old,
+// new), key in the form "0010-0010".
+struct HistoryBlock
+{
+    std::string id;
+    std::vector<std::vector<std::string>> changes;
+};
+// Decodes a history value (base64) by the format of its lines: an id line,
+// then three lines per change (key, old, new), then an empty line in place
+// of a key.
+std::vector<HistoryBlock> decodeHistory(QByteArray const& base64);
+
 // Sets or unsets environment variables (rereading the configuration), and
 // puts them back when it goes.
 struct ScopedEnv

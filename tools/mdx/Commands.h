@@ -18,5 +18,7 @@ int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);
 int syncCommand(Arguments const& args);
+int qaCommand(Arguments const& args);
+int updateCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -31,6 +31,10 @@ void printUsage(std::FILE* out)
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
+               "  qa put ID FILE        store QA record ID in the catalog\n"
+               "  qa show ID            print QA record ID step by step\n"
+               "  update STUDYUID JOB.xml\n"
+               "                        run a tag-file update job (edit, move, suffixes)\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -58,7 +62,8 @@ int main(int argc, char** argv)
         {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
-        {"sync", mdxtool::syncCommand},
+        {"sync", mdxtool::syncCommand}, {"update", mdxtool::updateCommand},
+        {"qa", mdxtool::qaCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

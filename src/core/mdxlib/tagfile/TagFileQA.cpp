@@ -288,7 +288,10 @@ bool TagFile::applyQA(QAData& job, QString& error)
         }
 
         if (previewWanted && i < job.fileNames.size() && !job.fileNames[i].isNull())
-            requestPreview(target, uid, job.fileNames[i]);
+            // Copies: the job's texts wrap the caller's strings, which a
+            // maker that keeps them must not outlive.
+            requestPreview(target, QByteArray(uid.constData(), uid.size()),
+                           QByteArray(job.fileNames[i].constData(), job.fileNames[i].size()));
     }
 
     for (QASeriesMove& move : moves) {
