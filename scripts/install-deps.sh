@@ -17,6 +17,7 @@ PACKAGES=(
   nodejs npm
   nginx postgresql
   clang
+  libxml2-utils
 )
 
 echo "== system packages"

@@ -31,4 +31,7 @@ cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
 cmake --build build/tsan --target tagfile_threads_test
 MDX_SAMPLES=$SAMPLES TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
+cmake --build build/tsan --target qa_threads_test
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  build/tsan/tests/core/mdxlib/qa/qa_threads_test || status=$?
 exit $status

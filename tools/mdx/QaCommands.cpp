@@ -245,10 +245,20 @@ int updateCommand(Arguments const& args)
         uidPointers.push_back(uids[i].c_str());
         pathPointers.push_back(paths[i].empty() ? nullptr : paths[i].c_str());
     }
-    // The job's own failure line reaches the user through the log.
-    getTheLogInstance()->setLogLevel(McLogFile::LevelError);
+    // The job says why it failed in the log: its error line becomes the
+    // tool's one line.
+    std::string reason;
+    McLogFile* log = getTheLogInstance();
+    int const level = log->logLevel();
+    log->setLogLevel(McLogFile::LevelError);
+    log->setWriteCallback([&reason](int, std::string const& message) {
+        if (reason.empty())
+            reason = message;
+    });
     int const done = UpdateTagFile(job.constData(), studyUID.c_str(), static_cast<int>(uids.size()),
                                    uidPointers.data(), pathPointers.data());
+    log->setWriteCallback(nullptr);
+    log->setLogLevel(level);
     if (parsed.has("--json")) {
         QJsonObject const out{{"study", QString::fromStdString(studyUID)},
                               {"images", static_cast<int>(uids.size())},
@@ -256,7 +266,8 @@ int updateCommand(Arguments const& args)
         std::fputs(QJsonDocument(out).toJson(QJsonDocument::Indented).constData(), stdout);
     }
     if (done != 1)
-        return fail(ExitCode::ProcessingError, "the update job on study %s failed", studyUID.c_str());
+        return fail(ExitCode::ProcessingError, "the update job on study %s failed: %s", studyUID.c_str(),
+                    reason.empty() ? "no reason given" : reason.c_str());
     if (!parsed.has("--json"))
         std::printf("%s: job applied to %zu image(s)\n", studyUID.c_str(), uids.size());
     return status(ExitCode::Ok);
