@@ -184,6 +184,8 @@ QACache::QACache(Query query)
 {
 }
 
+// Element 0x21 of the creator's block: the edit jobs of TagFile::applyQA
+// name the same element (0071,0021) and write into the same text.
 DcmTag const& QACache::QAHistoryTag()
 {
     static DcmTag const tag = [] {

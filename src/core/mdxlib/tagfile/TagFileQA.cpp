@@ -142,6 +142,21 @@ QByteArray valueAfterJob(TagMap const* image, QAData const& job, DcmTagKey const
     return value;
 }
 
+// Drops the volumes of a series together with every image's volume
+// indices (0006,7103), wherever in the series they are stored: a stale index
+// would name a volume that a later volume file brings in its place.
+void dropVolumes(TagMap* series)
+{
+    series->clearVolumes();
+    series->deleteElement(Tags::VolumeIndices);
+    for (TagMap* image : series->children())
+        image->deleteElement(Tags::VolumeIndices);
+    // A new study takes its first series' values up: hidden there, not
+    // deleted, as other series may inherit them.
+    if (series->findElement(Tags::VolumeIndices))
+        series->markAsMissing(Tags::VolumeIndices);
+}
+
 struct Counts
 {
     int changed = 0;
@@ -287,16 +302,25 @@ bool TagFile::applyQA(QAData& job, QString& error)
             }
         }
 
-        if (previewWanted && i < job.fileNames.size() && !job.fileNames[i].isNull())
+        if (previewWanted && i < job.fileNames.size() && !job.fileNames[i].isNull()) {
             // Copies: the job's texts wrap the caller's strings, which a
             // maker that keeps them must not outlive.
             requestPreview(target, QByteArray(uid.constData(), uid.size()),
                            QByteArray(job.fileNames[i].constData(), job.fileNames[i].size()));
+        }
     }
 
+    // Images of one series that went to several series split it: no part
+    // keeps the volumes, whose images now lie apart. The old series is then
+    // dealt with once, and never touched again once it is deleted.
+    for (QASeriesMove const& move : moves) {
+        auto const sameOld = [&](QASeriesMove const& other) { return other.oldSeries == move.oldSeries; };
+        if (std::count_if(moves.begin(), moves.end(), sameOld) > 1) {
+            dropVolumes(move.oldSeries);
+            dropVolumes(move.newSeries);
+        }
+    }
     for (QASeriesMove& move : moves) {
-        // An old series already deleted by an earlier move of its images
-        // is not touched again.
         if (std::find(working.mSeries.cbegin(), working.mSeries.cend(), move.oldSeries) !=
             working.mSeries.cend())
             working.updateVolumesAfterQA(move);
@@ -335,12 +359,12 @@ void TagFile::updateVolumesAfterQA(QASeriesMove& move)
         return;
     if (!oldSeries->mChildren.isEmpty()) {
         // The series was split: neither part has its volumes any more.
-        newSeries->clearVolumes();
-        oldSeries->clearVolumes();
+        dropVolumes(newSeries);
+        dropVolumes(oldSeries);
         return;
     }
     if (move.numImages != move.numVolumeImages || newSeries->mChildren.size() != move.numImages) {
-        newSeries->clearVolumes();
+        dropVolumes(newSeries);
     } else {
         // The images keep their volume indices (0006,7103): the volumes
         // keep their order, so only the volumes themselves are replaced.

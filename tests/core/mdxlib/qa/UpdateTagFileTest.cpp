@@ -162,6 +162,10 @@ TEST_F(UpdateJob, moveOfPartOfASeriesDropsTheVolumes)
     EXPECT_TRUE(target->findSeries(QByteArray::fromStdString(kSeries1))->volumes().isEmpty());
     EXPECT_EQ(source->images().size(), 4);
     EXPECT_EQ(target->images().size(), 1);
+    // No image keeps an index of a volume that is gone.
+    for (auto const* file : {source.get(), target.get()})
+        for (Mdx::TagMap const* image : file->images())
+            EXPECT_FALSE(image->findElement(Mdx::Tags::VolumeIndices));
 }
 
 TEST_F(UpdateJob, aDamagedOrBusyTargetRefusesTheMoveAndNothingIsTaken)
