@@ -83,28 +83,76 @@ QString findSample(Options const& options)
     return QString();
 }
 
-// The benchmark study of bench_tagfile, image by image into a tree.
+// DICOM TM with microseconds, from seconds since midnight.
+std::string timeOfDay(double seconds, bool fraction)
+{
+    auto const micros = static_cast<long long>(seconds * 1e6 + 0.5);
+    long long const whole = micros / 1000000;
+    std::string text = format("%02lld%02lld%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+    return fraction ? text + format(".%06lld", micros % 1000000) : text;
+}
+
+void setPrivate(DcmDataset* dataset, DcmTagKey const& key, double value, bool integer)
+{
+    DcmElement* element = nullptr;
+    if (dataset->findAndGetElement(key, element).good())
+        integer ? element->putSint32(static_cast<Sint32>(value))
+                : element->putFloat32(static_cast<Float32>(value));
+}
+
+// The benchmark study of bench_tagfile, made the same way (contrast phases
+// with their windows, times stepping with the table, the vendor's private
+// copies of the location), image by image straight into a tree.
 std::vector<std::string> buildStudy(DcmDataset* dataset, int images, Mdx::TagFile& file)
 {
+    struct Look
+    {
+        char const* description;
+        int center;
+        int width;
+    };
+    Look const looks[kSeries] = {{"Non contrast 0.625mm", 35, 400},
+                                 {"Arterial 0.625mm", 40, 400},
+                                 {"Portal venous 0.625mm", 50, 350},
+                                 {"Delayed 0.625mm", 45, 380},
+                                 {"Soft tissue 0.625mm", 40, 420}};
     dataset->findAndDeleteElement(DCM_PixelData);
+    dataset->putAndInsertUint16(DCM_Rows, 512);
+    dataset->putAndInsertUint16(DCM_Columns, 512);
     std::vector<std::string> uids;
     int const perSeries = images / kSeries;
     for (int s = 0; s < kSeries; ++s) {
         int const count = s == kSeries - 1 ? images - perSeries * (kSeries - 1) : perSeries;
+        double const seriesStart = 11 * 3600 + 29 * 60 + 36 + s * 150.0;
         dataset->putAndInsertString(DCM_SeriesInstanceUID,
                                     format("1.3.6.1.4.1.5962.1.3.1.%d.20040119072730.12322", s + 1).c_str());
         dataset->putAndInsertString(DCM_SeriesNumber, std::to_string(s + 2).c_str());
+        dataset->putAndInsertString(DCM_SeriesDescription, looks[s].description);
+        dataset->putAndInsertString(DCM_SeriesTime, timeOfDay(seriesStart - 20, false).c_str());
+        setPrivate(dataset, DcmTagKey(0x0025, 0x1007), count, true);
         for (int i = 0; i < count; ++i) {
             double const z = -75.699997 - i * 0.625;
-            std::string const uid =
-                format("1.3.6.1.4.1.5962.1.1.%d.%d.1997043011%04d.12322", s + 1, i + 1, i);
+            double const acquired = seriesStart + i * 0.0125;
+            double const reconstructed = seriesStart + 30 + i * 0.04;
+            std::string const digits = timeOfDay(acquired, true);
+            std::string const uid = format("1.3.6.1.4.1.5962.1.1.%d.%d.19970430%.6s%.6s.12322", s + 1, i + 1,
+                                           digits.c_str(), digits.c_str() + 7);
             dataset->putAndInsertString(DCM_SOPInstanceUID, uid.c_str());
             dataset->putAndInsertString(DCM_InstanceNumber, std::to_string(i + 1).c_str());
-            dataset->putAndInsertString(DCM_AcquisitionTime,
-                                        format("1129%02d.%06d", i / 80 % 60, i * 12500 % 1000000).c_str());
+            dataset->putAndInsertString(DCM_InstanceCreationTime, timeOfDay(reconstructed, false).c_str());
+            dataset->putAndInsertString(DCM_AcquisitionTime, digits.c_str());
+            dataset->putAndInsertString(DCM_ContentTime, timeOfDay(reconstructed, true).c_str());
             dataset->putAndInsertString(DCM_ImagePositionPatient,
                                         format("-158.135803\\-179.035797\\%.6f", z).c_str());
             dataset->putAndInsertString(DCM_SliceLocation, format("%.10g", z - 1.504066).c_str());
+            bool const touched = i % 97 == 42;
+            dataset->putAndInsertString(DCM_WindowCenter,
+                                        std::to_string(looks[s].center + (touched ? 10 : 0)).c_str());
+            dataset->putAndInsertString(DCM_WindowWidth,
+                                        std::to_string(looks[s].width + (touched ? 100 : 0)).c_str());
+            setPrivate(dataset, DcmTagKey(0x0027, 0x1041), z - 1.504066, false);
+            for (Uint16 element : {0x1044, 0x104a, 0x104d})
+                setPrivate(dataset, DcmTagKey(0x0027, element), z, false);
             file.addTagMap(Mdx::TagMap::createTagMap(dataset, kMaxValueSize), nullptr, false);
             uids.push_back(uid);
         }
