@@ -128,6 +128,20 @@ TEST_F(UpdateJob, editWithTwoValuesAndIdentityCheck)
     QByteArray const before = bytesOf(kStudyA);
     ASSERT_EQ(run(job("edit-two-values.xml"), kStudyA, {sop(1, 1)}), 1);
     EXPECT_EQ(bytesOf(kStudyA), before);
+
+    // A second history follows the first.
+    ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1)}), 1);
+    ASSERT_TRUE(read(kStudyA)
+                    ->findImage(QByteArray::fromStdString(sop(1, 1)))
+                    ->findAndGetString(kHistory, "Lumora", value));
+    std::vector<mdxtest::HistoryBlock> const both = decodeHistory(value);
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both[0].id, "20240102030405 admin");
+    EXPECT_EQ(both[1].changes.at(0).at(0), "7fe0-0010");
+
+    // A study without a tag file has nothing to change, and gets no file.
+    ASSERT_EQ(run(job("edit-two-values.xml"), kStudyB, {sop(1, 1)}), 1);
+    EXPECT_FALSE(QFile::exists(Mdx::TagFile::cacheFilePathForStudy(kStudyB)));
 }
 
 TEST_F(UpdateJob, moveOfAWholeSeriesKeepsItsVolumeAndCreatesTheTarget)
