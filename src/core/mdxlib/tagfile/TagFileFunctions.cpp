@@ -2,9 +2,11 @@
 
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/WebService.h>
+#include <mdxlib/tagfile/FileLock.h>
 #include <mdxlib/tagfile/TagFile.h>
 
 #include <QByteArray>
+#include <QFile>
 #include <QFileInfo>
 #include <QThread>
 
@@ -67,6 +69,14 @@ int removeFromTagFile(char const* studyUID, int count, char const** uids, bool s
         QFileInfo const info(Mdx::TagFile::cacheFilePathForStudy(studyUID));
         if (info.exists() && !info.isWritable()) {
             getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile", "Tag file %s is not writable",
+                                        info.filePath().toLocal8Bit().constData());
+            return 0;
+        }
+        // Nor is one that another writer holds locked: the removal would
+        // be lost, not done.
+        QFile probe(info.filePath());
+        if (info.exists() && probe.open(QIODevice::ReadWrite) && !Mdx::tryLockExclusive(probe.handle())) {
+            getTheLogInstance()->tracef(McLogFile::LevelError, "TagFile", "Tag file %s is busy",
                                         info.filePath().toLocal8Bit().constData());
             return 0;
         }

@@ -6,6 +6,7 @@
 #include <mdxlib/platform/ExFileCache.h>
 #include <mdxlib/qa/PreviewRequest.h>
 #include <mdxlib/qa/UpdateTagFile.h>
+#include <mdxlib/tagfile/TagFileFunctions.h>
 
 #include <QProcess>
 #include <QStandardPaths>
@@ -203,6 +204,17 @@ TEST_F(UpdateJob, aDamagedOrBusyTargetRefusesTheMoveAndNothingIsTaken)
     held.close();
     EXPECT_EQ(bytesOf(kStudyA), source);
     EXPECT_FALSE(QFile::exists(targetPath));
+
+    // The delete functions take the same lock, and say so when refused.
+    ASSERT_TRUE(held.open(QIODevice::ReadWrite));
+    ASSERT_EQ(flock(held.handle(), LOCK_EX | LOCK_NB), 0);
+    std::string const image = sop(2, 1);
+    char const* uids[] = {image.c_str()};
+    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 0);
+    held.close();
+    EXPECT_EQ(bytesOf(kStudyA), source);
+    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 1);
+    EXPECT_NE(bytesOf(kStudyA), source);
 }
 
 TEST_F(UpdateJob, newSeriesForAllImagesTakesTheVolumeAlong)
