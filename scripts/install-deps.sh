@@ -18,6 +18,7 @@ PACKAGES=(
   nodejs npm
   nginx postgresql
   clang
+  libxml2-utils
 )
 
 echo "== system packages"

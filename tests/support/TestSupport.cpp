@@ -283,4 +283,26 @@ int LogCapture::count(int level, std::string const& part)
     }));
 }
 
+std::vector<HistoryBlock> decodeHistory(QByteArray const& base64)
+{
+    QList<QByteArray> lines = QByteArray::fromBase64(base64).split('\n');
+    if (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast(); // the newline that ends the last line
+    std::vector<HistoryBlock> blocks;
+    int i = 0;
+    while (i < lines.size()) {
+        HistoryBlock block;
+        block.id = lines[i++].toStdString();
+        while (i < lines.size() && !lines[i].isEmpty()) {
+            std::vector<std::string> change;
+            for (int part = 0; part < 3; ++part)
+                change.push_back(i < lines.size() ? lines[i++].toStdString() : std::string("<missing>"));
+            block.changes.push_back(change);
+        }
+        ++i; // the empty line that ends the block
+        blocks.push_back(block);
+    }
+    return blocks;
+}
+
 } // namespace mdxtest

@@ -86,6 +86,17 @@ bool haveProgram(QString const& program);
 // Python's zipfile on ZIP archives (support/zip_oracle.py, which documents
 // the commands): the JSON it prints, or null when it failed to run.
 QJsonObject zipOracle(QStringList const& arguments);
+// One block of a QA history: the step's id and its changes as (key, old,
+// new), key in the form "0010-0010".
+struct HistoryBlock
+{
+    std::string id;
+    std::vector<std::vector<std::string>> changes;
+};
+// Decodes a history value (base64) by the format of its lines: an id line,
+// then three lines per change (key, old, new), then an empty line in place
+// of a key.
+std::vector<HistoryBlock> decodeHistory(QByteArray const& base64);
 
 // Sets or unsets environment variables (rereading the configuration), and
 // puts them back when it goes.

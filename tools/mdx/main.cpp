@@ -38,6 +38,10 @@ void printUsage(std::FILE* out)
                "  kz cat CONTAINER MEMBER\n"
                "                        write a member's bytes to standard output\n"
                "  kz name KEY [INDEX]   print the file name of a container made for KEY\n"
+               "  qa put ID FILE        store QA record ID in the catalog\n"
+               "  qa show ID            print QA record ID step by step\n"
+               "  update STUDYUID JOB.xml\n"
+               "                        run a tag-file update job (edit, move, suffixes)\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -66,7 +70,8 @@ int main(int argc, char** argv)
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
         {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
-        {"kz", mdxtool::kzCommand},
+        {"kz", mdxtool::kzCommand},     {"qa", mdxtool::qaCommand},
+        {"update", mdxtool::updateCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
