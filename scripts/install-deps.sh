@@ -16,6 +16,7 @@ PACKAGES=(
   python3 python3-pydicom python3-botocore
   nodejs npm
   nginx postgresql
+  awscli
   clang
 )
 
@@ -60,4 +61,5 @@ else
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+bash scripts/install-npm-peers.sh
 bash scripts/fetch-samples.sh
