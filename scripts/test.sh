@@ -31,4 +31,8 @@ cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
 cmake --build build/tsan --target tagfile_threads_test
 MDX_SAMPLES=$SAMPLES TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
+# Azure token renewal: one thread renews under the mutex while the others wait.
+cmake --build build/tsan --target azure_auth_test
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" python3 tests/peers/run_with_peers.py --with azure -- \
+  build/tsan/tests/core/cloudauth/azure_auth_test --gtest_filter='*OneThread*:*Renewed*' || status=$?
 exit $status
