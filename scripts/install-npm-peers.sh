@@ -14,16 +14,16 @@ if ! command -v npm >/dev/null; then
 fi
 for entry in "${PEERS[@]}"; do
   dir=${entry%%:*}
-  spec=${entry#*:}
-  name=${spec%@*}
-  version=${spec##*@}
+  package=${entry#*:}
+  name=${package%@*}
+  version=${package##*@}
   prefix=$prefix_root/$dir
   installed=$(node -p "require('$prefix/node_modules/$name/package.json').version" 2>/dev/null || true)
   if [ "$installed" = "$version" ]; then
-    echo "$spec is installed in $prefix"
+    echo "$package is installed in $prefix"
     continue
   fi
-  echo "installing $spec into $prefix"
+  echo "installing $package into $prefix"
   mkdir -p "$prefix"
-  npm install --prefix "$prefix" --save-exact --no-audit --no-fund "$spec" >/dev/null
+  npm install --prefix "$prefix" --save-exact --no-audit --no-fund "$package" >/dev/null
 done

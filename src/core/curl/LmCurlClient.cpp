@@ -311,13 +311,13 @@ bool LmCurlClient::deleteObject(std::string const& url)
 
 // ------------------------------------------------------------------ uploads
 
-std::unique_ptr<LmCurlUploadSessionBase> LmCurlClient::createResumableUploadSession(std::string const& url,
-                                                                                    std::string const& contentType)
+std::unique_ptr<LmCurlUploadSessionBase>
+LmCurlClient::createResumableUploadSession(std::string const& url, std::string const& contentType)
 {
     auto rawClient = std::make_unique<LmCurlRawClient>(mRawFactory, mHelper->share());
     if (startsWith(url, "s3")) {
-        auto session =
-            std::make_unique<LmCurlUploadSessionS3>(std::move(rawClient), mHelper->awsAuth(), url, contentType);
+        auto session = std::make_unique<LmCurlUploadSessionS3>(std::move(rawClient), mHelper->awsAuth(), url,
+                                                               contentType);
         session->setRetrySleeper(mRetrySleeper);
         return session;
     }
@@ -327,14 +327,16 @@ std::unique_ptr<LmCurlUploadSessionBase> LmCurlClient::createResumableUploadSess
         // empty line still makes the session, and the service's 401 or 403
         // on the first chunk is the answer.
         std::string const authorization = mHelper->azureAuth().authorizationHeader(*this).toStdString();
-        auto session = std::make_unique<LmCurlUploadSessionAzure>(std::move(rawClient), authorization, converted);
+        auto session =
+            std::make_unique<LmCurlUploadSessionAzure>(std::move(rawClient), authorization, converted);
         session->setRetrySleeper(mRetrySleeper);
         return session;
     }
     // Every other URL is taken for Google Cloud Storage, whose resumable
     // upload is not part of this build yet: no pretend session.
-    getTheLogInstance()->warnf("No upload session for %s: uploads to Google Cloud Storage are not available yet",
-                               lmRedactSecrets(url).c_str());
+    getTheLogInstance()->warnf(
+        "No upload session for %s: uploads to Google Cloud Storage are not available yet",
+        lmRedactSecrets(url).c_str());
     return nullptr;
 }
 
