@@ -61,5 +61,6 @@ else
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
-bash scripts/install-npm-peers.sh
+# The upload tests' npm servers; without them those tests skip.
+bash scripts/install-npm-peers.sh || echo "warning: the npm test peers could not be installed" >&2
 bash scripts/fetch-samples.sh
