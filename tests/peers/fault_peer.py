@@ -16,12 +16,14 @@ Any path serves the stream of peerlib.py, shaped and broken as the query string 
                     holds TEXT, e.g. on=POST:uploadId= for the completion of an S3 upload
     reset_after=K   (uploads) read K bytes of the request body, then reset the connection
     error200=1      answer 200 with an S3 <Error> document
+    blocks=A,B      the committed block list (Azure Get Block List) names these blocks
 Options may also stand in the path, as "/q/<options>/rest", for clients that add a query of
 their own (upload sessions). The test id is the options' "id". PUT answers 201 with an ETag, POST
 200, both with {"length", "sha256"} of the body, but the S3 and Azure control calls get the XML
 their clients expect (create and complete of a multipart upload, an empty committed block list);
 DELETE 204. Bookkeeping: GET /__stats?id=X gives {"requests": n, "methods": [...],
-"ranges": [...], "queries": [...], "lengths": [...]} (request body lengths); POST /__reset?id=X
+"ranges": [...], "queries": [...], "lengths": [...], "bodies": [...]} (request body lengths, and
+the bodies under 4 KiB as text); POST /__reset?id=X
 forgets that id.
 """
 
@@ -56,7 +58,7 @@ class FaultHandler(peerlib.Handler):
             return self.send(200, json.dumps(st or {"requests": 0}), "application/json")
         with self.server.lock:
             st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": [], "queries": [], "lengths": [],
-                                        "matching": 0})
+                                        "bodies": [], "matching": 0})
             st["requests"] += 1
             st["methods"].append(self.command)
             st["ranges"].append(self.headers.get("Range"))
@@ -72,6 +74,7 @@ class FaultHandler(peerlib.Handler):
         body = self.read_body()
         with self.server.lock:
             st["lengths"].append(len(body))
+            st["bodies"].append(body.decode("latin-1") if len(body) < 4096 else None)
         if faulty and "delay" in query:
             time.sleep(min(number("delay"), 30.0))
         if faulty and "status" in query:
@@ -88,8 +91,10 @@ class FaultHandler(peerlib.Handler):
             return self.send(200, "<CompleteMultipartUploadResult><ETag>\"x-2\"</ETag>"
                                   "</CompleteMultipartUploadResult>", "application/xml")
         if self.command == "GET" and "comp=blocklist" in url.query:
-            return self.send(200, "<BlockList><CommittedBlocks/></BlockList>", "application/xml",
-                             [("ETag", '"0x8FAULTPEER"')])
+            names = [n for n in query.get("blocks", "").split(",") if n]
+            listed = "".join("<Block><Name>%s</Name><Size>1</Size></Block>" % n for n in names)
+            return self.send(200, "<BlockList><CommittedBlocks>%s</CommittedBlocks></BlockList>" % listed,
+                             "application/xml", [("ETag", '"0x8FAULTPEER"')])
         if self.command in ("PUT", "POST"):
             answer = {"length": len(body), "sha256": hashlib.sha256(body).hexdigest()}
             etag = [("ETag", '"%s"' % hashlib.md5(body).hexdigest() if body else '"0x8FAULTPEER"')]

@@ -356,6 +356,32 @@ TEST_F(Faults, AzureRetriesOnly500And503)
     }
 }
 
+// A blob still at this session's ETag whose committed list is not empty gets its blocks back. The
+// service refuses committed blocks named as uncommitted, so they go back as <Committed>.
+TEST_F(Faults, AzureRestoresCommittedBlocksAsCommitted)
+{
+    std::string const id = "az-restore";
+    std::string const url = base + "/q/id=" + id + "&blocks=QUJD,REVGRw==/cont/blob";
+    {
+        auto raw = std::make_unique<LmCurlRawClient>(std::make_shared<LmCurlHandleFactory>(1), nullptr);
+        LmCurlUploadSessionAzure session(std::move(raw), "", url);
+        std::string const data = body(1000);
+        session.uploadChunk(data, false);
+        session.cancel();
+        EXPECT_TRUE(session.etag().empty());
+    }
+    QJsonObject const s = stats(id);
+    QJsonArray const methods = s["methods"].toArray(), queries = s["queries"].toArray();
+    ASSERT_EQ(methods.size(), 4);
+    EXPECT_EQ(queries[2].toString(), "comp=blocklist&blocklisttype=committed");
+    EXPECT_EQ(queries[3].toString(), "comp=blocklist");
+    EXPECT_EQ(s["bodies"].toArray()[3].toString().toStdString(),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?><BlockList>"
+              "<Committed>QUJD</Committed><Committed>REVGRw==</Committed>"
+              "</BlockList>");
+    EXPECT_EQ(count(id, "DELETE", ""), 0);
+}
+
 // ================================================================ stored content
 
 TEST_F(Upload, S3rverStoresWhatWasWritten)
