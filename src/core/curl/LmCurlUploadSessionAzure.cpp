@@ -269,6 +269,11 @@ void LmCurlUploadSessionAzure::deleteBlob()
     });
 }
 
+// Note that the empty Put Blob of a multi-chunk upload has already replaced
+// an earlier blob of the same name, and every commit changes the ETag: while
+// the ETag is still ours the committed list is normally that empty blob's, so
+// the usual outcome is the delete. The restore covers a service that kept
+// committed blocks under the same ETag.
 void LmCurlUploadSessionAzure::deleteOrRestore()
 {
     try {
