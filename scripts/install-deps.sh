@@ -17,6 +17,7 @@ PACKAGES=(
   zip unzip
   nodejs npm
   nginx postgresql
+  awscli
   clang
   libxml2-utils
 )
@@ -62,4 +63,6 @@ else
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+# The upload tests' npm servers; without them those tests skip.
+bash scripts/install-npm-peers.sh || echo "warning: the npm test peers could not be installed" >&2
 bash scripts/fetch-samples.sh

@@ -22,5 +22,6 @@ int mergeCommand(Arguments const& args);
 int kzCommand(Arguments const& args);
 int qaCommand(Arguments const& args);
 int updateCommand(Arguments const& args);
+int cpCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -42,6 +42,8 @@ void printUsage(std::FILE* out)
                "  qa show ID            print QA record ID step by step\n"
                "  update STUDYUID JOB.xml\n"
                "                        run a tag-file update job (edit, move, suffixes)\n"
+               "  cp FILE URL           upload a local file to s3://bucket/key or\n"
+               "                        az://account/container/blob\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -71,7 +73,7 @@ int main(int argc, char** argv)
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
         {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
         {"kz", mdxtool::kzCommand},     {"qa", mdxtool::qaCommand},
-        {"update", mdxtool::updateCommand},
+        {"update", mdxtool::updateCommand}, {"cp", mdxtool::cpCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
