@@ -13,7 +13,7 @@ PACKAGES=(
   qtbase5-dev libdcmtk-dev dcmtk
   libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev libpq-dev
   libgtest-dev libgmock-dev
-  python3 python3-pydicom python3-botocore
+  python3 python3-pydicom python3-botocore python3-numpy python3-scipy
   nodejs npm
   nginx postgresql
   clang
