@@ -87,6 +87,11 @@ bool firstFrameComplete(DcmDataset* dataset, E_TransferSyntax xfer)
         return false;
     if (dataset->findAndGetUint16(DCM_SamplesPerPixel, samples).bad())
         samples = 1;
+    // Horizontally subsampled YCbCr stores two values per pixel, not three.
+    OFString photometric;
+    dataset->findAndGetOFString(DCM_PhotometricInterpretation, photometric);
+    if (photometric == "YBR_FULL_422" || photometric == "YBR_PARTIAL_422")
+        samples = 2;
     unsigned long long const bits = static_cast<unsigned long long>(rows) * columns * samples * bitsAllocated;
     return pixels->getLength() >= (bits + 7) / 8;
 }
