@@ -179,7 +179,72 @@ bool copyColour(DicomImage& image, LmVolumeInfo& info)
     return true;
 }
 
-void setWindow(DcmDataset* dataset, DicomImage& image, LmVolumeInfo& info)
+// The modality rescale. DCMTK keeps rescaled values in an integer type, so
+// a fractional slope or intercept would round every value; such pixels are
+// read as stored and rescaled here into floats instead.
+struct Rescale
+{
+    double slope = 1.0;
+    double intercept = 0.0;
+
+    bool fractional() const { return slope != std::floor(slope) || intercept != std::floor(intercept); }
+    double operator()(double stored) const { return stored * slope + intercept; }
+};
+
+Rescale rescaleOf(DcmDataset* dataset)
+{
+    Rescale rescale;
+    Float64 value = 0.0;
+    if (dataset->findAndGetFloat64(DCM_RescaleSlope, value).good() && std::isfinite(value) && value != 0.0)
+        rescale.slope = value;
+    if (dataset->findAndGetFloat64(DCM_RescaleIntercept, value).good() && std::isfinite(value))
+        rescale.intercept = value;
+    return rescale;
+}
+
+template <typename T>
+void rescaleInto(LmVolumeInfo const& info, Rescale const& rescale, std::vector<unsigned char>& out)
+{
+    size_t const count = static_cast<size_t>(info.mWidth) * static_cast<size_t>(info.mHeight);
+    out.resize(count * sizeof(float));
+    for (size_t i = 0; i < count; ++i) {
+        T stored;
+        std::memcpy(&stored, info.mBuffer.data() + i * sizeof(T), sizeof(T));
+        float const value = static_cast<float>(rescale(static_cast<double>(stored)));
+        std::memcpy(out.data() + i * sizeof(float), &value, sizeof(float));
+    }
+}
+
+// Turns the stored values copied by copyMonochrome into rescaled floats.
+void applyRescale(LmVolumeInfo& info, Rescale const& rescale)
+{
+    std::vector<unsigned char> floats;
+    switch (info.mDataType) {
+    case McTypedData2D::UInt8:
+        rescaleInto<unsigned char>(info, rescale, floats);
+        break;
+    case McTypedData2D::Int16:
+        rescaleInto<short>(info, rescale, floats);
+        break;
+    case McTypedData2D::UInt16:
+        rescaleInto<unsigned short>(info, rescale, floats);
+        break;
+    case McTypedData2D::Int32:
+        rescaleInto<int>(info, rescale, floats);
+        break;
+    case McTypedData2D::Float64:
+        rescaleInto<double>(info, rescale, floats);
+        break;
+    default:
+        return;
+    }
+    info.mBuffer.swap(floats);
+    info.mDataType = McTypedData2D::Float32;
+    info.mPixelStride = sizeof(float);
+    info.mRowStride = static_cast<int>(sizeof(float)) * info.mWidth;
+}
+
+void setWindow(DcmDataset* dataset, DicomImage& image, Rescale const* rescale, LmVolumeInfo& info)
 {
     Float64 center = 0.0;
     Float64 width = 0.0;
@@ -193,8 +258,12 @@ void setWindow(DcmDataset* dataset, DicomImage& image, LmVolumeInfo& info)
     double low = 0.0;
     double high = 0.0;
     if (image.getMinMaxValues(low, high, 0)) {
-        info.mMinValue = static_cast<float>(low);
-        info.mMaxValue = static_cast<float>(high);
+        if (rescale) {
+            low = (*rescale)(low);
+            high = (*rescale)(high);
+        }
+        info.mMinValue = static_cast<float>(std::min(low, high));
+        info.mMaxValue = static_cast<float>(std::max(low, high));
     }
 }
 
@@ -236,7 +305,10 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, 
     }
     // Partial access decodes only the frames asked for, not a whole
     // multi-frame object, and leaves the dataset as it is.
-    auto image = std::make_unique<DicomImage>(dataset, xfer, CIF_UsePartialAccessToPixelData, 0,
+    Rescale const rescale = rescaleOf(dataset);
+    unsigned long const flags =
+        CIF_UsePartialAccessToPixelData | (rescale.fractional() ? CIF_IgnoreModalityTransformation : 0UL);
+    auto image = std::make_unique<DicomImage>(dataset, xfer, flags, 0,
                                               static_cast<unsigned long>(std::max(frameCount, 1)));
     if (image->getStatus() != EIS_Normal) {
         fail(filePath, DicomImage::getString(image->getStatus()));
@@ -253,7 +325,7 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, 
     info->mPixelAspect = pixelAspectOf(dataset);
     bool const monochrome = image->isMonochrome();
     if (monochrome) {
-        setWindow(dataset, *image, *info);
+        setWindow(dataset, *image, rescale.fractional() ? &rescale : nullptr, *info);
         info->mInverted = image->getPhotometricInterpretation() == EPI_Monochrome1;
     }
 
@@ -280,6 +352,8 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, 
         fail(filePath, "pixel representation without a preview type");
         return nullptr;
     }
+    if (monochrome && rescale.fractional())
+        applyRescale(*info, rescale);
     info->mPixels = info->mBuffer.data();
     if (pixelData)
         *pixelData = std::move(image);
