@@ -185,9 +185,10 @@ bool TagFile::addPreview(DcmDataset* dataset, QString const& dicomFilePath)
     char const* uid = nullptr;
     if (!dataset || dataset->findAndGetString(DCM_SOPInstanceUID, uid).bad() || !uid)
         return false;
-    // The lookup enters an empty slot for an unknown UID, which the indexes
-    // tolerate: every reader of mImages skips null entries.
-    TagMap* image = mImages[QByteArray(uid)];
+    // A lookup that entered an empty slot for an unknown UID would leave a
+    // null image in the index, which its readers (images(), the statistics,
+    // the writer) take for a real one; an unknown UID adds nothing.
+    TagMap* image = findImage(QByteArray(uid));
     return image ? addPreview(image, dataset, dicomFilePath) : false;
 }
 

@@ -275,7 +275,7 @@ TEST(QuadrantNavigation, MammogramBoxes)
     spec.modality = "CT";
     map = mapOf(spec);
     QuadrantNavigation::process(previewOf(spec), map.get());
-    EXPECT_FALSE(map->findElement(DcmTagKey(0x0071, 0x0070)));
+    EXPECT_FALSE(map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora"));
 }
 
 namespace {
