@@ -43,13 +43,16 @@ McTypedData2D LmCompressedDataMedia::decodeRepresentativeFrame(QString const& pa
         trace(path, "cannot be read");
         return {};
     }
-    QByteArray const bytes = file.read(size);
-    if (bytes.size() != size) {
-        trace(path, "shorter than its given size");
+    // A video is known by its first bytes, before gigabytes are read.
+    if (looksLikeVideo(file.read(std::min<qint64>(size, 16)))) {
+        trace(path, "a video; no video decoder is built in");
         return {};
     }
-    if (looksLikeVideo(bytes.left(16))) {
-        trace(path, "a video; no video decoder is built in");
+    QByteArray bytes;
+    if (file.seek(offset))
+        bytes = file.read(size);
+    if (bytes.size() != size) {
+        trace(path, "shorter than its given size");
         return {};
     }
     QBuffer buffer;

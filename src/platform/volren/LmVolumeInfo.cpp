@@ -275,11 +275,18 @@ bool LmVolumeInfo::previewHasPixels() const
         return false;
     if (mBuffer.empty() || mPixels != mBuffer.data())
         return true; // a view: its owner vouches for the size
-    size_t const last = static_cast<size_t>(mHeight - 1) * static_cast<size_t>(std::max(mRowStride, 0)) +
-                        static_cast<size_t>(mWidth - 1) * static_cast<size_t>(std::max(mPixelStride, 0));
-    int const elementSize = std::max(McTypedData2D::bytesOf(mDataType), 1);
-    return last + static_cast<size_t>(elementSize) * static_cast<size_t>(std::max(mComponents, 1)) <=
-           mBuffer.size();
+    size_t const width = static_cast<size_t>(mWidth);
+    size_t const height = static_cast<size_t>(mHeight);
+    // Tensor pixels are packed six floats, row after row, whatever the
+    // row stride says.
+    if (mComponents == 6 && mPixelStride == 6 * static_cast<int>(sizeof(float)))
+        return width * height * 6 * sizeof(float) <= mBuffer.size();
+    if (mRowStride < 0 || mPixelStride < 0)
+        return false;
+    size_t const last =
+        (height - 1) * static_cast<size_t>(mRowStride) + (width - 1) * static_cast<size_t>(mPixelStride);
+    size_t const elementSize = static_cast<size_t>(std::max(McTypedData2D::bytesOf(mDataType), 1));
+    return last + elementSize * static_cast<size_t>(std::max(mComponents, 1)) <= mBuffer.size();
 }
 
 std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, int frameCount,

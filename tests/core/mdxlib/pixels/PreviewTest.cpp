@@ -188,6 +188,13 @@ TEST(PreviewGenerator, TensorPixelsShowTheirTrace)
     std::fill(values.begin(), values.end(), 2.0f);
     auto flat = makeInfo(values, 2, 2, 3, 6);
     EXPECT_EQ(grays(PreviewGenerator::convertToQImage(flat.get(), 0.0f, 1.0f)), std::vector<int>(4, 0));
+
+    // Tensors are packed whatever the row stride says: a buffer short of
+    // four of them has no pixels to show.
+    flat->mRowStride = 0;
+    flat->mBuffer.resize(3 * 24);
+    flat->mPixels = flat->mBuffer.data();
+    EXPECT_TRUE(PreviewGenerator::convertToQImage(flat.get(), 0.0f, 1.0f).isNull());
 }
 
 TEST(PreviewGenerator, AspectIsCorrectedBeforeTheBox)
