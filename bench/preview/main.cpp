@@ -32,6 +32,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -46,6 +47,18 @@ double seconds(std::function<void()> const& work)
     auto const start = Clock::now();
     work();
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Processor time of this process: on a machine shared with other work the
+// wall clock also counts the time spent waiting for a core.
+double cpuSeconds(std::function<void()> const& work)
+{
+    timespec start{}, end{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &start);
+    work();
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &end);
+    return static_cast<double>(end.tv_sec - start.tv_sec) +
+           static_cast<double>(end.tv_nsec - start.tv_nsec) * 1e-9;
 }
 
 double median(std::vector<double> values)
@@ -196,12 +209,18 @@ int main(int argc, char** argv)
     if (cliFiles > 0) {
         int const count = std::min(cliFiles, static_cast<int>(paths.size()));
         std::vector<double> cli;
+        // The same window as the other two: the file's first, else the range.
+        DcmFileFormat first;
+        Float64 width = 0.0;
+        bool const hasWindow = first.loadFile(OFFilename(paths[0].toLocal8Bit().constData())).good() &&
+                               first.getDataset()->findAndGetFloat64(DCM_WindowWidth, width).good();
+        QString const window = hasWindow ? "--use-window=1" : "--min-max-window";
         for (int run = 0; run < std::min(runs, 3); ++run)
             cli.push_back(seconds([&] {
                 for (int i = 0; i < count; ++i) {
-                    int const status = QProcess::execute("dcmj2pnm", {"--write-jpeg", "--scale-x-size", "256",
-                                                                      "--use-window", "1", paths[i],
-                                                                      folder.filePath("cli.jpg")});
+                    int const status =
+                        QProcess::execute("dcmj2pnm", {"--write-jpeg", "--scale-x-size", "256", window,
+                                                       paths[i], folder.filePath("cli.jpg")});
                     failures += status == 0 ? 0 : 1;
                 }
             }));
@@ -210,17 +229,17 @@ int main(int argc, char** argv)
 
     QImage const preview = halfEllipse();
     Mdx::QuadrantNavigation::setAlgorithm("1,2");
-    std::vector<double> navigation;
+    std::vector<double> navigation, navigationCpu;
+    int const calls = 200;
+    auto navigate = [&] {
+        for (int i = 0; i < calls; ++i) {
+            std::vector<float> out;
+            Mdx::QuadrantNavigation::computeImageBoxAndCenter(preview, out, Mdx::BorderLeft);
+        }
+    };
     for (int run = 0; run < runs; ++run) {
-        int const calls = 200;
-        navigation.push_back(seconds([&] {
-                                 for (int i = 0; i < calls; ++i) {
-                                     std::vector<float> out;
-                                     Mdx::QuadrantNavigation::computeImageBoxAndCenter(preview, out,
-                                                                                       Mdx::BorderLeft);
-                                 }
-                             }) *
-                             1000.0 / calls);
+        navigation.push_back(seconds(navigate) * 1000.0 / calls);
+        navigationCpu.push_back(cpuSeconds(navigate) * 1000.0 / calls);
     }
 
     std::printf("addPreview                %8.1f previews/s\n", oursRate);
@@ -229,7 +248,8 @@ int main(int argc, char** argv)
     if (cliRate > 0.0)
         std::printf("dcmj2pnm per file         %8.1f previews/s   addPreview / dcmj2pnm %.2f  (goal >= 4)\n",
                     cliRate, oursRate / cliRate);
-    std::printf("navigation V1+V2, 256x256 %8.3f ms          (goal <= 2 ms)\n", median(navigation));
+    std::printf("navigation V1+V2, 256x256 %8.3f ms wall, %.3f ms processor time  (goal <= 2 ms)\n",
+                median(navigation), median(navigationCpu));
     if (failures > 0)
         std::printf("%d previews failed\n", failures);
     return failures > 0 ? 1 : 0;
