@@ -369,6 +369,17 @@ TEST(QuadrantNavigation, RegionsMatchScipy)
             for (QJsonValue const& v : oracle["v1"].toObject()[QString::number(regions)].toArray())
                 expectedNumbers.push_back(static_cast<float>(v.toDouble()));
             expectNear(numbers(image, regions), expectedNumbers, 1e-5f);
+
+            // V2 has no oracle; on the same pictures its box must at least be
+            // a box inside the picture, and its centre in the picture.
+            QuadrantNavigation::setAlgorithm("2");
+            std::vector<float> const v2 = numbers(image, regions);
+            QuadrantNavigation::setAlgorithm("1");
+            ASSERT_EQ(v2.size(), 10u);
+            for (size_t k = 5; k < 10; ++k)
+                EXPECT_TRUE(v2[k] >= 0.0f && v2[k] <= 1.0f) << k << ": " << v2[k];
+            EXPECT_LE(v2[6], v2[8]);
+            EXPECT_LE(v2[7], v2[9]);
         }
     }
 }
