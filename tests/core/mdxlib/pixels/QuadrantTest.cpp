@@ -193,7 +193,8 @@ TEST(QuadrantNavigation, EdgeCases)
     expectNear({single.begin(), single.begin() + 4}, {0, 0, 1, 2 / 3.0f});
     expectNear({single.begin() + 4, single.begin() + 10}, {1, 1 / 3.0f, 0.4f, 0, 1, 2 / 3.0f});
     // With either border V2 goes straight to the box of the merged region.
-    std::vector<float> const either = numbers(picture({"......", "...##.", "......", "......"}), BorderEither);
+    std::vector<float> const either =
+        numbers(picture({"......", "...##.", "......", "......"}), BorderEither);
     expectNear({either.begin() + 10, either.end()}, {2, 1 / 3.0f, 0.4f, 0, 1, 2 / 3.0f});
 
     // Two regions of equal size, apart from the borders: the first in scan
