@@ -17,10 +17,9 @@ struct Ellipse
     double cx, cy, a, b;
 };
 
-Ellipse ellipseOf(Mammogram const& spec)
+Ellipse ellipseOf(Mammogram const& mg)
 {
-    return {spec.chestLeft ? 0.0 : spec.width - 1.0, (spec.height - 1) / 2.0, spec.width * 0.6,
-            spec.height * 0.4};
+    return {mg.chestLeft ? 0.0 : mg.width - 1.0, (mg.height - 1) / 2.0, mg.width * 0.6, mg.height * 0.4};
 }
 
 bool inside(Ellipse const& e, int x, int y)
@@ -97,60 +96,60 @@ QImage imageFromOracle(QByteArray const& bytes)
     return image;
 }
 
-DcmDataset* makeMammogram(Mammogram const& spec, char const* sopUID)
+DcmDataset* makeMammogram(Mammogram const& mg, char const* sopUID)
 {
     DcmDataset* dataset =
         makeImageDataset("1.2.826.0.1.3680043.8.498.1", "1.2.826.0.1.3680043.8.498.1.1", sopUID);
-    dataset->putAndInsertString(DCM_Modality, spec.modality);
-    if (spec.studyDescription)
-        dataset->putAndInsertString(DCM_StudyDescription, spec.studyDescription);
-    if (spec.laterality)
-        dataset->putAndInsertString(DCM_ImageLaterality, spec.laterality);
-    if (spec.patientOrientation)
-        dataset->putAndInsertString(DCM_PatientOrientation, spec.patientOrientation);
-    if (spec.imageOrientation) {
+    dataset->putAndInsertString(DCM_Modality, mg.modality);
+    if (mg.studyDescription)
+        dataset->putAndInsertString(DCM_StudyDescription, mg.studyDescription);
+    if (mg.laterality)
+        dataset->putAndInsertString(DCM_ImageLaterality, mg.laterality);
+    if (mg.patientOrientation)
+        dataset->putAndInsertString(DCM_PatientOrientation, mg.patientOrientation);
+    if (mg.imageOrientation) {
         DcmItem* target = dataset;
-        if (spec.orientationInFunctionalGroups)
+        if (mg.orientationInFunctionalGroups)
             target =
                 addItem(*addItem(*dataset, DCM_SharedFunctionalGroupsSequence), DCM_PlaneOrientationSequence);
-        target->putAndInsertString(DCM_ImageOrientationPatient, spec.imageOrientation);
+        target->putAndInsertString(DCM_ImageOrientationPatient, mg.imageOrientation);
     }
-    if (!spec.viewModifiers.empty()) {
+    if (!mg.viewModifiers.empty()) {
         DcmItem* view = addItem(*dataset, DCM_ViewCodeSequence);
         view->putAndInsertString(DCM_CodeValue, "R-10242");
-        for (char const* code : spec.viewModifiers)
+        for (char const* code : mg.viewModifiers)
             addItem(*view, DCM_ViewModifierCodeSequence)->putAndInsertString(DCM_CodeValue, code);
     }
     dataset->putAndInsertString(DCM_PhotometricInterpretation, "MONOCHROME2");
     dataset->putAndInsertUint16(DCM_SamplesPerPixel, 1);
-    dataset->putAndInsertUint16(DCM_Rows, static_cast<Uint16>(spec.height));
-    dataset->putAndInsertUint16(DCM_Columns, static_cast<Uint16>(spec.width));
+    dataset->putAndInsertUint16(DCM_Rows, static_cast<Uint16>(mg.height));
+    dataset->putAndInsertUint16(DCM_Columns, static_cast<Uint16>(mg.width));
     dataset->putAndInsertUint16(DCM_BitsAllocated, 16);
     dataset->putAndInsertUint16(DCM_BitsStored, 12);
     dataset->putAndInsertUint16(DCM_HighBit, 11);
     dataset->putAndInsertUint16(DCM_PixelRepresentation, 0);
     dataset->putAndInsertString(DCM_PixelSpacing, "0.1\\0.1");
 
-    Ellipse const e = ellipseOf(spec);
-    std::vector<Uint16> pixels(static_cast<size_t>(spec.width) * spec.height, 0);
-    for (int y = 0; y < spec.height; ++y)
-        for (int x = 0; x < spec.width; ++x) {
-            Uint16& v = pixels[static_cast<size_t>(y) * spec.width + x];
+    Ellipse const e = ellipseOf(mg);
+    std::vector<Uint16> pixels(static_cast<size_t>(mg.width) * mg.height, 0);
+    for (int y = 0; y < mg.height; ++y)
+        for (int x = 0; x < mg.width; ++x) {
+            Uint16& v = pixels[static_cast<size_t>(y) * mg.width + x];
             if (inside(e, x, y))
                 v = static_cast<Uint16>(1500 + (x * 7 + y * 3) % 1000); // textured tissue
-            if (spec.topBand && y < std::max(1, spec.height / 50))
+            if (mg.topBand && y < std::max(1, mg.height / 50))
                 v = 4000;
         }
     dataset->putAndInsertUint16Array(DCM_PixelData, pixels.data(), static_cast<unsigned long>(pixels.size()));
     return dataset;
 }
 
-std::vector<int> mammogramTissueBox(Mammogram const& spec)
+std::vector<int> mammogramTissueBox(Mammogram const& mg)
 {
-    Ellipse const e = ellipseOf(spec);
-    int minX = spec.width, minY = spec.height, maxX = -1, maxY = -1;
-    for (int y = 0; y < spec.height; ++y)
-        for (int x = 0; x < spec.width; ++x)
+    Ellipse const e = ellipseOf(mg);
+    int minX = mg.width, minY = mg.height, maxX = -1, maxY = -1;
+    for (int y = 0; y < mg.height; ++y)
+        for (int x = 0; x < mg.width; ++x)
             if (inside(e, x, y)) {
                 minX = std::min(minX, x);
                 maxX = std::max(maxX, x);

@@ -44,8 +44,8 @@ struct Mammogram
     bool topBand = false;                       // a bright band along the top edge
 };
 
-DcmDataset* makeMammogram(Mammogram const& spec, char const* sopUID);
+DcmDataset* makeMammogram(Mammogram const& mg, char const* sopUID);
 // The tissue's box in pixels: x min, y min, x max, y max.
-std::vector<int> mammogramTissueBox(Mammogram const& spec);
+std::vector<int> mammogramTissueBox(Mammogram const& mg);
 
 } // namespace mdxtest

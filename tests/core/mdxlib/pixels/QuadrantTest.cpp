@@ -26,15 +26,15 @@ struct ScopedAlgorithm
     ~ScopedAlgorithm() { QuadrantNavigation::setAlgorithm(nullptr); }
 };
 
-std::unique_ptr<TagMap> mapOf(mdxtest::Mammogram const& spec)
+std::unique_ptr<TagMap> mapOf(mdxtest::Mammogram const& mg)
 {
-    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(spec, "1.2.826.0.1.3680043.8.498.1.1.1"));
+    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.1"));
     return std::unique_ptr<TagMap>(TagMap::createTagMap(dataset.get(), 4096));
 }
 
-QImage previewOf(mdxtest::Mammogram const& spec)
+QImage previewOf(mdxtest::Mammogram const& mg)
 {
-    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(spec, "1.2.826.0.1.3680043.8.498.1.1.1"));
+    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.1"));
     return PreviewGenerator::createPreviewImage(dataset.get(), 256, 256, "mammogram");
 }
 
@@ -93,13 +93,13 @@ TEST(QuadrantNavigation, SupportedImages)
 {
     struct Case
     {
-        mdxtest::Mammogram spec;
+        mdxtest::Mammogram mg;
         bool supported;
     };
     auto with = [](auto change) {
-        mdxtest::Mammogram spec;
-        change(spec);
-        return spec;
+        mdxtest::Mammogram mg;
+        change(mg);
+        return mg;
     };
     std::vector<Case> const cases{
         {mdxtest::Mammogram(), true},
@@ -124,7 +124,7 @@ TEST(QuadrantNavigation, SupportedImages)
     };
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
-        std::unique_ptr<TagMap> map = mapOf(cases[i].spec);
+        std::unique_ptr<TagMap> map = mapOf(cases[i].mg);
         EXPECT_EQ(QuadrantNavigation::isSupported(map.get()), cases[i].supported);
     }
     EXPECT_FALSE(QuadrantNavigation::isSupported(nullptr));
@@ -153,11 +153,11 @@ TEST(QuadrantNavigation, ChestWallFromOrientation)
     for (Case const& c : cases) {
         SCOPED_TRACE(testing::Message() << (c.patientOrientation ? c.patientOrientation : "-") << " "
                                         << (c.imageOrientation ? c.imageOrientation : "-"));
-        mdxtest::Mammogram spec;
-        spec.patientOrientation = c.patientOrientation;
-        spec.imageOrientation = c.imageOrientation;
-        spec.orientationInFunctionalGroups = c.inFunctionalGroups;
-        std::unique_ptr<TagMap> map = mapOf(spec);
+        mdxtest::Mammogram mg;
+        mg.patientOrientation = c.patientOrientation;
+        mg.imageOrientation = c.imageOrientation;
+        mg.orientationInFunctionalGroups = c.inFunctionalGroups;
+        std::unique_ptr<TagMap> map = mapOf(mg);
         EXPECT_EQ(QuadrantNavigation::checkOrientation(map.get()), c.expected);
     }
 }
@@ -221,12 +221,12 @@ TEST(QuadrantNavigation, EdgeCases)
 TEST(QuadrantNavigation, V2RemovesAnEdgeBand)
 {
     ScopedAlgorithm const both("1,2");
-    mdxtest::Mammogram spec;
-    spec.topBand = true;
-    std::vector<float> const out = numbers(previewOf(spec), BorderLeft);
+    mdxtest::Mammogram mg;
+    mg.topBand = true;
+    std::vector<float> const out = numbers(previewOf(mg), BorderLeft);
     ASSERT_EQ(out.size(), 16u);
     EXPECT_EQ(out[7], 0.0f) << "V1 keeps the band";
-    std::vector<int> const tissue = mdxtest::mammogramTissueBox(spec);
+    std::vector<int> const tissue = mdxtest::mammogramTissueBox(mg);
     EXPECT_NEAR(out[13], (tissue[1] - 1) / 255.0f, 6 / 255.0f) << "V2 starts at the tissue";
 }
 
@@ -237,14 +237,14 @@ TEST(QuadrantNavigation, MammogramBoxes)
     ScopedAlgorithm const both("1,2");
     for (bool left : {true, false}) {
         SCOPED_TRACE(left ? "left" : "right");
-        mdxtest::Mammogram spec;
-        spec.chestLeft = left;
-        spec.laterality = left ? "R" : "L";
-        spec.patientOrientation = left ? "A\\F" : "P\\F";
-        std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(spec, "1.2.826.0.1.3680043.8.498.1.1.1"));
+        mdxtest::Mammogram mg;
+        mg.chestLeft = left;
+        mg.laterality = left ? "R" : "L";
+        mg.patientOrientation = left ? "A\\F" : "P\\F";
+        std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.1"));
         std::unique_ptr<TagMap> map(TagMap::createTagMap(dataset.get(), 4096));
         QImage const preview = PreviewGenerator::createPreviewImage(dataset.get(), 256, 256, "mammogram");
-        ASSERT_EQ(preview.size(), QSize(spec.width, spec.height));
+        ASSERT_EQ(preview.size(), QSize(mg.width, mg.height));
         QuadrantNavigation::process(preview, map.get());
         TagElement const* element = map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora");
         ASSERT_TRUE(element);
@@ -254,10 +254,10 @@ TEST(QuadrantNavigation, MammogramBoxes)
         std::memcpy(values.data(), element->mValue.constData(), 64);
 
         // The grown mask reaches one pixel beyond the tissue.
-        std::vector<int> const t = mdxtest::mammogramTissueBox(spec);
-        float const w1 = spec.width - 1.0f, h1 = spec.height - 1.0f;
+        std::vector<int> const t = mdxtest::mammogramTissueBox(mg);
+        float const w1 = mg.width - 1.0f, h1 = mg.height - 1.0f;
         std::vector<float> const box{std::max(t[0] - 1, 0) / w1, (t[1] - 1) / h1,
-                                     std::min(t[2] + 1, spec.width - 1) / w1, (t[3] + 1) / h1};
+                                     std::min(t[2] + 1, mg.width - 1) / w1, (t[3] + 1) / h1};
         expectNear({values.begin(), values.begin() + 4}, box);
         EXPECT_EQ(values[4], 1.0f);
         EXPECT_NEAR(values[5], 0.5f, 0.01f);
@@ -269,16 +269,16 @@ TEST(QuadrantNavigation, MammogramBoxes)
 
     // V1 alone: 40 bytes.
     ScopedAlgorithm const one("1");
-    mdxtest::Mammogram spec;
-    std::unique_ptr<TagMap> map = mapOf(spec);
-    QuadrantNavigation::process(previewOf(spec), map.get());
+    mdxtest::Mammogram mg;
+    std::unique_ptr<TagMap> map = mapOf(mg);
+    QuadrantNavigation::process(previewOf(mg), map.get());
     ASSERT_TRUE(map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora"));
     EXPECT_EQ(map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora")->mValue.size(), 40);
 
     // Not a breast image: nothing stored.
-    spec.modality = "CT";
-    map = mapOf(spec);
-    QuadrantNavigation::process(previewOf(spec), map.get());
+    mg.modality = "CT";
+    map = mapOf(mg);
+    QuadrantNavigation::process(previewOf(mg), map.get());
     EXPECT_FALSE(map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora"));
 }
 

@@ -87,10 +87,10 @@ TEST(TagFileReports, PreviewsOfRealFiles)
 // image its crop box too.
 TEST(TagFileReports, PreviewOfAMammogram)
 {
-    mdxtest::Mammogram spec;
-    spec.modality = "CR";
-    spec.studyDescription = "Mammography";
-    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(spec, "1.2.826.0.1.3680043.8.498.1.1.9"));
+    mdxtest::Mammogram mg;
+    mg.modality = "CR";
+    mg.studyDescription = "Mammography";
+    std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.9"));
     TagFile file;
     ASSERT_TRUE(file.addDataset(dataset.get(), "mg.dcm", false));
     ASSERT_TRUE(file.addPreview(dataset.get(), "mg.dcm"));
@@ -100,7 +100,7 @@ TEST(TagFileReports, PreviewOfAMammogram)
     EXPECT_EQ(image->findElementPrivate(NavigationKey, "Lumora")->mValue.size(), 40);
     QByteArray box;
     ASSERT_TRUE(image->findAndGetString(CropBoxKey, "Lumora", box));
-    std::vector<int> const t = mdxtest::mammogramTissueBox(spec);
+    std::vector<int> const t = mdxtest::mammogramTissueBox(mg);
     EXPECT_EQ(box, QByteArray::number(t[0]) + "\\" + QByteArray::number(t[1]) + "\\" +
                        QByteArray::number(t[2] - t[0] + 1) + "\\" + QByteArray::number(t[3] - t[1] + 1) +
                        "\\v1");
@@ -135,10 +135,10 @@ TEST(TagFileReports, BadPixelsLeaveNoTrace)
     };
     for (Case const& c : cases) {
         SCOPED_TRACE(c.name);
-        mdxtest::Mammogram spec;
-        spec.modality = "CR";
-        spec.studyDescription = "breast";
-        std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(spec, "1.2.826.0.1.3680043.8.498.1.1.7"));
+        mdxtest::Mammogram mg;
+        mg.modality = "CR";
+        mg.studyDescription = "breast";
+        std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.7"));
         TagFile file;
         TagMap* image = file.addDataset(dataset.get(), "bad.dcm", false);
         ASSERT_TRUE(image);
