@@ -43,7 +43,7 @@ CommandSyntax const& previewSyntax()
          quietOption(),
          jsonOption(),
          metaOption(),
-         {"--out", 'o', "DIR", "folder to write into (default: the current folder)"},
+         {"--out", 0, "DIR", "folder to write into (default: the current folder)"},
          {"--add", 0, nullptr, "make a study's missing previews from its files first"},
          {"--png", 0, nullptr, "write the previews of files as PNG (the stored JPEG, decoded)"}}};
     return syntax;
