@@ -310,9 +310,9 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, 
         fail(filePath, "the pixel data end before the first frame does");
         return nullptr;
     }
+    Rescale const rescale = rescaleOf(dataset);
     // Partial access decodes only the frames asked for, not a whole
     // multi-frame object, and leaves the dataset as it is.
-    Rescale const rescale = rescaleOf(dataset);
     unsigned long const flags =
         CIF_UsePartialAccessToPixelData | (rescale.fractional() ? CIF_IgnoreModalityTransformation : 0UL);
     auto image = std::make_unique<DicomImage>(dataset, xfer, flags, 0,
