@@ -1,6 +1,6 @@
 # Every dependency comes from the system's packages; nothing is vendored.
 find_package(Threads REQUIRED)
-find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
+find_package(Qt5 5.15 REQUIRED COMPONENTS Core Gui)
 find_package(DCMTK REQUIRED CONFIG)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)

@@ -12,6 +12,7 @@ PACKAGES=(
   build-essential cmake ninja-build ccache pkg-config git
   qtbase5-dev libdcmtk-dev dcmtk
   libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev libpq-dev
+  python3-numpy python3-scipy
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
   zip unzip

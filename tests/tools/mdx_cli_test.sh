@@ -141,6 +141,26 @@ has out '\.\.\.\]' "dump cuts long values"
 run 0 "dump full" dump --full long/*/*/*.tc
 lacks out '\.\.\.\]' "dump --full shows them whole"
 
+# ---- preview: files, a study's stored previews (--add makes them first),
+# and the table of contents of ls --content
+run 0 "preview files" preview --png --out shots "$PYDICOM/CT_small.dcm" "$PYDICOM/SC_rgb_rle.dcm"
+[ -s shots/CT_small.png ] && [ -s shots/SC_rgb_rle.png ] || fail "preview writes a PNG per file"
+run 0 "preview json" preview --json --out shots "$PYDICOM/MR_small.dcm"
+json "d['failures'] == 0 and d['written'][0]['width'] == 64 and d['written'][0]['output'].endswith('MR_small.jpg')" "preview --json"
+run 4 "preview of JPEG 2000" preview --out shots "$PYDICOM/JPEG2000.dcm"
+has err "^mdx: no preview of .*JPEG2000.dcm: " "JPEG 2000 fails cleanly"
+run 3 "preview of a truncated file" preview --out shots "$PYDICOM/MR_truncated.dcm"
+run 0 "build with paths" build -q --store-paths --meta=pmeta "$BRAIN"
+run 4 "preview of a study without previews" preview --meta pmeta --out none $STUDY
+run 0 "preview --add" preview --add --meta pmeta --out study $STUDY
+[ "$(find study -name '*_Series_2_Image_*.jpg' | wc -l)" -eq 20 ] || fail "preview --add exports 20 previews"
+run 0 "ls --content" ls --content --meta pmeta $STUDY
+has out "^Study $STUDY$" "ls --content names the study"
+[ "$(grep -c '^    Image <[0-9]*>.*, preview$' out)" -eq 20 ] || fail "ls --content lists 20 images with previews"
+run 0 "ls --content --detailed" ls --content --detailed --meta pmeta $STUDY
+has out "^      \(0006,7105\) OB" "the detailed listing shows what each image stores"
+run 2 "preview of an unknown study" preview --meta pmeta --out none 1.2.3
+
 # ---- rebuilds from part of a study keep the fuller tag file unless --force
 run 0 "rm image" rm --meta meta $STUDY --images "$SOP"
 run 0 "ls after rm" ls --meta meta $STUDY

@@ -14,6 +14,7 @@ using Arguments = std::vector<std::string>;
 int scanCommand(Arguments const& args);
 int buildCommand(Arguments const& args);
 int lsCommand(Arguments const& args);
+int previewCommand(Arguments const& args);
 int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);

@@ -39,7 +39,9 @@ CommandSyntax const& lsSyntax()
         {helpOption(),
          jsonOption(),
          metaOption(),
-         {"--images", 0, nullptr, "list every image of a study too"}}};
+         {"--images", 0, nullptr, "list every image of a study too"},
+         {"--content", 0, nullptr, "print the study's table of contents: series, images, volumes"},
+         {"--detailed", 0, nullptr, "with --content: what each node stores, and volume values"}}};
     return syntax;
 }
 
@@ -315,6 +317,10 @@ int lsCommand(Arguments const& args)
     Mdx::TagFile file;
     if (std::optional<int> const failed = openTagFile(what, file))
         return *failed;
+    if (parsed.has("--content")) {
+        file.listContent(parsed.has("--detailed"));
+        return status(ExitCode::Ok);
+    }
     // Display numbers and localizer marks are derived, not stored by every
     // writer of tag files; derive them afresh for what is shown.
     file.createAbstractTags();

@@ -25,6 +25,8 @@ void printUsage(std::FILE* out)
                "                        list the studies of a folder of tag files, or one study\n"
                "  dump TAGFILE|STUDYUID [SOPUID]\n"
                "                        print an image's attributes, or what each node stores\n"
+               "  preview STUDYUID|FILE... [--out DIR]\n"
+               "                        write the preview images of files or of a study\n"
                "  rm STUDYUID [--series UID...|--images UID...]\n"
                "                        delete a tag file, or series or images from it\n"
                "  catalog add PATH...   record the studies, series and images of DICOM files in\n"
@@ -68,12 +70,13 @@ int main(int argc, char** argv)
 {
     using mdxtool::ExitCode;
     std::map<std::string, std::function<int(mdxtool::Arguments const&)>> const commands{
-        {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
-        {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
-        {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
-        {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
-        {"kz", mdxtool::kzCommand},     {"qa", mdxtool::qaCommand},
-        {"update", mdxtool::updateCommand}, {"cp", mdxtool::cpCommand},
+        {"scan", mdxtool::scanCommand},       {"build", mdxtool::buildCommand},
+        {"ls", mdxtool::lsCommand},           {"dump", mdxtool::dumpCommand},
+        {"rm", mdxtool::rmCommand},           {"catalog", mdxtool::catalogCommand},
+        {"sync", mdxtool::syncCommand},       {"merge", mdxtool::mergeCommand},
+        {"kz", mdxtool::kzCommand},           {"qa", mdxtool::qaCommand},
+        {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
+        {"preview", mdxtool::previewCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

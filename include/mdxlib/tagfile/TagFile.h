@@ -25,6 +25,7 @@
 
 class DcmDataset;
 class QDataStream;
+class QTextStream;
 
 namespace Lmg {
 class DicomDirectoryEntry;
@@ -203,6 +204,29 @@ public:
     // Lets the volumes of a series follow images that moved to another
     // series, or drops them; called on the tag file that held the old series.
     void updateVolumesAfterQA(QASeriesMove& move);
+
+    // ---- Previews and reports ----
+    //
+    // A preview is the image's first frame windowed, fitted into
+    // sPreviewSize and stored as JPEG in (0006,7105); with it come the
+    // quadrant numbers of breast images and the crop box of radiographs.
+    // The reports print to standard output (or to the given stream).
+
+    // For a dataset just read: the image of its SOP Instance UID.
+    bool addPreview(DcmDataset* dataset, QString const& dicomFilePath);
+    bool addPreview(TagMap* image, DcmDataset* dataset, QString const& dicomFilePath);
+    // Loads the image's file itself.
+    bool addPreview(QByteArray const& sopInstanceUID, QString const& dicomFilePath);
+    // Study, series, images and volumes, one line each; detailed adds what
+    // each node stores and the volumes' values.
+    void listContent(bool detailed) const;
+    void listContent(QTextStream& stream, bool detailed) const;
+    // One image's attributes; an empty UID lists the whole file in detail.
+    void dump(QByteArray const& sopInstanceUID) const;
+    void dump(QTextStream& stream, QByteArray const& sopInstanceUID) const;
+    // Writes every stored preview as a JPEG file into folder (the current
+    // one when empty), named after the study, series and instance.
+    void exportPreviews(QString const& folder) const;
 
     // ---- Other ----
 

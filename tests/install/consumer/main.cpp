@@ -1,4 +1,5 @@
 // Uses only what the installed library exports.
+#include <mdxlib/pixels/PreviewGenerator.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/tagfile/TagFile.h>
 
@@ -11,6 +12,12 @@ int main()
 
     Mdx::TagFile::setMetaFolder("/tmp/x");
     std::printf("meta folder: %s\n", Mdx::TagFile::metaFolder());
+
+    // Qt Gui comes with the library: its public headers use QImage.
+    QImage preview(8, 8, QImage::Format_RGB32);
+    preview.fill(qRgb(40, 80, 120));
+    std::printf("preview: %d bytes of JPEG\n",
+                static_cast<int>(Mdx::PreviewGenerator::createPreviewData(preview).size()));
 
     getTheLogInstance()->printf("consumer: linked against the installed library");
     return 0;
