@@ -1,6 +1,6 @@
 // Where an edit job that touches Pixel Data asks for a new preview of an
-// image. Preview images are made elsewhere; until a maker is installed the
-// request is only logged, and the job goes on.
+// image: TagFile::addPreview from the image's file, unless the host process
+// installs a maker of its own (one that renders elsewhere, or a test's).
 #pragma once
 
 #include <mdxlib/Export.h>
@@ -20,8 +20,8 @@ using PreviewMaker = std::function<bool(TagFile& tagFile, QByteArray const& sopU
 // Installs maker for all later jobs; an empty one removes it. Set once at
 // start-up, like the other process-wide options.
 MDX_EXPORT void setPreviewMaker(PreviewMaker maker);
-// Asks the installed maker for the preview; false when there is none or it
-// failed.
+// Makes the preview through the installed maker, else addPreview; false
+// when it failed (the job goes on without it).
 MDX_EXPORT bool requestPreview(TagFile& tagFile, QByteArray const& sopUID, QByteArray const& path);
 
 } // namespace Mdx

@@ -1,6 +1,8 @@
 #include <mdxlib/qa/PreviewRequest.h>
 
-#include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
+
+#include <QFile>
 
 #include <utility>
 
@@ -23,12 +25,9 @@ void setPreviewMaker(PreviewMaker newMaker)
 
 bool requestPreview(TagFile& tagFile, QByteArray const& sopUID, QByteArray const& path)
 {
-    if (!maker()) {
-        getTheLogInstance()->tracef(McLogFile::LevelDebug, "TagFile", "No preview maker for image %s (%s)",
-                                    sopUID.constData(), path.constData());
-        return false;
-    }
-    return maker()(tagFile, sopUID, path);
+    if (maker())
+        return maker()(tagFile, sopUID, path);
+    return tagFile.addPreview(sopUID, QFile::decodeName(path));
 }
 
 } // namespace Mdx

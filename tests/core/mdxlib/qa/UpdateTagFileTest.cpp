@@ -255,6 +255,21 @@ TEST_F(UpdateJob, pixelDataAsksForAPreview)
                     ->findAndGetString(kHistory, "Lumora", value));
     std::vector<std::vector<std::string>> const change = {{"7fe0-0010", "", "rotated 90"}};
     EXPECT_EQ(decodeHistory(value).at(0).changes, change);
+
+    // Without a maker of the host's, the preview is made from the file.
+    if (mdxtest::samplesDir().isEmpty())
+        return;
+    QByteArray const ct = QFile::encodeName(mdxtest::samplesDir() + "/pydicom/CT_small.dcm");
+    writeStudyA(); // afresh: the job has left its history behind
+    ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
+    file.findImage(QByteArray::fromStdString(sop(1, 1)))
+        ->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "jpg");
+    ASSERT_TRUE(file.writeCacheFile());
+    ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1)}, {ct.constData()}), 1);
+    QByteArray const preview =
+        read(kStudyA)->findImage(QByteArray::fromStdString(sop(1, 1)))->findPreviewData(nullptr);
+    EXPECT_TRUE(preview.startsWith("\xFF\xD8"))
+        << "a JPEG from the file, not the old bytes: " << preview.left(8).toHex().constData();
 }
 
 TEST_F(UpdateJob, suffixJob)
