@@ -31,6 +31,8 @@ void printUsage(std::FILE* out)
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
+               "  json TAGFILE|STUDYUID [--series UID] [--image UID] [--pretty]\n"
+               "                        write the DICOM JSON metadata of a study from its tag file\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -59,6 +61,7 @@ int main(int argc, char** argv)
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
         {"sync", mdxtool::syncCommand},
+        {"json", mdxtool::jsonCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
