@@ -496,7 +496,10 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
 {
     json.key(tagText(key).constData());
     json.beginObject();
-    if (element->isOmittedMarker()) {
+    // Encapsulated Pixel Data has no flat value to keep, and the tag file
+    // holds it as an empty element: the pixels are in the file all the same.
+    bool const pixelsInFile = key == DCM_PixelData && element->mValue.isEmpty();
+    if (element->isOmittedMarker() || pixelsInFile) {
         json.key("vr");
         json.string(QByteArray(omittedVR(node, context.image, key)));
         BulkDataUri uri = context.place;
@@ -615,6 +618,11 @@ void DatasetWriter::writePersonNames(JsonText& json, QByteArray const& utf8)
     for (QByteArray const& value : values) {
         QList<QByteArray> groups = value.split('=');
         for (QByteArray& group : groups) {
+            // Trailing empty components are insignificant: "Doe^John^^"
+            // is "Doe^John", and "^^^^" no name at all.
+            group = trimmed(group, VR_PN);
+            while (group.endsWith('^'))
+                group.chop(1);
             group = trimmed(group, VR_PN);
             any = any || !group.isEmpty();
         }
