@@ -8,7 +8,8 @@
 // <tag> is eight upper-case hex digits (group, element), <item> a decimal
 // item index counted from 0, so "#bulk=00540016/0/00181072" is (0018,1072)
 // in the first item of (0054,0016). <object> is the image's stored location:
-//   - a URL (anything with "://") exactly as the tag file stores it;
+//   - a URL (anything with "://") as the tag file stores it, bytes that no
+//     URL holds as they are (controls, space, above 0x7E) percent-encoded;
 //   - a local absolute path as a file URI ("file:///data/a%20b.dcm");
 //   - a relative path, percent-encoded;
 //   - without a stored path, the image's instance as a relative DICOMweb

@@ -12,6 +12,7 @@ namespace {
 
 constexpr char kMarker[] = "#bulk=";
 constexpr char kStudies[] = "studies/";
+constexpr char kFile[] = "file:";
 
 QByteArray tagText(DcmTagKey const& tag)
 {
@@ -44,6 +45,26 @@ std::optional<int> parseItem(QByteArray const& text)
     return text.toInt();
 }
 
+// A URL as stored, but for bytes a URL cannot hold as they are (controls,
+// space, anything above 0x7E), which are percent-encoded. What a URL
+// already encodes stays as it is, so a well-formed URL is unchanged.
+QByteArray printableUrl(QByteArray const& url)
+{
+    QByteArray out;
+    out.reserve(url.size());
+    for (char const c : url) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte > 0x20 && byte < 0x7f) {
+            out += c;
+        } else {
+            char escaped[4];
+            std::snprintf(escaped, sizeof escaped, "%%%02X", byte);
+            out.append(escaped, 3);
+        }
+    }
+    return out;
+}
+
 bool isUrl(QByteArray const& location)
 {
     return location.contains("://");
@@ -56,12 +77,17 @@ QByteArray BulkDataUri::toUri() const
     QByteArray uri;
     if (object.isEmpty())
         uri = kStudies + studyUID + "/series/" + seriesUID + "/instances/" + sopInstanceUID;
-    else if (isUrl(object))
-        uri = object;
-    else if (object.startsWith('/'))
-        uri = QUrl::fromLocalFile(QString::fromUtf8(object)).toEncoded();
-    else
-        uri = QUrl::toPercentEncoding(QString::fromUtf8(object), "/");
+    else if (!isUrl(object) && object.startsWith('/'))
+        uri = QUrl::fromLocalFile(QString::fromUtf8(object.constData(), object.size())).toEncoded();
+    else {
+        uri = isUrl(object)
+                  ? printableUrl(object)
+                  : QUrl::toPercentEncoding(QString::fromUtf8(object.constData(), object.size()), "/");
+        // A text that reads like the instance form or a file URI keeps its
+        // first letter encoded, so that the forms never meet.
+        if (uri.startsWith(kStudies) || uri.startsWith(kFile))
+            uri.replace(0, 1, uri.startsWith(kFile) ? "%66" : "%73");
+    }
     uri += kMarker;
     for (size_t i = 0; i < path.size(); ++i) {
         if (i > 0)
@@ -100,10 +126,12 @@ std::optional<BulkDataUri> BulkDataUri::parse(QByteArray const& uri)
         result.studyUID = names[1];
         result.seriesUID = names[3];
         result.sopInstanceUID = names[5];
-    } else if (location.startsWith("file:")) {
+    } else if (location.startsWith(kFile)) {
         result.object = QUrl::fromEncoded(location).toLocalFile().toUtf8();
     } else if (isUrl(location)) {
         result.object = location;
+        if (location.startsWith("%73") || location.startsWith("%66"))
+            result.object.replace(0, 3, location.startsWith("%73") ? "s" : "f");
     } else {
         result.object = QByteArray::fromPercentEncoding(location);
     }

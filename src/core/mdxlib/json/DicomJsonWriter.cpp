@@ -320,26 +320,24 @@ template <typename T> void appendShortest(QByteArray& out, T value)
 // A DS or IS value as a JSON number. Text that JSON reads as it is stays
 // unchanged (a decimal string keeps its digits); other numbers ("+5",
 // ".5", "1.", "007") are written in JSON's form; text that is no number at
-// all is written as a string, so that nothing is lost and the document
-// stays valid.
+// all, or one beyond what a double holds, is written as a string, so that
+// nothing is lost and every JSON reader can read the document.
 void writeDecimal(JsonText& json, QByteArray const& value)
 {
-    if (isJsonNumber(value)) {
-        json.raw(value);
-        return;
-    }
     char const* begin = value.constData();
     char const* const end = begin + value.size();
     if (begin < end && *begin == '+')
         ++begin;
     double number = 0;
     std::from_chars_result const result = std::from_chars(begin, end, number);
-    if (result.ec == std::errc() && result.ptr == end && begin < end && std::isfinite(number)) {
+    if (result.ec != std::errc() || result.ptr != end || begin == end || !std::isfinite(number)) {
+        json.string(value); // no number, or none a reader could hold ("1e999")
+    } else if (isJsonNumber(value)) {
+        json.raw(value);
+    } else {
         QByteArray text;
         appendShortest(text, number);
         json.raw(text);
-    } else {
-        json.string(value);
     }
 }
 

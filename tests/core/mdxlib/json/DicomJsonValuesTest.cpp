@@ -68,8 +68,9 @@ TEST(DicomJsonValues, everyValueKindAsTheModelWritesIt)
          nullptr, R"({"vr":"LT","Value":["  a\\b\r\n \"q\""]})"},
         {"UI without its NUL padding", DCM_SOPClassUID, Mdx::VR_UI, QByteArray("1.2.3\0", 6), nullptr,
          R"({"vr":"UI","Value":["1.2.3"]})"},
-        {"DS in JSON's form where needed", DCM_PixelSpacing, Mdx::VR_DS, " 1.50\\+2\\.5\\1.\\-0.25E2\\abc",
-         nullptr, R"({"vr":"DS","Value":[1.50,2,0.5,1,-25,"abc"]})"},
+        {"DS in JSON's form where needed", DCM_PixelSpacing, Mdx::VR_DS,
+         " 1.50\\+2\\.5\\1.\\-0.25E2\\abc\\1e999", nullptr,
+         R"({"vr":"DS","Value":[1.50,2,0.5,1,-25,"abc","1e999"]})"},
         {"IS with leading zeros", DCM_InstanceNumber, Mdx::VR_IS, "007\\-3\\", nullptr,
          R"({"vr":"IS","Value":[7,-3,null]})"},
         {"AT as eight hex digits", DCM_FrameIncrementPointer, Mdx::VR_AT,
@@ -201,6 +202,7 @@ TEST(DicomJsonValues, bulkDataUrisParseBackToWhatMadeThem)
          "",
          {{DcmTagKey(0x0054, 0x0016), 12}, {DcmTagKey(0x0018, 0x1072), -1}}},
         {"relative/dir/ä.dcm", "", "", "", {{DCM_PixelData, -1}}},
+        {"studies/a/series/b/instances/c", "", "", "", {{DCM_PixelData, -1}}},
         {"", "1.2", "1.2.3", "1.2.3.4", {{DcmTagKey(0x0029, 0x1010), -1}}},
     };
     for (Row const& row : rows) {
