@@ -249,11 +249,14 @@ JsonVR jsonVR(VR vr)
     }
 }
 
-QByteArray tagText(DcmTagKey const& key)
+// "GGGGEEEE" into text, which holds 9 characters.
+void tagText(DcmTagKey const& key, char* text)
 {
-    char text[9];
-    std::snprintf(text, sizeof text, "%04X%04X", key.getGroup(), key.getElement());
-    return QByteArray(text, 8);
+    static char const kHex[] = "0123456789ABCDEF";
+    unsigned const value = unsigned(key.getGroup()) << 16 | key.getElement();
+    for (int i = 0; i < 8; ++i)
+        text[i] = kHex[(value >> (28 - 4 * i)) & 0xf];
+    text[8] = '\0';
 }
 
 bool isSpace(char c)
@@ -492,14 +495,17 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
                                  TagElement const* element, CharacterSetDecoder const& decoder,
                                  DatasetContext& context)
 {
-    json.key(tagText(key).constData());
+    char tag[9];
+    tagText(key, tag);
+    json.key(tag);
     json.beginObject();
     // Encapsulated Pixel Data has no flat value to keep, and the tag file
     // holds it as an empty element: the pixels are in the file all the same.
     bool const pixelsInFile = key == DCM_PixelData && element->mValue.isEmpty();
     if (element->isOmittedMarker() || pixelsInFile) {
         json.key("vr");
-        json.string(QByteArray(omittedVR(node, context.image, key)));
+        char const* const omitted = omittedVR(node, context.image, key);
+        json.string(omitted, static_cast<int>(std::strlen(omitted)));
         BulkDataUri uri = context.place;
         uri.path.push_back({key, -1});
         json.key("BulkDataURI");
@@ -532,7 +538,7 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
     }
     JsonVR const vr = jsonVR(element->mVR);
     json.key("vr");
-    json.string(QByteArray(vr.name));
+    json.string(vr.name, 2);
     QByteArray const& value = element->mValue;
     if (!value.isEmpty()) {
         switch (vr.kind) {
