@@ -6,7 +6,8 @@
 // leaves out the program starts and the pixel data that dcm2json pays for.
 //
 // Usage: bench_json [--images N] [--runs N] [--dcm2json-images N] [--keep] [CT_small.dcm]
-#include "support/BenchStudy.h"
+#include "BenchStudy.h"
+#include "BenchSupport.h"
 
 #include <mdxlib/json/DicomJsonWriter.h>
 #include <mdxlib/tagfile/OrderedImageLoader.h>
@@ -43,23 +44,8 @@ struct Options
     QString sample;
 };
 
-using Clock = std::chrono::steady_clock;
-
-template <typename Body> double timeMsec(Body body)
-{
-    auto const start = Clock::now();
-    body();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-template <typename Run> double medianMsec(int runs, Run run)
-{
-    std::vector<double> times;
-    for (int i = 0; i < runs; ++i)
-        times.push_back(run());
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
-}
+using mdxbench::medianMsec;
+using mdxbench::timeMsec;
 
 bool parseOptions(int argc, char** argv, Options& options)
 {

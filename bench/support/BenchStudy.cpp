@@ -1,5 +1,6 @@
 // The benchmark study; see BenchStudy.h.
-#include "support/BenchStudy.h"
+#include "BenchStudy.h"
+#include "BenchSupport.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -138,18 +139,7 @@ std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder
 
 QString findCtSample()
 {
-    QStringList roots;
-    if (char const* env = std::getenv("MDX_SAMPLES"))
-        roots << QString::fromLocal8Bit(env);
-    if (char const* env = std::getenv("XDG_CACHE_HOME"))
-        roots << QString::fromLocal8Bit(env) + "/mdxlib/samples";
-    roots << QDir::homePath() + "/.cache/mdxlib/samples";
-    for (QString const& root : roots) {
-        QString const path = root + "/pydicom/CT_small.dcm";
-        if (QFileInfo::exists(path))
-            return path;
-    }
-    return QString();
+    return mdxbench::findSampleFile("pydicom/CT_small.dcm");
 }
 
 } // namespace benchstudy

@@ -7,8 +7,6 @@
 // Usage: bench_tagfile [--images N] [--runs N] [--keep] [CT_small.dcm]
 // --keep leaves the generated files, the tag file and the JSON behind for
 // inspection.
-#include "support/BenchStudy.h"
-
 #include <mdxlib/platform/Lzma.h>
 #include <mdxlib/tagfile/Compression.h>
 #include <mdxlib/tagfile/OrderedImageLoader.h>
@@ -20,6 +18,9 @@
 #include "dcmtk/oflog/oflog.h"
 
 #include <libdeflate.h>
+
+#include "BenchStudy.h"
+#include "BenchSupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -58,25 +59,9 @@ struct Options
     QString read; // an existing tag file: only its read figures
 };
 
-using Clock = std::chrono::steady_clock;
-
-template <typename Body> double timeMsec(Body body)
-{
-    auto const start = Clock::now();
-    body();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// Median of several runs in this process; run() returns its own timing so
-// that setup and teardown (deleting a tree) can stay outside it.
-template <typename Run> double medianMsec(int runs, Run run)
-{
-    std::vector<double> times;
-    for (int i = 0; i < runs; ++i)
-        times.push_back(run());
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
-}
+using mdxbench::Clock;
+using mdxbench::medianMsec;
+using mdxbench::timeMsec;
 
 // Fresh heap pages cost a fault each, several microseconds in a virtual
 // machine: a read that cannot reuse freed memory pays thousands of them.

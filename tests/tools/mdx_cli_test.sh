@@ -208,5 +208,21 @@ for damaged in truncated.tc flipped.tc; do
 done
 run 2 "json of a study without tag file" json --meta jmeta 1.2.3
 
+# ---- merge: two partial tag files (two series) of one study folded into its
+# file, the partials removed; a damaged partial fails with one line and stays
+mkdir -p pa pb && cp "$BRAIN"/brain_00[1-4].dcm pa/ && cp "$BRAIN"/brain_01[0-3].dcm pb/
+dcmodify -nb -m "(0020,000e)=1.2.826.0.1.3680043.2.1143.99" pb/*.dcm # a second series
+run 0 "build partial a" build -q --meta parta pa
+run 0 "build partial b" build -q --meta partb pb
+run 0 "merge" merge -q --json --remove --meta merged parta/*/*/*.tc partb/*/*/*.tc
+json "len(d) == 2 and d[1]['imagesAfter'] == 8 and d[1]['study'] == '$STUDY'" "merge --json"
+[ -z "$(ls parta/*/*/*.tc 2>/dev/null)" ] || fail "merge --remove deletes the merged partials"
+run 0 "ls merged" ls --meta merged $STUDY
+has out "8 images" "the merged file holds both partials"
+echo "not a tag file" > bad.tc
+run 3 "merge of a damaged file" merge --meta merged bad.tc
+[ "$(wc -l < err)" -eq 1 ] && has err "^mdx: cannot read tag file bad.tc" "merge of a damaged file: one line"
+[ -f bad.tc ] || fail "a partial that could not be merged stays"
+
 [ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

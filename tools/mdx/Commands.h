@@ -19,5 +19,6 @@ int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);
 int syncCommand(Arguments const& args);
 int jsonCommand(Arguments const& args);
+int mergeCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -31,6 +31,7 @@ void printUsage(std::FILE* out)
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
+               "  merge TAGFILE...      fold partial tag files into their studies' tag files\n"
                "  json TAGFILE|STUDYUID [--series UID] [--image UID] [--pretty]\n"
                "                        write the DICOM JSON metadata of a study from its tag file\n"
                "  version               print the version\n"
@@ -60,7 +61,7 @@ int main(int argc, char** argv)
         {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
-        {"sync", mdxtool::syncCommand},
+        {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
         {"json", mdxtool::jsonCommand},
     };
     if (argc < 2) {

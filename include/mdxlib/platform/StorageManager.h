@@ -19,6 +19,18 @@ public:
     // comma-separated list in MDX_STORAGE_SERVERS (name is not consulted;
     // one deployment has one list).
     static std::vector<std::string> getStorageServers(char const* name);
+
+    // Reads the deployment's configuration again, so that storage added or
+    // moved while a server runs is seen by the queries that follow, and
+    // returns the storage servers now configured. Called before a study is
+    // looked up for a client.
+    static std::vector<std::string> retrieveStorageVolumes();
+
+    // Whether this process runs on the server itself (the exported server
+    // entry points say so) rather than in a viewer or tool. Kept for the
+    // path rules that differ between the two; false until set.
+    static void setServerOS(bool serverOS);
+    static bool serverOS();
 };
 
 } // namespace Lmg

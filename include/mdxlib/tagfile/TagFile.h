@@ -121,7 +121,27 @@ public:
     // writeCacheFile() of the same file. studyUID, when given, must be the
     // study in the file.
     bool readCacheFile(QString const& path, char const* studyUID, bool keepOpen);
+    // After a failed read with keepOpen: whether it failed because another
+    // process held the writer's lock all the while (the file may be fine).
+    bool lockedOut() const { return mLockedOut; }
     bool readCacheFile(QDataStream& stream, char const* studyUID);
+
+    // ---- Merging and the client's read ----
+
+    // Folds this tree (one study, as received) into the study's tag file,
+    // series by series: a series that arrives again replaces the stored
+    // one whole, an image that arrives again replaces the stored one. The
+    // file is held with the writer's lock from read to write. True when the
+    // file was written; the tree then is the merged file. False when the
+    // file could not be opened, read or written, or holds another study:
+    // the tree then still holds the new data (try again later), and the
+    // file is as it was, apart from a write that broke off half-way.
+    bool mergeIntoCacheFile();
+    // Reads the study's tag file while the catalog is asked for the study
+    // and its series, then syncs the two (syncWithDatabase). False when the
+    // catalog does not know the study, a query failed or the file could not
+    // be read. Throws std::system_error when no thread can be started.
+    bool readAndSync(char const* studyUID, char const* requester);
 
     // ---- Volumes and series analysis ----
 
@@ -211,6 +231,7 @@ private:
     QFile mFile;
     QString mPath;
     bool mStoreFilePaths = false;
+    bool mLockedOut = false;
 
     // Statistics; writing a file (a const operation) updates them.
     mutable int mCompressedSize = 0;
@@ -225,3 +246,9 @@ private:
 };
 
 } // namespace Mdx
+
+class LmMsg;
+// A whole tag file as one text of a message, in its file form. Reading
+// derives the display numbers and localizer marks, as a client needs them.
+MDX_EXPORT LmMsg& operator<<(LmMsg& msg, Mdx::TagFile const& tagFile);
+MDX_EXPORT LmMsg& operator>>(LmMsg& msg, Mdx::TagFile& tagFile);

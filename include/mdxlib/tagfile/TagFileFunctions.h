@@ -28,6 +28,14 @@ MDX_EXPORT int DeleteTagFile(const char* studyUID);
 MDX_EXPORT int DeleteSeriesInTagFile(const char* studyUID, int count, const char** seriesUIDs);
 MDX_EXPORT int DeleteImagesInTagFile(const char* studyUID, int count, const char** imageUIDs);
 
+/* The study's tag file, read while the catalog is asked and synced with it
+ * (paths of today, series the catalog no longer lists removed), in its file
+ * form: *data points at *size bytes that stay valid until the returned
+ * handle is given to FreeTagFileData. Null (and *size 0, *data null) when
+ * the study is unknown, a query failed or the tag file could not be read. */
+MDX_EXPORT void* ReadAndSyncTagFileData(const char* studyUID, const char* requester, int* size,
+                                        const char** data);
+
 /* Frees a data handle returned by the library; null does nothing. */
 MDX_EXPORT void FreeTagFileData(void* handle);
 

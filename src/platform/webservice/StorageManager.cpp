@@ -2,6 +2,7 @@
 
 #include <mdxlib/platform/ExResource.h>
 
+#include <atomic>
 #include <utility>
 
 namespace Lmg {
@@ -42,6 +43,26 @@ std::vector<std::string> StorageManager::getStorageServers(char const*)
         start = comma + 1;
     }
     return servers;
+}
+
+namespace {
+std::atomic<bool> sServerOS{false};
+} // namespace
+
+std::vector<std::string> StorageManager::retrieveStorageVolumes()
+{
+    ExResource::reloadConfiguration();
+    return getStorageServers(nullptr);
+}
+
+void StorageManager::setServerOS(bool serverOS)
+{
+    sServerOS = serverOS;
+}
+
+bool StorageManager::serverOS()
+{
+    return sServerOS;
 }
 
 } // namespace Lmg

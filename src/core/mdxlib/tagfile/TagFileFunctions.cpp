@@ -62,6 +62,10 @@ int removeFromTagFile(char const* studyUID, int count, char const** uids, bool s
         return 1;
     Mdx::TagFile tagFile;
     if (!tagFile.readCacheFileForStudy(studyUID, true)) {
+        // Another writer held the file all the while: nothing was deleted,
+        // and saying so is the caller's cue to try again.
+        if (tagFile.lockedOut())
+            return 0;
         // A file that is there but can't be opened for writing is a file
         // that can't be changed, not one that is missing.
         QFileInfo const info(Mdx::TagFile::cacheFilePathForStudy(studyUID));

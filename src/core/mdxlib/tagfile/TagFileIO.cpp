@@ -19,6 +19,8 @@
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McWatch.h>
 #include <mdxlib/tagfile/Compression.h>
+
+#include "FileLock.h"
 #include <mdxlib/tags/TagMapSerializer.h>
 #include <mdxlib/volumes/Volume.h>
 
@@ -359,12 +361,28 @@ bool TagFile::readCacheFile(QString const& path, char const* studyUID, bool keep
     QByteArray const localPath = path.toLocal8Bit();
 
     if (keepOpen) {
-        if (!mFile.exists())
-            return false;
-        // Another process may hold the file for a moment while it writes.
-        for (int retries = 0; !mFile.open(QIODevice::ReadWrite); ++retries) {
-            if (mFile.error() == QFileDevice::OpenError || retries >= kOpenRetries)
+        // Kept open for a following write: the writer's lock is taken with
+        // the open (see FileLock.h). Another process may hold the file for a
+        // moment while it writes; a file deleted meanwhile is not made anew.
+        mLockedOut = false;
+        for (int retries = 0;; ++retries) {
+            if (!mFile.exists())
                 return false;
+            if (mFile.open(QIODevice::ReadWrite)) {
+                int error = 0;
+                FileLockResult const lock = lockForUpdate(mFile.handle(), path, &error);
+                if (lock == FileLockResult::Locked)
+                    break;
+                mFile.close();
+                if (lock == FileLockResult::Failed || retries >= kOpenRetries) {
+                    mLockedOut = lock == FileLockResult::Busy;
+                    log().tracef(McLogFile::LevelWarning, kCategory, "Could not open %s for read-write: %s",
+                                 localPath.constData(), describe(lock, error));
+                    return false;
+                }
+            } else if (mFile.error() == QFileDevice::OpenError || retries >= kOpenRetries) {
+                return false;
+            }
             QThread::msleep(kOpenRetryMsec);
         }
     } else if (!mFile.open(QIODevice::ReadOnly)) {

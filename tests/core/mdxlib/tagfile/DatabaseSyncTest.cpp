@@ -6,6 +6,9 @@
 #include <mdxlib/platform/Catalog.h>
 #include <mdxlib/platform/Database.h>
 #include <mdxlib/platform/WebService.h>
+#include <mdxlib/tagfile/TagFileFunctions.h>
+
+#include <sqlite3.h>
 
 namespace {
 
@@ -228,6 +231,51 @@ TEST_F(DatabaseSyncTest, skeletonFromTheDatabaseAlone)
     SetDatabaseServer(connection.c_str()); // a database that lists no series: none are left
     EXPECT_FALSE(file.syncWithDatabase(empty));
     EXPECT_TRUE(file.series().isEmpty() && file.study()->findElement(Mdx::Tags::FromDatabase));
+}
+
+TEST_F(DatabaseSyncTest, readAndSyncReadsTheFileWhileTheCatalogIsAsked)
+{
+    QTemporaryDir meta;
+    Mdx::TagFile::setMetaFolder(QFile::encodeName(meta.path()));
+    char const* uid = studyUID.c_str();
+    getTheLogInstance()->setLogLevel(McLogFile::LevelDebug);
+    mdxtest::LogCapture log;
+    Mdx::TagFile file;
+    EXPECT_FALSE(file.readAndSync(uid, "test"));
+    EXPECT_EQ(log.count(0, "Could not find study " + studyUID), 1);
+    addStudy(full, [](int i) { return i < 10; });
+    EXPECT_FALSE(file.readAndSync(uid, "test")); // no tag file yet
+    EXPECT_EQ(log.count(3, "Could not read tag file for study " + studyUID), 1);
+
+    ASSERT_TRUE(full.writeCacheFile());
+    ASSERT_TRUE(file.readAndSync(uid, "test"));
+    EXPECT_EQ(file.images().size(), 10);
+    EXPECT_EQ(checkPaths(file), 10);
+
+    // The exported form hands out the same file, and so does a message.
+    int size = -1;
+    char const* data = nullptr;
+    void* handle = ReadAndSyncTagFileData(uid, "test", &size, &data);
+    ASSERT_TRUE(handle && data);
+    EXPECT_EQ(QByteArray(data, size), mdxtest::tagFileBytes(file));
+    FreeTagFileData(handle);
+    LmMsg msg;
+    msg << file;
+    Mdx::TagFile received;
+    msg >> received;
+    EXPECT_EQ(received.images().keys(), file.images().keys());
+    EXPECT_TRUE(received.study()->compare(*file.study(), false, nullptr));
+
+    // A catalog that fails between the study and its series must not pass
+    // for one that lists no series: that would empty the study.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(connection.substr(7).c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "DROP TABLE images", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    EXPECT_FALSE(file.readAndSync(uid, "test"));
+    EXPECT_EQ(log.count(3, "Could not query the series of study"), 1);
+    EXPECT_EQ(ReadAndSyncTagFileData(uid, "test", &size, &data), nullptr);
+    EXPECT_TRUE(size == 0 && data == nullptr);
 }
 
 } // namespace
