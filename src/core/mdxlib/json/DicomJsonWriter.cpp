@@ -12,6 +12,7 @@
 
 #include <QIODevice>
 #include <QList>
+#include <QVarLengthArray>
 
 #include <charconv>
 #include <cmath>
@@ -94,7 +95,7 @@ private:
     void newline()
     {
         mOut += '\n';
-        mOut.append(QByteArray(2 * (mDepth + static_cast<int>(mFirst.size())), ' '));
+        mOut.append(2 * (mDepth + static_cast<int>(mFirst.size())), ' ');
     }
 
     QByteArray& mOut;
@@ -266,18 +267,31 @@ bool isSpace(char c)
 
 // Padding and insignificant spaces go: trailing spaces (and the NUL that
 // pads UIDs) always, leading spaces where the VR says they mean nothing.
-QByteArray trimmed(QByteArray const& value, VR vr)
+// A piece of a value, not copied.
+struct Span
 {
-    int end = value.size();
-    while (end > 0 && (isSpace(value[end - 1]) || value[end - 1] == '\0'))
+    char const* data;
+    int size;
+};
+
+Span trimmed(Span text, VR vr)
+{
+    int end = text.size;
+    while (end > 0 && (isSpace(text.data[end - 1]) || text.data[end - 1] == '\0'))
         --end;
     int begin = 0;
     bool const leading = vr == VR_AE || vr == VR_CS || vr == VR_DS || vr == VR_IS || vr == VR_LO ||
                          vr == VR_SH || vr == VR_DA || vr == VR_TM || vr == VR_DT || vr == VR_AS ||
                          vr == VR_UI || vr == VR_UC;
-    while (leading && begin < end && isSpace(value[begin]))
+    while (leading && begin < end && isSpace(text.data[begin]))
         ++begin;
-    return value.mid(begin, end - begin);
+    return {text.data + begin, end - begin};
+}
+
+QByteArray trimmed(QByteArray const& value, VR vr)
+{
+    Span const span = trimmed(Span{value.constData(), value.size()}, vr);
+    return QByteArray(span.data, span.size);
 }
 
 // Whether text is a number as JSON writes one:
@@ -513,7 +527,8 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
         json.endObject();
         return;
     }
-    if (auto const* sequence = dynamic_cast<TagSequence const*>(element)) {
+    auto const* sequence = element->mVR == VR_SQ ? dynamic_cast<TagSequence const*>(element) : nullptr;
+    if (sequence) {
         json.key("vr");
         json.string("SQ", 2);
         if (!sequence->mItems.isEmpty()) {
@@ -550,7 +565,7 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
             // The text is UTF-8 now, and says so.
             if (key == DCM_SpecificCharacterSet && !trimmed(value, VR_CS).isEmpty())
                 utf8 = "ISO_IR 192";
-            if (trimmed(utf8, element->mVR).isEmpty() && vr.kind != Kind::Strings && vr.kind != Kind::Decimal)
+            if (vr.kind == Kind::PersonName && trimmed(Span{utf8.constData(), utf8.size()}, VR_PN).size == 0)
                 break;
             if (vr.kind == Kind::PersonName)
                 writePersonNames(json, utf8);
@@ -589,23 +604,31 @@ void DatasetWriter::writeElement(JsonText& json, TagMap const* node, DcmTagKey c
 // null, and a text that is all padding has no "Value" at all.
 void DatasetWriter::writeStrings(JsonText& json, VR vr, Kind kind, QByteArray const& utf8)
 {
-    QList<QByteArray> values;
-    if (kind == Kind::Text)
-        values.append(trimmed(utf8, vr));
-    else
-        for (QByteArray const& part : utf8.split('\\'))
-            values.append(trimmed(part, vr));
-    if (values.size() == 1 && values[0].isEmpty())
+    QVarLengthArray<Span, 16> values;
+    char const* const text = utf8.constData();
+    int const size = utf8.size();
+    if (kind == Kind::Text) {
+        values.append(trimmed(Span{text, size}, vr));
+    } else {
+        int start = 0;
+        for (int i = 0; i <= size; ++i) {
+            if (i == size || text[i] == '\\') {
+                values.append(trimmed(Span{text + start, i - start}, vr));
+                start = i + 1;
+            }
+        }
+    }
+    if (values.size() == 1 && values[0].size == 0)
         return;
     json.key("Value");
     json.beginArray();
-    for (QByteArray const& value : values) {
-        if (value.isEmpty())
+    for (Span const& value : values) {
+        if (value.size == 0)
             json.null();
         else if (kind == Kind::Decimal)
-            writeDecimal(json, value);
+            writeDecimal(json, QByteArray::fromRawData(value.data, value.size));
         else
-            json.string(value);
+            json.string(value.data, value.size);
     }
     json.endArray();
 }
