@@ -37,8 +37,8 @@ class TagMap;
 class MDX_EXPORT DicomJsonWriter
 {
 public:
-    // Writes to out, which must be open for writing; pretty adds line
-    // breaks and indentation.
+    // Writes to out, which must be open for writing (it may be null when
+    // only appendDataset is used); pretty adds line breaks and indentation.
     explicit DicomJsonWriter(QIODevice* out, bool pretty = false);
 
     // Each writes one complete JSON array: every image of the study (series
