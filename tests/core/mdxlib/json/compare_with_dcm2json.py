@@ -61,7 +61,9 @@ PADDING = "FFFCFFFC"
 UID_TAGS = {"0020000D", "0020000E", "00080018"}
 STRING_VRS = {"AE", "AS", "CS", "DA", "DT", "LO", "LT", "SH", "ST", "TM", "UC", "UI", "UR", "UT"}
 
-classes = collections.Counter()
+CLASSES = ("bulk-data", "bulk-data-vr", "pixel-data-stripped", "charset-by-pydicom", "charset-declared",
+           "padding-stripped", "group-length", "uid-as-text", "number-format", "invalid-text")
+classes = collections.Counter({name: 0 for name in CLASSES})
 failures = []
 
 
@@ -261,8 +263,8 @@ def main():
             Comparison(path, stripped).dataset(os.path.basename(path), by_sop[sop], theirs, [])
             images += 1
     print(f"{images} images of {len(studies)} studies compared with dcm2json")
-    for name, count in sorted(classes.items()):
-        print(f"  {name}: {count}")
+    for name in CLASSES:
+        print(f"  {name}: {classes[name]}")
     if failures:
         print(f"{len(failures)} unexplained differences:")
         for line in failures:
