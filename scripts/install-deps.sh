@@ -14,9 +14,12 @@ PACKAGES=(
   libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev libpq-dev
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
+  zip unzip
   nodejs npm
   nginx postgresql
+  awscli
   clang
+  libxml2-utils
 )
 
 echo "== system packages"
@@ -60,4 +63,6 @@ else
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+# The upload tests' npm servers; without them those tests skip.
+bash scripts/install-npm-peers.sh || echo "warning: the npm test peers could not be installed" >&2
 bash scripts/fetch-samples.sh

@@ -12,13 +12,26 @@ Any path serves the stream of peerlib.py, shaped and broken as the query string 
     stall_after=K   after K body bytes wait `stall` seconds (default 5, at most 30), then go on
     bad_range=S     answer a range shifted by S bytes, truthfully labelled
     ignore_range=1  answer a range with 200 and the whole body
-The test id is the query's "id". PUT answers 201, POST 200, both with {"length", "sha256"} of
-the body; DELETE 204. Bookkeeping: GET /__stats?id=X gives {"requests": n, "methods": [...],
-"ranges": [...]}; POST /__reset?id=X forgets that id.
+    on=VERB[:TEXT] the faults (and "times") apply only to requests of that verb whose query
+                    holds TEXT, e.g. on=POST:uploadId= for the completion of an S3 upload
+    reset_after=K   (uploads) read K bytes of the request body, then reset the connection
+    error200=1      answer 200 with an S3 <Error> document
+    blocks=A,B      the committed block list (Azure Get Block List) names these blocks
+Options may also stand in the path, as "/q/<options>/rest", for clients that add a query of
+their own (upload sessions). The test id is the options' "id". PUT answers 201 with an ETag, POST
+200, both with {"length", "sha256"} of the body, but the S3 and Azure control calls get the XML
+their clients expect (create and complete of a multipart upload, an empty committed block list);
+DELETE 204. Bookkeeping: GET /__stats?id=X gives {"requests": n, "methods": [...],
+"ranges": [...], "queries": [...], "lengths": [...], "bodies": [...]} (request body lengths, and
+the bodies under 4 KiB as text); POST /__reset?id=X
+forgets that id.
 """
 
 import hashlib
 import json
+import re
+import socket
+import struct
 import time
 from urllib.parse import parse_qs, urlsplit
 
@@ -31,28 +44,61 @@ class FaultHandler(peerlib.Handler):
     def route(self):
         url = urlsplit(self.path)
         query = {k: v[-1] for k, v in parse_qs(url.query, keep_blank_values=True).items()}
+        in_path = re.match(r"^/q/([^/]*)(/.*)?$", url.path)
+        if in_path:
+            query = dict({k: v[-1] for k, v in parse_qs(in_path.group(1), keep_blank_values=True).items()}, **query)
         number = lambda name, default=None: float(query[name]) if query.get(name) else default
         tests = self.server.state
         tid = query.get("id", "")
-        body = self.read_body()
+        verb, _, text = query.get("on", "").partition(":")
+        matching = (not verb or self.command == verb) and text in url.query
         if url.path in ("/__stats", "/__reset"):
             with self.server.lock:
                 st = tests.pop(tid, None) if url.path == "/__reset" else tests.get(tid)
             return self.send(200, json.dumps(st or {"requests": 0}), "application/json")
         with self.server.lock:
-            st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": []})
+            st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": [], "queries": [], "lengths": [],
+                                        "bodies": [], "matching": 0})
             st["requests"] += 1
             st["methods"].append(self.command)
             st["ranges"].append(self.headers.get("Range"))
-            faulty = number("times") is None or st["requests"] <= number("times")
+            st["queries"].append(url.query)
+            st["matching"] += matching
+            faulty = matching and (number("times") is None or st["matching"] <= number("times"))
+        if faulty and query.get("reset_after"):
+            self.rfile.read(min(int(number("reset_after")), int(self.headers.get("Content-Length") or 0)))
+            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self.close_connection = True
+            self.connection.close()
+            return None
+        body = self.read_body()
+        with self.server.lock:
+            st["lengths"].append(len(body))
+            st["bodies"].append(body.decode("latin-1") if len(body) < 4096 else None)
         if faulty and "delay" in query:
             time.sleep(min(number("delay"), 30.0))
         if faulty and "status" in query:
             code = int(number("status"))
             return self.send(code, b"injected fault %d\n" % code)
+        if faulty and query.get("error200"):
+            return self.send(200, b"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Error><Code>InternalError</Code>"
+                                  b"<Message>We encountered an internal error. Please try again.</Message></Error>",
+                             "application/xml")
+        if self.command == "POST" and "uploads" in parse_qs(url.query, keep_blank_values=True):
+            return self.send(200, "<InitiateMultipartUploadResult><UploadId>fault-peer-upload</UploadId>"
+                                  "</InitiateMultipartUploadResult>", "application/xml")
+        if self.command == "POST" and "uploadId" in parse_qs(url.query):
+            return self.send(200, "<CompleteMultipartUploadResult><ETag>\"x-2\"</ETag>"
+                                  "</CompleteMultipartUploadResult>", "application/xml")
+        if self.command == "GET" and "comp=blocklist" in url.query:
+            names = [n for n in query.get("blocks", "").split(",") if n]
+            listed = "".join("<Block><Name>%s</Name><Size>1</Size></Block>" % n for n in names)
+            return self.send(200, "<BlockList><CommittedBlocks>%s</CommittedBlocks></BlockList>" % listed,
+                             "application/xml", [("ETag", '"0x8FAULTPEER"')])
         if self.command in ("PUT", "POST"):
             answer = {"length": len(body), "sha256": hashlib.sha256(body).hexdigest()}
-            return self.send(201 if self.command == "PUT" else 200, json.dumps(answer), "application/json")
+            etag = [("ETag", '"%s"' % hashlib.md5(body).hexdigest() if body else '"0x8FAULTPEER"')]
+            return self.send(201 if self.command == "PUT" else 200, json.dumps(answer), "application/json", etag)
         if self.command == "DELETE":
             return self.send(204)
         total = int(number("size", 1000))

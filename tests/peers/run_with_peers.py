@@ -8,10 +8,12 @@ Starts on free ports of 127.0.0.1 (parallel ctest runs never collide) nginx serv
 (1000 bytes), medium.bin (5 MiB) and large.bin (64 MiB) of the peers' stream (or DIR with the
 files of --make-file, as bench/download/run.sh wants them), and fault_peer.py
 over HTTP and HTTPS; with --with aws also ec2_metadata_peer.py and sigv4_peer.py, with --with
-postgres also postgres_peer.py. COMMAND sees
+postgres also postgres_peer.py, with --with s3 s3rver and with --with azure azurite and
+azure_token_peer.py (npm_peer.py runs the npm servers). COMMAND sees
 MDX_NGINX_HTTP_PORT, MDX_NGINX_HTTPS_PORT, MDX_FAULT_PORT, MDX_FAULT_TLS_PORT, MDX_PEER_DATA,
 MDX_PEER_CA, with aws MDX_EC2_PORT and MDX_SIGV4_PORT, and with postgres MDX_POSTGRES_PORT and
-MDX_POSTGRES_URL (a connection string for the user postgres) (unset when a peer cannot run here,
+MDX_POSTGRES_URL (a connection string for the user postgres), with s3 MDX_S3RVER_PORT, with azure
+MDX_AZURITE_PORT and MDX_AZURE_TOKEN_PORT (unset when a peer cannot run here,
 so that its tests skip). Everything is stopped and removed afterwards, also on a timeout or a
 signal; the exit status is COMMAND's (124 on --timeout, 77 without nginx).
 """
@@ -32,7 +34,9 @@ import peerlib
 sys.dont_write_bytecode = True
 PEERS = {"": [("MDX_FAULT_PORT", "fault_peer.py", ["--plain"]), ("MDX_FAULT_TLS_PORT", "fault_peer.py", ["--tls"])],
          "aws": [("MDX_EC2_PORT", "ec2_metadata_peer.py", []), ("MDX_SIGV4_PORT", "sigv4_peer.py", [])],
-         "postgres": [("MDX_POSTGRES_PORT", "postgres_peer.py", [])]}
+         "postgres": [("MDX_POSTGRES_PORT", "postgres_peer.py", [])],
+         "s3": [("MDX_S3RVER_PORT", "npm_peer.py", ["s3"])],
+         "azure": [("MDX_AZURITE_PORT", "npm_peer.py", ["azure"]), ("MDX_AZURE_TOKEN_PORT", "azure_token_peer.py", [])]}
 
 
 def read_ports(procs, deadline):
@@ -62,7 +66,7 @@ def main():
         return 2
     parser = argparse.ArgumentParser()
     parser.add_argument("--timeout", type=float, default=0.0)
-    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws", "postgres"])
+    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws", "postgres", "s3", "azure"])
     parser.add_argument("--data", help="the folder nginx serves (kept afterwards)")
     parser.add_argument("--make-file", action="append", default=[], metavar="NAME:SIZE")
     args, command = parser.parse_args(argv[:argv.index("--")]), argv[argv.index("--") + 1:]

@@ -51,6 +51,19 @@ class Peers(unittest.TestCase):
         _, stats = request("MDX_FAULT_TLS_PORT", "GET", "/__stats?id=" + cases[-1][0], tls=True)
         self.assertEqual(json.loads(stats)["requests"], 2)
 
+    def test_fault_peer_breaks_uploads_by_kind_of_request(self):
+        path = "/q/id=self-upload&status=503&times=1&on=PUT:partNumber/key"
+        cases = [("POST", path + "?uploads=", 200, b"<UploadId>fault-peer-upload</UploadId>"),
+                 ("PUT", path + "?partNumber=1&uploadId=u", 503, b"injected fault 503"),
+                 ("PUT", path + "?partNumber=1&uploadId=u", 201, b'"length": 4'),
+                 ("POST", "/q/id=self-error/k?uploadId=u&error200=1", 200, b"<Error><Code>InternalError")]
+        for method, target, status, part in cases:
+            response, body = request("MDX_FAULT_TLS_PORT", method, target, body=b"body", tls=True)
+            self.assertEqual(response.status, status, target)
+            self.assertIn(part, body, target)
+        with self.assertRaises((ConnectionError, OSError, http.client.HTTPException)):
+            request("MDX_FAULT_PORT", "PUT", "/x?id=self-reset&reset_after=10", body=b"x" * 200000)
+
     def test_metadata_peer_insists_on_its_token_once_one_is_out(self):
         region = "/latest/meta-data/placement/region"
         self.assertEqual(request("MDX_EC2_PORT", "GET", region)[1], b"us-east-1")

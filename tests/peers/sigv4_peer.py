@@ -9,9 +9,14 @@ x-amz-content-sha256 and the token itself, so a client that leaves one out fails
 service. Hosts are "<bucket>.s3[.<region>].localhost". Refusals are S3 XML errors: AccessDenied
 (anonymous), AuthorizationHeaderMalformed, InvalidAccessKeyId, InvalidToken, RequestTimeTooSkewed,
 SignatureDoesNotMatch, BadDigest. A PUT without query stores the body; GET and HEAD serve it (206
-for a Range) or "sigv4 ok\n". Identities: AKIDSIGV4PLAIN and ASIASIGV4TOKEN (with a token), below.
-Host 127.0.0.1: GET /__stats, POST /__reset, POST /__fail?count=N&status=CODE (the next N signed
-requests get CODE).
+for a Range) or "sigv4 ok\n". Multipart uploads as at S3: POST ?uploads= opens one (UploadId
+"sigv4-upload-<n>"), PUT ?partNumber=N&uploadId= keeps a part and answers its quoted MD5 as ETag,
+POST ?uploadId= (CompleteMultipartUpload XML) joins the named parts into the object, checking
+numbers and ETags (400 InvalidPart, InvalidPartOrder; 404 NoSuchUpload) and answers a
+CompleteMultipartUploadResult; DELETE ?uploadId= aborts (204). Every request is recorded with its
+query; a completion also with the parts it named, an abort as "aborted". Identities: AKIDSIGV4PLAIN and ASIASIGV4TOKEN (with a token), below.
+Host 127.0.0.1: GET /__stats (requests, objects with size and MD5, open uploads), POST /__reset, POST /__fail?count=N&status=CODE (the next N signed
+requests get CODE; &on=VERB only those of that verb).
 """
 
 import base64
@@ -19,6 +24,7 @@ import datetime
 import hashlib
 import json
 import sys
+import xml.etree.ElementTree as ElementTree
 from urllib.parse import parse_qs, urlsplit
 
 import peerlib
@@ -62,15 +68,50 @@ class Sigv4Handler(peerlib.Handler):
         if host.rsplit(":", 1)[0] == "127.0.0.1":
             with lock:
                 if url.path == "/__reset":
-                    state.update(requests=[], fail=0, objects={})
+                    state.update(requests=[], fail=0, objects={}, uploads={}, fail_on="")
                 elif url.path == "/__fail":
-                    query = {k: int(v[-1]) for k, v in parse_qs(url.query).items()}
-                    state.update(fail=query.get("count", 1), fail_status=query.get("status", 503))
-                return self.send(200, json.dumps({"requests": state["requests"]}), "application/json")
-        record = {"method": self.command, "access_key": None, "region": None, "signed_headers": []}
+                    query = {k: v[-1] for k, v in parse_qs(url.query).items()}
+                    state.update(fail=int(query.get("count", 1)), fail_status=int(query.get("status", 503)),
+                                 fail_on=query.get("on", ""))
+                objects = {k: {"size": len(v), "md5": hashlib.md5(v).hexdigest()} for k, v in state["objects"].items()}
+                return self.send(200, json.dumps({"requests": state["requests"], "objects": objects,
+                                                  "open_uploads": sorted(state["uploads"])}), "application/json")
+        record = {"method": self.command, "query": url.query, "access_key": None, "region": None,
+                  "signed_headers": [], "length": len(body)}
         record["status"] = self.check(url, host, body, record)
         with lock:
             state["requests"].append(record)
+
+    def multipart(self, name, query, body, record):
+        state = self.server.state
+        with self.server.lock:
+            if "uploads" in query:
+                upload = "sigv4-upload-%d" % (len(state["requests"]) + 1)
+                state["uploads"][upload] = {"name": name, "parts": {}}
+                return self.send(200, "<InitiateMultipartUploadResult><UploadId>%s</UploadId>"
+                                      "</InitiateMultipartUploadResult>" % upload, "application/xml") or 200
+            upload = state["uploads"].get(query["uploadId"])
+            if upload is None or upload["name"] != name:
+                return self.error(404, "NoSuchUpload")
+            if self.command == "PUT":
+                etag = hashlib.md5(body).hexdigest()
+                upload["parts"][int(query["partNumber"])] = (etag, body)
+                return self.send(200, headers=[("ETag", '"%s"' % etag)]) or 200
+            try:
+                named = [(int(part.findtext("PartNumber")), part.findtext("ETag"))
+                         for part in ElementTree.fromstring(body).findall("Part")]
+            except (ElementTree.ParseError, TypeError, ValueError):
+                return self.error(400, "MalformedXML")
+            record["parts"] = named
+            if [n for n, _ in named] != sorted(n for n, _ in named):
+                return self.error(400, "InvalidPartOrder")
+            if not named or any(upload["parts"].get(n, ("",))[0] != etag.strip('"') for n, etag in named):
+                return self.error(400, "InvalidPart")
+            state["objects"][name] = b"".join(upload["parts"][n][1] for n, _ in named)
+            del state["uploads"][query["uploadId"]]
+        return self.send(200, "<CompleteMultipartUploadResult><Key>%s</Key><ETag>\"%s-%d\"</ETag>"
+                              "</CompleteMultipartUploadResult>" % (name, "0" * 32, len(named)),
+                         "application/xml") or 200
 
     def check(self, url, host, body, record):
         labels = host.rsplit(":", 1)[0].split(".")
@@ -112,21 +153,25 @@ class Sigv4Handler(peerlib.Handler):
         if md5 is not None and md5 != base64.b64encode(hashlib.md5(body).digest()).decode():
             return self.error(400, "BadDigest")
         state, name = self.server.state, bucket + url.path
+        query = {k: v[-1] for k, v in parse_qs(url.query, keep_blank_values=True).items()}
         with self.server.lock:
-            failing = state["fail"] > 0
+            failing = state["fail"] > 0 and state["fail_on"] in ("", self.command)
             state["fail"] -= failing
             stored = state["objects"].get(name, b"sigv4 ok\n")
-            if self.command == "PUT" and not url.query:
+            if failing:
+                pass
+            elif self.command == "PUT" and not url.query:
                 state["objects"][name] = body
+            elif self.command == "DELETE" and "uploadId" in query:
+                record["aborted"] = state["uploads"].pop(query["uploadId"], None) is not None
             elif self.command == "DELETE":
                 state["objects"].pop(name, None)
         if failing:
             return self.error(state["fail_status"], "SlowDown")
         if self.command == "DELETE":
             return self.send(204) or 204
-        if self.command == "POST" and "uploads" in url.query:
-            return self.send(200, "<InitiateMultipartUploadResult><UploadId>sigv4-peer-upload</UploadId>"
-                                  "</InitiateMultipartUploadResult>", "application/xml") or 200
+        if self.command in ("PUT", "POST") and ("uploads" in query or "uploadId" in query):
+            return self.multipart(name, query, body, record)
         if self.command not in ("GET", "HEAD"):
             return self.send(200, headers=[("ETag", '"%s"' % hashlib.md5(body).hexdigest())]) or 200
         asked = self.headers.get("Range", "")
@@ -143,4 +188,5 @@ if __name__ == "__main__":
         sys.stderr.write("sigv4_peer.py: botocore missing (Debian package python3-botocore)\n")
         sys.exit(peerlib.SKIP)
     peerlib.serve(Sigv4Handler, "S3 front that checks SigV4 with botocore.", tls=True,
-                  state=lambda args: {"requests": [], "fail": 0, "fail_status": 503, "objects": {}})
+                  state=lambda args: {"requests": [], "fail": 0, "fail_status": 503, "fail_on": "",
+                                     "objects": {}, "uploads": {}})

@@ -14,6 +14,9 @@
 
 #include <QDataStream>
 #include <QFile>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QStandardPaths>
 
 #include <QDir>
 #include <QDirIterator>
@@ -81,6 +84,48 @@ std::map<std::string, QStringList> sampleStudies()
 QString testDataDir()
 {
     return QStringLiteral(MDX_TEST_DATA_DIR);
+}
+
+std::vector<QString> writeFiles(QString const& dir, std::vector<std::pair<QString, QByteArray>> const& files)
+{
+    std::vector<QString> paths;
+    for (auto const& [name, bytes] : files) {
+        paths.push_back(dir + "/" + name);
+        if (!writeFile(paths.back(), bytes))
+            return {};
+    }
+    return paths;
+}
+
+int runProgram(QString const& program, QStringList const& arguments, QByteArray* output, QByteArray* error,
+               int timeoutMsec)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(timeoutMsec) || process.exitStatus() != QProcess::NormalExit) {
+        process.kill();
+        process.waitForFinished(5000);
+        return -1;
+    }
+    if (output)
+        *output = process.readAllStandardOutput();
+    if (error)
+        *error = process.readAllStandardError();
+    return process.exitCode();
+}
+
+bool haveProgram(QString const& program)
+{
+    return !QStandardPaths::findExecutable(program).isEmpty();
+}
+
+QJsonObject zipOracle(QStringList const& arguments)
+{
+    QByteArray output;
+    QString const script = testDataDir() + "/../support/zip_oracle.py";
+    if (runProgram("python3", QStringList{script} + arguments, &output) != 0)
+        return QJsonObject();
+    return QJsonDocument::fromJson(output).object();
 }
 
 DcmDataset* makeImageDataset(char const* studyUID, char const* seriesUID, char const* sopUID)
@@ -236,6 +281,28 @@ int LogCapture::count(int level, std::string const& part)
     return static_cast<int>(std::count_if(messages.begin(), messages.end(), [&](auto const& m) {
         return m.first == level && m.second.find(part) != std::string::npos;
     }));
+}
+
+std::vector<HistoryBlock> decodeHistory(QByteArray const& base64)
+{
+    QList<QByteArray> lines = QByteArray::fromBase64(base64).split('\n');
+    if (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast(); // the newline that ends the last line
+    std::vector<HistoryBlock> blocks;
+    int i = 0;
+    while (i < lines.size()) {
+        HistoryBlock block;
+        block.id = lines[i++].toStdString();
+        while (i < lines.size() && !lines[i].isEmpty()) {
+            std::vector<std::string> change;
+            for (int part = 0; part < 3; ++part)
+                change.push_back(i < lines.size() ? lines[i++].toStdString() : std::string("<missing>"));
+            block.changes.push_back(change);
+        }
+        ++i; // the empty line that ends the block
+        blocks.push_back(block);
+    }
+    return blocks;
 }
 
 } // namespace mdxtest

@@ -6,6 +6,7 @@
 #include "dcmtk/dcmdata/dctagkey.h"
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 
@@ -62,6 +63,9 @@ Mdx::TagMap* addImage(Mdx::TagFile& file, std::string const& study, std::string 
 QByteArray fileContents(QString const& path);
 // Writes the bytes to a file, making its folder first; false on any failure.
 bool writeFile(QString const& path, QByteArray const& bytes);
+// Writes each (file name, contents) pair as a file in dir; the paths in the
+// same order, or none when a file could not be written.
+std::vector<QString> writeFiles(QString const& dir, std::vector<std::pair<QString, QByteArray>> const& files);
 // A tag file as written in the current compression mode, and read back from
 // such bytes (the named study, or the first).
 QByteArray tagFileBytes(Mdx::TagFile const& file);
@@ -71,6 +75,28 @@ bool readTagFile(Mdx::TagFile& file, QByteArray const& bytes, char const* study 
 // keys, VRs, plain values and number of volumes, and no difference that
 // compare() sees.
 void expectSameStoredTree(Mdx::TagMap const* expected, Mdx::TagMap const* actual);
+
+// Runs a program and waits for it: its exit status, or -1 when it could not
+// start, crashed or ran longer than timeoutMsec. Its standard output and
+// error go where the pointers say.
+int runProgram(QString const& program, QStringList const& arguments, QByteArray* output = nullptr,
+               QByteArray* error = nullptr, int timeoutMsec = 120000);
+// Whether a program is on the PATH.
+bool haveProgram(QString const& program);
+// Python's zipfile on ZIP archives (support/zip_oracle.py, which documents
+// the commands): the JSON it prints, or null when it failed to run.
+QJsonObject zipOracle(QStringList const& arguments);
+// One block of a QA history: the step's id and its changes as (key, old,
+// new), key in the form "0010-0010".
+struct HistoryBlock
+{
+    std::string id;
+    std::vector<std::vector<std::string>> changes;
+};
+// Decodes a history value (base64) by the format of its lines: an id line,
+// then three lines per change (key, old, new), then an empty line in place
+// of a key.
+std::vector<HistoryBlock> decodeHistory(QByteArray const& base64);
 
 // Sets or unsets environment variables (rereading the configuration), and
 // puts them back when it goes.

@@ -223,6 +223,21 @@ echo "not a tag file" > bad.tc
 run 3 "merge of a damaged file" merge --meta merged bad.tc
 [ "$(wc -l < err)" -eq 1 ] && has err "^mdx: cannot read tag file bad.tc" "merge of a damaged file: one line"
 [ -f bad.tc ] || fail "a partial that could not be merged stays"
+# ---- qa put/show and update: a record kept in the catalog, a job from a file
+printf '20240102030405 admin\nP=PID1\n0010,0010=Doe^Jane\n0008,103e=a``b\n\n' > record.txt
+run 0 "qa put" qa put --catalog="$W/c.sqlite" 12 record.txt
+run 0 "qa show" qa show --json --catalog="$W/c.sqlite" 12
+json "d['steps'][0]['id'] == '20240102030405 admin' and d['steps'][0]['tags']['(0008,103e)'] == 'a\`b'" "qa show --json"
+run 2 "qa show of a missing record" qa show --catalog="$W/c.sqlite" 13
+run 1 "qa put with a bad id" qa put --catalog="$W/c.sqlite" x record.txt
+printf '<Job><Substitutions><Tag Group="0008" Element="103E"><Value>edited</Value></Tag></Substitutions></Job>' > job.xml
+run 0 "update --all" update --json --all --meta meta $STUDY job.xml
+json "d['done'] and d['images'] == 9" "update --json"
+run 0 "dump after update" dump --meta meta $STUDY
+has out "0008,103e.*\\[edited\\]" "the update job changed the tag file"
+echo "<Job" > broken.xml
+run 6 "update with broken XML" update --meta meta $STUDY broken.xml
+has err "Error reading OMA job XML" "the job's own failure line"
 
 [ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

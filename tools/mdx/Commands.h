@@ -20,5 +20,9 @@ int catalogCommand(Arguments const& args);
 int syncCommand(Arguments const& args);
 int jsonCommand(Arguments const& args);
 int mergeCommand(Arguments const& args);
+int kzCommand(Arguments const& args);
+int qaCommand(Arguments const& args);
+int updateCommand(Arguments const& args);
+int cpCommand(Arguments const& args);
 
 } // namespace mdxtool

@@ -32,6 +32,18 @@ void printUsage(std::FILE* out)
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
                "  merge TAGFILE...      fold partial tag files into their studies' tag files\n"
+               "  kz create OUT.kz FILE...\n"
+               "                        pack files into a .kz container\n"
+               "  kz ls CONTAINER       list a container's members\n"
+               "  kz cat CONTAINER MEMBER\n"
+               "                        write a member's bytes to standard output\n"
+               "  kz name KEY [INDEX]   print the file name of a container made for KEY\n"
+               "  qa put ID FILE        store QA record ID in the catalog\n"
+               "  qa show ID            print QA record ID step by step\n"
+               "  update STUDYUID JOB.xml\n"
+               "                        run a tag-file update job (edit, move, suffixes)\n"
+               "  cp FILE URL           upload a local file to s3://bucket/key or\n"
+               "                        az://account/container/blob\n"
                "  json TAGFILE|STUDYUID [--series UID] [--image UID] [--pretty]\n"
                "                        write the DICOM JSON metadata of a study from its tag file\n"
                "  version               print the version\n"
@@ -62,6 +74,8 @@ int main(int argc, char** argv)
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
         {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
+        {"kz", mdxtool::kzCommand},     {"qa", mdxtool::qaCommand},
+        {"update", mdxtool::updateCommand}, {"cp", mdxtool::cpCommand},
         {"json", mdxtool::jsonCommand},
     };
     if (argc < 2) {

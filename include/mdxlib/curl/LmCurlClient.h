@@ -27,6 +27,8 @@
 #include <mdxlib/curl/LmCurlHandleFactory.h>
 #include <mdxlib/curl/LmCurlHelper.h>
 #include <mdxlib/curl/LmCurlRequest.h>
+#include <mdxlib/curl/LmCurlUploadSessionBase.h>
+#include <mdxlib/curl/LmCurlUploadStream.h>
 #include <mdxlib/curl/LmHttpStatus.h>
 
 #include <QByteArray>
@@ -82,6 +84,16 @@ public:
     LmCurlResponse put(std::string const& url, std::vector<std::string> const& headers,
                        QByteArray const& body);
     bool deleteObject(std::string const& url);
+
+    // An upload stream for an "s3", "az" (or, later, Google) URL. Never
+    // throws: when no session can be made, the stream has no buffer, is not
+    // open and fails every write.
+    LmCurlUploadStream write(std::string const& url);
+    // The provider's session, chosen by the URL's first two characters; for
+    // Azure the authorization line is fetched here, once for the session.
+    // Null (with the reason logged) for a provider that has none yet.
+    std::unique_ptr<LmCurlUploadSessionBase> createResumableUploadSession(std::string const& url,
+                                                                          std::string const& contentType);
 
     // "https://<external web service host>/sola/Browser.svc/<path>"
     static std::string url(std::string const& path);

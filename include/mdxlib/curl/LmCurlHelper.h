@@ -4,6 +4,7 @@
 #pragma once
 
 #include <mdxlib/Export.h>
+#include <mdxlib/cloudauth/LmAzureAuth.h>
 
 #include <functional>
 #include <map>
@@ -29,6 +30,7 @@ public:
 
     void* share() const { return mShare; }
     std::shared_ptr<LmAwsAuth> awsAuth() const { return mAws; }
+    LmAzureAuth& azureAuth() { return mAzure; }
 
     static std::string sslCipherList();
     static int maxConnects();
@@ -43,7 +45,8 @@ public:
     static std::string convertAzureUrl(std::string const& url);
 
     // Google and Azure credentials plug in here; with none, requests go out
-    // without authorization and the server's 401/403 is the answer.
+    // without authorization and the server's 401/403 is the answer. Azure's
+    // provider is azureAuth() until one is set (null: none).
     using AuthorizationProvider = std::function<std::string()>;
     void setGoogleAuthorizationProvider(AuthorizationProvider provider);
     void setAzureAuthorizationProvider(AuthorizationProvider provider);
@@ -72,6 +75,7 @@ private:
     AuthorizationProvider mGoogleAuthorization;
     AuthorizationProvider mAzureAuthorization;
     std::shared_ptr<LmAwsAuth> mAws;
+    LmAzureAuth mAzure;
     LmCurlClient* mOwner;
     std::string mSessionID;
     bool mSessionIDIsBearerToken = false;

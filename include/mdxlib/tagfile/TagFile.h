@@ -34,6 +34,8 @@ class SeriesInfo;
 namespace Mdx {
 
 struct VolumeInfo;
+struct QAData;
+struct QASeriesMove;
 
 class MDX_EXPORT TagFile
 {
@@ -192,6 +194,15 @@ public:
     void addVolumeFilePath(TagMap* series, Lmg::DicomDirectoryEntry const& entry, bool createVolume);
     // Deletes the images of series that have no (0006,7100).
     void removeImagesWithoutFilename(TagMap* series);
+
+    // ---- QA jobs ----
+
+    // Carries out an edit or move job on the tag files of its studies (see
+    // TagFileQA.cpp). False with the reason in error.
+    static bool applyQA(QAData& job, QString& error);
+    // Lets the volumes of a series follow images that moved to another
+    // series, or drops them; called on the tag file that held the old series.
+    void updateVolumesAfterQA(QASeriesMove& move);
 
     // ---- Other ----
 

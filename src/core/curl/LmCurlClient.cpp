@@ -4,6 +4,8 @@
 #include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/curl/LmCurlRetryPolicy.h>
 #include <mdxlib/curl/LmCurlSettings.h>
+#include <mdxlib/curl/LmCurlUploadSessionAzure.h>
+#include <mdxlib/curl/LmCurlUploadSessionS3.h>
 #include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McFilename.h>
@@ -304,5 +306,50 @@ bool LmCurlClient::deleteObject(std::string const& url)
     } catch (std::exception const& e) {
         getTheLogInstance()->errorf("Error deleting %s: %s", lmRedactSecrets(url).c_str(), e.what());
         return false;
+    }
+}
+
+// ------------------------------------------------------------------ uploads
+
+std::unique_ptr<LmCurlUploadSessionBase>
+LmCurlClient::createResumableUploadSession(std::string const& url, std::string const& contentType)
+{
+    auto rawClient = std::make_unique<LmCurlRawClient>(mRawFactory, mHelper->share());
+    if (startsWith(url, "s3")) {
+        auto session = std::make_unique<LmCurlUploadSessionS3>(std::move(rawClient), mHelper->awsAuth(), url,
+                                                               contentType);
+        session->setRetrySleeper(mRetrySleeper);
+        return session;
+    }
+    if (startsWith(url, "az")) {
+        std::string const converted = LmCurlHelper::convertAzureUrl(url);
+        // Fetched once: the session keeps this line for its whole life. An
+        // empty line still makes the session, and the service's 401 or 403
+        // on the first chunk is the answer.
+        std::string const authorization = mHelper->azureAuth().authorizationHeader(*this).toStdString();
+        auto session =
+            std::make_unique<LmCurlUploadSessionAzure>(std::move(rawClient), authorization, converted);
+        session->setRetrySleeper(mRetrySleeper);
+        return session;
+    }
+    // Every other URL is taken for Google Cloud Storage, whose resumable
+    // upload is not part of this build yet: no pretend session.
+    getTheLogInstance()->warnf(
+        "No upload session for %s: uploads to Google Cloud Storage are not available yet",
+        lmRedactSecrets(url).c_str());
+    return nullptr;
+}
+
+LmCurlUploadStream LmCurlClient::write(std::string const& url)
+{
+    try {
+        std::unique_ptr<LmCurlUploadSessionBase> session = createResumableUploadSession(url, std::string());
+        if (!session)
+            return LmCurlUploadStream(nullptr);
+        return LmCurlUploadStream(std::make_unique<LmCurlUploadStreambuf>(std::move(session)));
+    } catch (std::exception const& e) {
+        getTheLogInstance()->warnf("Exception while creating upload session for file %s: %s",
+                                   lmRedactSecrets(url).c_str(), e.what());
+        return LmCurlUploadStream(nullptr);
     }
 }

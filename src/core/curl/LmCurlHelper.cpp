@@ -57,6 +57,7 @@ LmCurlHelper::LmCurlHelper(LmCurlClient* owner)
     : mAws(std::make_shared<LmAwsAuth>())
     , mOwner(owner)
 {
+    mAzureAuthorization = [this] { return mAzure.authorizationHeader(*mOwner).toStdString(); };
     LmCurlSettings::get();
     mShare = curl_share_init();
     // Without its locks the share would be used from many threads unguarded:

