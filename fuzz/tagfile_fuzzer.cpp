@@ -3,13 +3,15 @@
 // The reader must turn any byte sequence into either a refusal or a tree
 // that the rest of the viewer can walk without surprises. A refusal alone
 // proves little, so an accepted tree is used the way callers use it (flat
-// copies of every image, previews, volumes slice by slice, a text dump)
+// copies of every image, previews, volumes slice by slice, a text dump,
+// its DICOM JSON)
 // and then written and read again: what the reader accepts, the writer must
 // be able to store and the reader to take back.
 //
 // The same function runs in the normal test build (fuzz_replay_test) over
 // the seed corpus and the damaged files kept with the tests, so the
 // guarantees hold in builds without a fuzzing compiler too.
+#include <mdxlib/json/DicomJsonWriter.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tags/TagMap.h>
@@ -20,6 +22,7 @@
 
 #include <QByteArray>
 #include <QDataStream>
+#include <QJsonDocument>
 #include <QString>
 #include <QTextStream>
 
@@ -104,6 +107,19 @@ std::uint64_t dumpOf(TagMap const* node, std::uint64_t sum)
     return mix(sum, text.toUtf8());
 }
 
+// The DICOM JSON of an image is a valid JSON object, whatever values and
+// character sets the file holds.
+std::uint64_t jsonOf(TagMap const* image, std::uint64_t sum)
+{
+    Mdx::DicomJsonWriter writer(nullptr);
+    QByteArray text;
+    writer.appendDataset(text, image);
+    QJsonParseError error{};
+    if (!QJsonDocument::fromJson(text, &error).isObject() || error.error != QJsonParseError::NoError)
+        fail("the DICOM JSON of an accepted image is no valid JSON object");
+    return mix(sum, text);
+}
+
 // The indexes name exactly the nodes of the tree, each under its own UID.
 void checkIndexes(TagFile const& file)
 {
@@ -143,8 +159,10 @@ std::uint64_t walk(TagFile const& file)
         TagMap* previewImage = nullptr;
         sum = mix(sum, image->findPreviewData(&previewImage));
 
-        if (dumped++ < kMaxDumpedImages)
+        if (dumped++ < kMaxDumpedImages) {
             sum = dumpOf(image, sum);
+            sum = jsonOf(image, sum);
+        }
     }
     TagMap const* study = file.study();
     if (!study)

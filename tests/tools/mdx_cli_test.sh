@@ -202,6 +202,32 @@ run 0 "sync again" sync --meta meta --catalog="$W/c.sqlite" $STUDY
 has out "images with a path 9 -> 9" "a second sync keeps every path"
 run 2 "sync of a study the catalog lacks" sync --meta meta --catalog="$W/c.sqlite" 1.2.3
 
+# ---- json: DICOM JSON from a tag file; nothing on stdout unless it is whole
+run 0 "build for json" build -q --store-paths --meta=jmeta "$BRAIN"
+run 0 "json of a study" json --meta jmeta $STUDY
+json "len(d)==20 and d[0]['00080060']['Value']==['MR'] and d[0]['7FE00010']['BulkDataURI'].startswith('file://') and not any(k.startswith('0006') for k in d[0])" \
+  "json of the study"
+JSOP=$(python3 -c "import json; print(json.load(open('out'))[3]['00080018']['Value'][0])")
+JSER=$(python3 -c "import json; print(json.load(open('out'))[3]['0020000E']['Value'][0])")
+run 0 "json of an image" json --meta jmeta --image "$JSOP" $STUDY
+json "len(d)==1 and d[0]['00080018']['Value']==['$JSOP']" "json --image"
+JTC=$(find jmeta -name '*.tc')
+run 0 "json of a series" json --pretty --series "$JSER" "$JTC"
+json "len(d)==20" "json --series of a .tc path"
+has out '^    "00080060": \{$' "json --pretty indents"
+for args in "--image 1.2.3 $STUDY" "--series 1.2.3 $STUDY" "--series $JSER --image 1.2.3 $STUDY"; do
+  run 4 "json $args" json --meta jmeta $args
+  [ ! -s out ] || fail "json $args: nothing on stdout"
+done
+head -c 200 "$JTC" > truncated.tc
+python3 -c "import sys; b=bytearray(open(sys.argv[1],'rb').read()); b[40]^=0xff; open('flipped.tc','wb').write(b)" "$JTC"
+for damaged in truncated.tc flipped.tc; do
+  run 3 "json of $damaged" json $damaged
+  [ ! -s out ] || fail "json of $damaged: no partial JSON on stdout"
+  [ "$(wc -l < err)" -eq 1 ] && has err '^mdx: cannot read tag file' "json of $damaged: one line"
+done
+run 2 "json of a study without tag file" json --meta jmeta 1.2.3
+
 # ---- merge: two partial tag files (two series) of one study folded into its
 # file, the partials removed; a damaged partial fails with one line and stays
 mkdir -p pa pb && cp "$BRAIN"/brain_00[1-4].dcm pa/ && cp "$BRAIN"/brain_01[0-3].dcm pb/

@@ -3,6 +3,7 @@
 #include "Exit.h"
 #include "Options.h"
 #include "Scanner.h"
+#include "TagFileLookup.h"
 
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tagfile/TagFileFunctions.h>
@@ -70,6 +71,8 @@ CommandSyntax const& rmSyntax()
     return syntax;
 }
 
+} // namespace
+
 void applyMeta(ParsedArguments const& parsed)
 {
     if (!parsed.value("--meta").empty())
@@ -99,6 +102,8 @@ std::optional<int> openTagFile(std::string const& what, Mdx::TagFile& file)
                     local(path).constData());
     return std::nullopt;
 }
+
+namespace {
 
 QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
 {

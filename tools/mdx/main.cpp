@@ -46,6 +46,8 @@ void printUsage(std::FILE* out)
                "                        run a tag-file update job (edit, move, suffixes)\n"
                "  cp FILE URL           upload a local file to s3://bucket/key or\n"
                "                        az://account/container/blob\n"
+               "  json TAGFILE|STUDYUID [--series UID] [--image UID] [--pretty]\n"
+               "                        write the DICOM JSON metadata of a study from its tag file\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -76,7 +78,7 @@ int main(int argc, char** argv)
         {"sync", mdxtool::syncCommand},       {"merge", mdxtool::mergeCommand},
         {"kz", mdxtool::kzCommand},           {"qa", mdxtool::qaCommand},
         {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
-        {"preview", mdxtool::previewCommand},
+        {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
