@@ -12,9 +12,11 @@ Any path serves the stream of peerlib.py, shaped and broken as the query string 
     stall_after=K   after K body bytes wait `stall` seconds (default 5, at most 30), then go on
     bad_range=S     answer a range shifted by S bytes, truthfully labelled
     ignore_range=1  answer a range with 200 and the whole body
+A request that accepts "multipart/related" (WADO-RS) gets the body as the one part of a
+multipart/related answer; ranges and faults then apply to that answer's bytes.
 The test id is the query's "id". PUT answers 201, POST 200, both with {"length", "sha256"} of
 the body; DELETE 204. Bookkeeping: GET /__stats?id=X gives {"requests": n, "methods": [...],
-"ranges": [...]}; POST /__reset?id=X forgets that id.
+"ranges": [...], "paths": [...], "authorizations": [...], "ports": [client ports]}; POST /__reset?id=X forgets that id.
 """
 
 import hashlib
@@ -23,6 +25,16 @@ import time
 from urllib.parse import parse_qs, urlsplit
 
 import peerlib
+
+
+BOUNDARY = "mdx-fault-peer-boundary"
+MULTIPART_TYPE = 'multipart/related; type="application/dicom"; boundary=%s' % BOUNDARY
+
+
+def multipart_body(size):
+    """The stream's first size bytes as the one part of a multipart/related body."""
+    head = ("--%s\r\nContent-Type: application/dicom\r\n\r\n" % BOUNDARY).encode()
+    return head + b"".join(peerlib.chunks(0, size, 4096)) + ("\r\n--%s--\r\n" % BOUNDARY).encode()
 
 
 class FaultHandler(peerlib.Handler):
@@ -40,10 +52,14 @@ class FaultHandler(peerlib.Handler):
                 st = tests.pop(tid, None) if url.path == "/__reset" else tests.get(tid)
             return self.send(200, json.dumps(st or {"requests": 0}), "application/json")
         with self.server.lock:
-            st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": []})
+            st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": [], "paths": [],
+                                        "authorizations": [], "ports": []})
             st["requests"] += 1
             st["methods"].append(self.command)
             st["ranges"].append(self.headers.get("Range"))
+            st["paths"].append(self.path)
+            st["authorizations"].append(self.headers.get("Authorization"))
+            st["ports"].append(self.client_address[1])
             faulty = number("times") is None or st["requests"] <= number("times")
         if faulty and "delay" in query:
             time.sleep(min(number("delay"), 30.0))
@@ -56,6 +72,9 @@ class FaultHandler(peerlib.Handler):
         if self.command == "DELETE":
             return self.send(204)
         total = int(number("size", 1000))
+        multipart = "multipart/related" in self.headers.get("Accept", "")
+        whole = multipart_body(total) if multipart else None
+        total = len(whole) if multipart else total
         code, start, end = 200, 0, total  # [start, end)
         asked = self.headers.get("Range", "")
         if asked.startswith("bytes=") and not (faulty and query.get("ignore_range")):
@@ -71,7 +90,7 @@ class FaultHandler(peerlib.Handler):
                 end = min(start + width, total)
         chunked = bool(query.get("chunked"))
         self.send_response(code)
-        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Content-Type", MULTIPART_TYPE if multipart else "application/octet-stream")
         if code == 206:
             self.send_header("Content-Range", "bytes %d-%d/%d" % (start, end - 1, total))
         self.send_header(*(("Transfer-Encoding", "chunked") if chunked else ("Content-Length", str(end - start))))
@@ -81,7 +100,9 @@ class FaultHandler(peerlib.Handler):
         close_at = number("close_after") if faulty else None
         stall_at = number("stall_after") if faulty else None
         sent = 0
-        for data in peerlib.chunks(start, end, 4096):
+        pieces = ([whole[i:min(i + 4096, end)] for i in range(start, end, 4096)] if multipart
+                  else peerlib.chunks(start, end, 4096))
+        for data in pieces:
             if stall_at is not None and sent + len(data) > stall_at:
                 self.wfile.flush()
                 time.sleep(min(number("stall", 5.0), 30.0))
