@@ -42,7 +42,9 @@ public:
     bool close();
 
     int state() const { return mState; }
-    long long length() const { return mLength; }
+    // Bytes of this file, -1 while unknown. Of a multipart body only the
+    // raw length is ever known, never that of the parts: -1.
+    long long length() const;
     void setLength(long long length) { mLength = length; }
     long long position() const { return mPosition; }
     long long start() const { return mStart; }

@@ -81,13 +81,23 @@ CloudReaderPrivate::~CloudReaderPrivate()
         thread.join();
     }
     // Transfers still running leave the multi handle before their handles go
-    // back to the factory.
+    // back to the factory; every request left ends as a dead chunk of a
+    // stopped controller (quietly), which also breaks the reference between
+    // request and controller, and wakes any reader still waiting.
     for (auto& [handle, request] : active) {
         CURLMcode const code = curl_multi_remove_handle(multi.get(), handle);
         if (code != CURLM_OK)
             getTheLogInstance()->tracef(3, kCategory, "curl_multi_remove_handle: %s",
                                         curl_multi_strerror(code));
         request->mInMulti = false;
+    }
+    std::vector<std::shared_ptr<Request>> left = retries;
+    left.insert(left.end(), pending.begin(), pending.end());
+    for (auto const& entry : active)
+        left.push_back(entry.second);
+    for (auto const& request : left) {
+        request->mController->stop();
+        request->setFailed("the reader ended");
     }
     active.clear();
     pending.clear();
@@ -187,7 +197,12 @@ void CloudReaderPrivate::activatePendingRequests()
         for (auto const& request : pending)
             request->mReadAheadLevel = request->mPriority.load();
         int64_t const used = pool.usedBytes();
-        if (static_cast<uint64_t>(config.maxReadAheadRequests) < active.size() + pending.size())
+        // Always sorted, lowest level last, so that it goes first: a round
+        // ends at the first refused read-ahead request, and unsorted a
+        // level-0 request behind one that the memory test refuses round
+        // after round would never start, and its reader would wait for ever.
+        // With fewer requests than the read-ahead cap that happens as well.
+        if (pending.size() > 1)
             std::stable_sort(pending.begin(), pending.end(), [](auto const& a, auto const& b) {
                 return a->mReadAheadLevel > b->mReadAheadLevel;
             });

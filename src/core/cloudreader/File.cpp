@@ -24,6 +24,11 @@ File::~File()
     close();
 }
 
+long long File::length() const
+{
+    return mController->multipart() ? -1 : mLength;
+}
+
 void File::wait(std::unique_lock<std::mutex>& lock)
 {
     mCondition.wait_for(lock, std::chrono::milliseconds(500));
@@ -36,9 +41,17 @@ long long File::read(char* buffer, long long size)
     // raw.
     if (mPosition == 0 && !mActivePage && mState == FILE_OPEN && peek() < 0 && mState == FILE_BAD)
         return -1;
-    if (mController->multipart())
-        return mMultiPartReader.read(buffer, size);
-    return lowLevelRead(buffer, size);
+    if (!mController->multipart())
+        return lowLevelRead(buffer, size);
+    // The parts end before the raw body does (its epilogue): the end of the
+    // parts is the end of the file, or a caller reading until the state
+    // changes would read 0 for ever.
+    long long const n = mMultiPartReader.read(buffer, size);
+    if (n == 0 && mState == FILE_OPEN)
+        mState = FILE_CLOSED;
+    else if (n < 0)
+        mState = FILE_BAD;
+    return n;
 }
 
 bool File::safeRead(char* buffer, long long size)

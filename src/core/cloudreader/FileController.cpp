@@ -54,7 +54,14 @@ void FileController::stop()
 
 int FileController::chunkOf(long long p) const
 {
-    return mLength.load() > 0 ? static_cast<int>(p / mChunkSize) : 0;
+    int const chunk = static_cast<int>(p / mChunkSize);
+    if (mLength.load() > 0)
+        return chunk;
+    // While the length is unknown only the chunks up to the start are known.
+    // A range that begins far into an object asks for its own first chunk:
+    // chunk 0 (and read-ahead behind it) would be fetched for nobody, and its
+    // pages would stay until the file is closed, beyond the memory limit.
+    return std::min(chunk, static_cast<int>(mChunks.size()) - 1);
 }
 
 bool FileController::requestChunk(int chunk, int priority, bool force)
@@ -103,10 +110,13 @@ void FileController::addData(long long offset, long long size,
 void FileController::requestFinished(Request& request, bool ok)
 {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mLength.load() < 0 && ok && request.mChunk == 0) {
-        mLength = request.mReceived; // the whole object was that one chunk
-        mChunks.resize(
-            static_cast<size_t>(request.mReceived > 0 ? (request.mReceived - 1) / mChunkSize + 1 : 1));
+    // No length came with the answer: the object ends where the data did
+    // (for chunk 0, the received bytes; for the first chunk of a range, the
+    // same counted from the chunk's start).
+    if (mLength.load() < 0 && ok && request.mChunk == static_cast<int>(mChunks.size()) - 1) {
+        long long const length = request.mStart + request.mReceived;
+        mLength = length;
+        mChunks.resize(static_cast<size_t>(length > 0 ? (length - 1) / mChunkSize + 1 : 1));
     }
     if (request.mChunk < static_cast<int>(mChunks.size())) {
         ChunkInfo& info = mChunks[request.mChunk];

@@ -240,20 +240,23 @@ size_t Request::write(char const* data, size_t size, size_t nmemb)
     // Counted before a pause: curl delivers a paused block again, so it is
     // counted twice here. Only the at-least test of setFinished reads this.
     mStatus->bytesReceived += total;
-    size_t rest = total;
+    // The skip is taken only once the block is stored: a paused block comes
+    // again whole, and its skipped bytes must be skipped again.
+    size_t skipped = 0;
     if (mSkip > 0) {
-        if (mSkip >= static_cast<long long>(rest)) {
-            mSkip -= static_cast<long long>(rest);
+        if (mSkip >= static_cast<long long>(total)) {
+            mSkip -= static_cast<long long>(total);
             return total;
         }
-        data += mSkip;
-        rest -= static_cast<size_t>(mSkip);
-        mSkip = 0;
+        skipped = static_cast<size_t>(mSkip);
     }
+    size_t const rest = total - skipped;
     if (!acquireMemory(rest)) {
         mPausedBytes = rest;
         return CURL_WRITEFUNC_PAUSE;
     }
+    mSkip = 0;
+    data += skipped;
     long long const position = mStart + mReceived;
     std::vector<std::shared_ptr<MemoryPage>> newPages;
     size_t left = rest;
@@ -277,14 +280,21 @@ size_t Request::write(char const* data, size_t size, size_t nmemb)
 
 bool Request::unpause()
 {
-    if (!acquireMemory(mPausedBytes))
+    // A transfer nobody reads any more goes on without memory, only to be
+    // ended by its next write.
+    if (!mController->stopped() && !acquireMemory(mPausedBytes))
         return false;
+    // Cleared before the call: curl delivers the paused block from inside
+    // curl_easy_pause, and the write may pause again there. Clearing it after
+    // would take a paused transfer for a running one, never to be resumed.
+    unsigned long long const paused = mPausedBytes;
+    mPausedBytes = 0;
     CURLcode const result = curl_easy_pause(mHandle.get(), CURLPAUSE_CONT);
     if (result != CURLE_OK) {
+        mPausedBytes = paused;
         curlError("curl_easy_pause", result);
         return false;
     }
-    mPausedBytes = 0;
     return true;
 }
 
