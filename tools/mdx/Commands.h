@@ -18,5 +18,6 @@ int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);
 int syncCommand(Arguments const& args);
+int catCommand(Arguments const& args);
 
 } // namespace mdxtool

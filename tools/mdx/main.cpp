@@ -31,6 +31,8 @@ void printUsage(std::FILE* out)
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
+               "  cat URL               write a remote object to standard output through the\n"
+               "                        cloud reader\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -58,7 +60,7 @@ int main(int argc, char** argv)
         {"scan", mdxtool::scanCommand}, {"build", mdxtool::buildCommand},
         {"ls", mdxtool::lsCommand},     {"dump", mdxtool::dumpCommand},
         {"rm", mdxtool::rmCommand},     {"catalog", mdxtool::catalogCommand},
-        {"sync", mdxtool::syncCommand},
+        {"sync", mdxtool::syncCommand}, {"cat", mdxtool::catCommand},
     };
     if (argc < 2) {
         printUsage(stderr);
