@@ -15,7 +15,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
   nodejs npm
-  nginx postgresql
+  nginx postgresql curl
   clang
 )
 

@@ -31,4 +31,8 @@ cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
 cmake --build build/tsan --target tagfile_threads_test
 MDX_SAMPLES=$SAMPLES TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
+cmake --build build/tsan --target cloudreader_test cloudreader_peer_test
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build/tsan/tests/core/cloudreader/cloudreader_test || status=$?
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" python3 tests/peers/run_with_peers.py --with aws --timeout 600 \
+  -- build/tsan/tests/core/cloudreader/cloudreader_peer_test --gtest_filter=-*RealTime* || status=$?
 exit $status
