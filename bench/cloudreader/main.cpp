@@ -47,7 +47,7 @@ struct Options
     int threads = 4;
     int memoryMB = 64;
     int reps = 3;
-    long long churnPages = 80000;
+    long long churnPages = 140000; // 2.2 GB: beyond the default limit of 2 GB
     std::string curl = "curl";
     std::string runs = "small,memory,churn";
 };

@@ -492,6 +492,8 @@ QByteArray CloudReader::readBytes(std::string const& url, LmSessionContextID con
         long long const n = file->read(block.data(), kReadBlock);
         if (n < 0)
             return QByteArray();
+        if (n == 0)
+            break; // the end, whatever the state says: never a loop without progress
         bytes.append(block.constData(), static_cast<int>(n));
     }
     return bytes;

@@ -175,14 +175,11 @@ bool FileController::waitForData(File& file, MemoryPage& page)
         if (mChunks.size() == 1 && mChunks[0].state == CHUNK_DONE)
             return true; // an object of unknown length has ended
         int const c = chunkOf(p);
-        if (c < static_cast<int>(mChunks.size())) {
-            if (mChunks[c].state == CHUNK_FAILED)
-                return false;
-            // All of a finished chunk is in its pages: what isn't there now
-            // will not come, and waiting for it would never end.
-            if (mChunks[c].state == CHUNK_DONE)
-                return false;
-        }
+        // A finished chunk may still be waited for: a server that ignored a
+        // range sends on beyond the chunk, into pages that belong to the
+        // next one, which may have finished meanwhile.
+        if (c < static_cast<int>(mChunks.size()) && mChunks[c].state == CHUNK_FAILED)
+            return false;
         mWaiters.insert(&file);
         file.wait(lock);
         mWaiters.erase(&file);
