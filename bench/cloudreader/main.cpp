@@ -163,11 +163,11 @@ void memory(Options const& o)
         std::printf("memory (%s): %d threads, %lld MiB, MaxMemoryMB %d\n",
                     api == Kz::Config::MEMORY_API_MALLOC ? "malloc" : "mmap", o.threads, o.bigSize / kMiB,
                     o.memoryMB);
-        std::printf("  reader %8.3f s (%.0f MB/s), one curl %8.3f s (%.0f MB/s)\n", best, o.bigSize / best / 1e6,
-                    curl, o.bigSize / curl / 1e6);
+        std::printf("  reader %8.3f s (%.0f MB/s), one curl %8.3f s (%.0f MB/s)\n", best,
+                    o.bigSize / best / 1e6, curl, o.bigSize / curl / 1e6);
         std::printf("  throughput ratio reader/curl %.2f (goal >= 0.9)\n", curl / best);
-        std::printf("  peak pool %.1f MiB, bound %.1f MiB: peak/bound %.2f (goal <= 1)\n\n", peak / double(kMiB),
-                    bound / double(kMiB), double(peak) / double(bound));
+        std::printf("  peak pool %.1f MiB, bound %.1f MiB: peak/bound %.2f (goal <= 1)\n\n",
+                    peak / double(kMiB), bound / double(kMiB), double(peak) / double(bound));
     }
 }
 
@@ -206,8 +206,8 @@ void churn(Options const& o)
         pages.clear();
         times[api - 1] = seconds(start);
         std::printf("churn (%s): %lld pages of %u bytes: %.3f s, %lld failed, mappings %d -> %d\n",
-                    api == Kz::Config::MEMORY_API_MALLOC ? "malloc" : "mmap", o.churnPages, config.memoryPageSize,
-                    times[api - 1], failed, before, peak);
+                    api == Kz::Config::MEMORY_API_MALLOC ? "malloc" : "mmap", o.churnPages,
+                    config.memoryPageSize, times[api - 1], failed, before, peak);
     }
     std::printf("  ratio mmap/malloc time %.2f\n\n", times[1] / times[0]);
 }

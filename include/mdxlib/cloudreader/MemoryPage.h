@@ -19,8 +19,9 @@ public:
     MemoryPage(MemoryPage const&) = delete;
     MemoryPage& operator=(MemoryPage const&) = delete;
 
-    // malloc with api 1, an anonymous private mapping with any other; true if
-    // there is a buffer.
+    // An anonymous private mapping with api 2 ("mmap"), malloc with any
+    // other, unset included (see MemoryPool.cpp for why); true if there is a
+    // buffer.
     bool memAlloc(Config::MemoryAPI api, unsigned int size);
     void memFree(Config::MemoryAPI api);
 

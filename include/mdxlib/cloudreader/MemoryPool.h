@@ -46,6 +46,10 @@ public:
     int64_t usedBytes() const { return mUsedBytes.load(); }
     size_t freePages() const;
 
+    // Called after a page came back, outside the pool's mutex (the reader
+    // wakes its paused transfers with it). Set before the pool is shared.
+    void setReleaseListener(std::function<void()> listener) { mReleaseListener = std::move(listener); }
+
     // For tests: the clock of the purge period and of the exhaustion message.
     void setClock(std::function<Clock::time_point()> clock);
 
@@ -63,6 +67,7 @@ private:
     int64_t mMinFreePages = 0;
     int64_t mAcquireCount = 0;
     std::function<Clock::time_point()> mClock;
+    std::function<void()> mReleaseListener;
 };
 
 } // namespace Kz

@@ -57,6 +57,7 @@ CloudReaderPrivate::CloudReaderPrivate(CloudReader* owner, Config const& configu
 {
     // A handle that lives as long as the reader, set up like every transfer's
     // (the share and the age of connections), that never transfers anything.
+    pool.setReleaseListener([this] { onPageReleased(); });
     McLogFile* log = getTheLogInstance();
     CURLcode code = curl_easy_setopt(spareHandle.get(), CURLOPT_SHARE, helper->share());
     if (code != CURLE_OK)
@@ -103,6 +104,20 @@ CloudReaderPrivate::~CloudReaderPrivate()
     pending.clear();
     retries.clear();
     containers.clear();
+}
+
+void CloudReaderPrivate::onPageReleased()
+{
+    if (pausedTransfers.load() == 0)
+        return;
+    // Any thread, maybe with a controller's mutex held, which comes before
+    // this one; never with the pool's.
+    std::lock_guard<std::mutex> lock(mutex);
+    memoryReleased = true;
+    condition.notify_one();
+    CURLMcode const code = curl_multi_wakeup(multi.get());
+    if (code != CURLM_OK)
+        getTheLogInstance()->tracef(3, kCategory, "curl_multi_wakeup: %s", curl_multi_strerror(code));
 }
 
 void CloudReaderPrivate::start()
@@ -336,9 +351,11 @@ void CloudReaderPrivate::run()
         statistics.setCurrentMemUsage(static_cast<uint64_t>(pool.allocatedBytes()));
         statistics.setCurrentRequests(activeCount);
         int running = 0;
+        memoryReleased = false;
         for (auto const& [handle, request] : active)
             if (request->mPausedBytes == 0 || request->unpause())
                 ++running;
+        pausedTransfers = static_cast<int>(active.size()) - running;
         if (previous == 0 && running > 0)
             statistics.startBandwidthLogging();
         if (previous > 0 && running == 0)
@@ -350,7 +367,8 @@ void CloudReaderPrivate::run()
                 pruneConnectionCache();
                 // New work ends the wait at once; a paused transfer is tried
                 // again after the wait.
-                condition.wait_for(lock, kIdleWait, [this] { return stopRequested || !pending.empty(); });
+                condition.wait_for(lock, kIdleWait,
+                                   [this] { return stopRequested || !pending.empty() || memoryReleased; });
             }
             dropped.clear(); // outside the mutex: a container's end may take its own locks
             previous = 0;
@@ -377,6 +395,9 @@ void CloudReaderPrivate::run()
             active.erase(it);
             finishTransfer(request, message->data.result);
         }
+        // Transfers may have paused inside curl_multi_perform.
+        pausedTransfers = static_cast<int>(std::count_if(
+            active.begin(), active.end(), [](auto const& entry) { return entry.second->mPausedBytes > 0; }));
     }
 }
 

@@ -69,6 +69,12 @@ public:
     CloudReader::ContainerFactory containerFactory;
     std::function<long long(long long)> retryWait;
     std::vector<std::shared_ptr<Container>> dropped;
+    // Transfers paused for memory, and whether memory came back since the
+    // reader thread looked: a page given back wakes the thread at once
+    // instead of after its 100 ms.
+    std::atomic<int> pausedTransfers{0};
+    std::atomic<bool> memoryReleased{false};
+    void onPageReleased();
     // Multi handles replaced by pruning, for tests.
     std::atomic<int> multiReplacements{0};
 };

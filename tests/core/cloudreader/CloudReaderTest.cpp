@@ -298,6 +298,31 @@ TEST(CloudReaderPool, theLimitHoldsForReadAheadForcedPagesGoBackAndExhaustionIsT
     }
 }
 
+int mappings()
+{
+    QFile maps("/proc/self/maps");
+    return maps.open(QIODevice::ReadOnly) ? maps.readAll().count('\n') : -1;
+}
+
+TEST(CloudReaderPool, withoutConfigurationPagesComeFromMallocNotOneMappingEach)
+{
+    PoolFixture f(Kz::Config::MEMORY_API_UNSET, 4000, 0);
+    int const before = mappings();
+    std::vector<std::shared_ptr<Kz::MemoryPage>> pages;
+    for (int i = 0; i < 4000; ++i)
+        pages.push_back(f.pool->acquire(false));
+    for (size_t i = 0; i < pages.size(); i += 2)
+        pages[i].reset(); // holes: with a mapping per page, 2,000 mappings
+    EXPECT_LT(mappings() - before, 100);
+    PoolFixture mapped(Kz::Config::MEMORY_API_MMAP, 4000, 0);
+    std::vector<std::shared_ptr<Kz::MemoryPage>> mappedPages;
+    for (int i = 0; i < 1000; ++i)
+        mappedPages.push_back(mapped.pool->acquire(false));
+    for (size_t i = 0; i < mappedPages.size(); i += 2)
+        mappedPages[i].reset();
+    EXPECT_GT(mappings() - before, 400) << "the configured mmap maps each page";
+}
+
 TEST(CloudReaderPool, purgeFreesAllIdlePagesOrHalfTheLowestStockAfterUse)
 {
     PoolFixture f(Kz::Config::MEMORY_API_MALLOC, 100);
