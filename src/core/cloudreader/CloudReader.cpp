@@ -110,9 +110,16 @@ void CloudReaderPrivate::onPageReleased()
 {
     if (pausedTransfers.load() == 0)
         return;
+    wake();
+}
+
+void CloudReaderPrivate::wake()
+{
     // Any thread, maybe with a controller's mutex held, which comes before
     // this one; never with the pool's.
     std::lock_guard<std::mutex> lock(mutex);
+    if (!thread.joinable())
+        return;
     memoryReleased = true;
     condition.notify_one();
     CURLMcode const code = curl_multi_wakeup(multi.get());

@@ -75,6 +75,10 @@ public:
     std::atomic<int> pausedTransfers{0};
     std::atomic<bool> memoryReleased{false};
     void onPageReleased();
+    // Wakes the reader thread for a request whose level became 0 while it
+    // waited for admission (FileController::requestChunk, with a
+    // controller's mutex held, which comes before this one).
+    void wake();
     // Multi handles replaced by pruning, for tests.
     std::atomic<int> multiReplacements{0};
 };

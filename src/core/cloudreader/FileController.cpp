@@ -1,5 +1,7 @@
 #include <mdxlib/cloudreader/FileController.h>
 
+#include "CloudReaderPrivate.h"
+
 #include <mdxlib/cloudreader/CloudReader.h>
 #include <mdxlib/cloudreader/File.h>
 #include <mdxlib/cloudreader/MemoryPage.h>
@@ -75,12 +77,13 @@ bool FileController::requestChunk(int chunk, int priority, bool force)
         mChunks[chunk].state = CHUNK_NONE;
     int const last = std::min(chunk + mReader.config().numRequestsPerFile, n);
     std::vector<std::shared_ptr<Request>> collected;
+    bool nowWanted = false;
     for (int i = chunk; i < last; ++i) {
         int const level = priority + (i - chunk);
         ChunkInfo& info = mChunks[i];
         if (info.state != CHUNK_NONE) {
             if (info.request)
-                info.request->mPriority = level;
+                nowWanted |= info.request->mPriority.exchange(level) > 0 && level == 0;
             continue;
         }
         long long const first = static_cast<long long>(i) * mChunkSize;
@@ -92,6 +95,8 @@ bool FileController::requestChunk(int chunk, int priority, bool force)
     }
     if (!collected.empty())
         mReader.addRequests(collected);
+    else if (nowWanted)
+        mReader.d().wake(); // the scheduler looks again now, not at its next round
     return true;
 }
 
