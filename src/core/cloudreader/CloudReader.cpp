@@ -57,6 +57,12 @@ CloudReaderPrivate::CloudReaderPrivate(CloudReader* owner, Config const& configu
 {
     // A handle that lives as long as the reader, set up like every transfer's
     // (the share and the age of connections), that never transfers anything.
+    // The reader thread logs (with secrets redacted) until it is joined, in
+    // the destructor of the process-wide reader at exit. Function-local
+    // statics made after the reader would be destroyed before it, under the
+    // running thread: making them now puts their end after the reader's.
+    getTheLogInstance();
+    lmRedactSecrets(std::string());
     pool.setReleaseListener([this] { onPageReleased(); });
     McLogFile* log = getTheLogInstance();
     CURLcode code = curl_easy_setopt(spareHandle.get(), CURLOPT_SHARE, helper->share());
