@@ -17,7 +17,7 @@ PACKAGES=(
   python3 python3-pydicom python3-botocore
   zip unzip
   nodejs npm
-  nginx postgresql
+  nginx postgresql curl
   awscli
   clang
   libxml2-utils

@@ -22,9 +22,12 @@ their own (upload sessions). The test id is the options' "id". PUT answers 201 w
 200, both with {"length", "sha256"} of the body, but the S3 and Azure control calls get the XML
 their clients expect (create and complete of a multipart upload, an empty committed block list);
 DELETE 204. Bookkeeping: GET /__stats?id=X gives {"requests": n, "methods": [...],
-"ranges": [...], "queries": [...], "lengths": [...], "bodies": [...]} (request body lengths, and
-the bodies under 4 KiB as text); POST /__reset?id=X
+"ranges": [...], "queries": [...], "lengths": [...], "bodies": [...], "paths": [...],
+"authorizations": [...], "ports": [client ports]} (request body lengths, and the bodies under
+4 KiB as text); POST /__reset?id=X
 forgets that id.
+A request that accepts "multipart/related" (WADO-RS) gets the body as the one part of a
+multipart/related answer; ranges and faults then apply to that answer's bytes.
 """
 
 import hashlib
@@ -36,6 +39,16 @@ import time
 from urllib.parse import parse_qs, urlsplit
 
 import peerlib
+
+
+BOUNDARY = "mdx-fault-peer-boundary"
+MULTIPART_TYPE = 'multipart/related; type="application/dicom"; boundary=%s' % BOUNDARY
+
+
+def multipart_body(size):
+    """The stream's first size bytes as the one part of a multipart/related body."""
+    head = ("--%s\r\nContent-Type: application/dicom\r\n\r\n" % BOUNDARY).encode()
+    return head + b"".join(peerlib.chunks(0, size, 4096)) + ("\r\n--%s--\r\n" % BOUNDARY).encode()
 
 
 class FaultHandler(peerlib.Handler):
@@ -58,11 +71,15 @@ class FaultHandler(peerlib.Handler):
             return self.send(200, json.dumps(st or {"requests": 0}), "application/json")
         with self.server.lock:
             st = tests.setdefault(tid, {"requests": 0, "methods": [], "ranges": [], "queries": [], "lengths": [],
-                                        "bodies": [], "matching": 0})
+                                        "bodies": [], "matching": 0, "paths": [], "authorizations": [],
+                                        "ports": []})
             st["requests"] += 1
             st["methods"].append(self.command)
             st["ranges"].append(self.headers.get("Range"))
             st["queries"].append(url.query)
+            st["paths"].append(self.path)
+            st["authorizations"].append(self.headers.get("Authorization"))
+            st["ports"].append(self.client_address[1])
             st["matching"] += matching
             faulty = matching and (number("times") is None or st["matching"] <= number("times"))
         if faulty and query.get("reset_after"):
@@ -102,6 +119,9 @@ class FaultHandler(peerlib.Handler):
         if self.command == "DELETE":
             return self.send(204)
         total = int(number("size", 1000))
+        multipart = "multipart/related" in self.headers.get("Accept", "")
+        whole = multipart_body(total) if multipart else None
+        total = len(whole) if multipart else total
         code, start, end = 200, 0, total  # [start, end)
         asked = self.headers.get("Range", "")
         if asked.startswith("bytes=") and not (faulty and query.get("ignore_range")):
@@ -117,7 +137,7 @@ class FaultHandler(peerlib.Handler):
                 end = min(start + width, total)
         chunked = bool(query.get("chunked"))
         self.send_response(code)
-        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Content-Type", MULTIPART_TYPE if multipart else "application/octet-stream")
         if code == 206:
             self.send_header("Content-Range", "bytes %d-%d/%d" % (start, end - 1, total))
         self.send_header(*(("Transfer-Encoding", "chunked") if chunked else ("Content-Length", str(end - start))))
@@ -127,7 +147,9 @@ class FaultHandler(peerlib.Handler):
         close_at = number("close_after") if faulty else None
         stall_at = number("stall_after") if faulty else None
         sent = 0
-        for data in peerlib.chunks(start, end, 4096):
+        pieces = ([whole[i:min(i + 4096, end)] for i in range(start, end, 4096)] if multipart
+                  else peerlib.chunks(start, end, 4096))
+        for data in pieces:
             if stall_at is not None and sent + len(data) > stall_at:
                 self.wfile.flush()
                 time.sleep(min(number("stall", 5.0), 30.0))

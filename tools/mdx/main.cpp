@@ -48,6 +48,8 @@ void printUsage(std::FILE* out)
                "                        az://account/container/blob\n"
                "  json TAGFILE|STUDYUID [--series UID] [--image UID] [--pretty]\n"
                "                        write the DICOM JSON metadata of a study from its tag file\n"
+               "  cat URL               write a remote object to standard output through the\n"
+               "                        cloud reader\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -79,6 +81,7 @@ int main(int argc, char** argv)
         {"kz", mdxtool::kzCommand},           {"qa", mdxtool::qaCommand},
         {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
         {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
+        {"cat", mdxtool::catCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# mdx cat against the loopback peers (run through run_with_peers.py): objects
+# byte for byte against the files nginx serves, refusals as one line with a
+# named exit status, wrong usage.
+set -uo pipefail
+MDX=$1
+W=$(mktemp -d)
+trap 'rm -rf "$W"' EXIT
+cd "$W"
+FAILS=0
+fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
+run() {
+  local want=$1 what=$2
+  shift 2
+  "$MDX" "$@" >out 2>err
+  local got=$?
+  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
+}
+
+HTTP=http://127.0.0.1:$MDX_NGINX_HTTP_PORT
+HTTPS=https://127.0.0.1:$MDX_NGINX_HTTPS_PORT
+for url in "$HTTP/medium.bin" "$HTTPS/medium.bin" "$HTTP/small.bin"; do
+  run 0 "cat $url" cat --progress "$url"
+  cmp -s out "$MDX_PEER_DATA/$(basename "$url")" || fail "cat $url: not the served bytes"
+  [ ! -s err ] || fail "cat $url: unexpected stderr: $(head -c 300 err)"
+done
+run 0 "cat after retries" cat "http://127.0.0.1:$MDX_FAULT_PORT/o?id=cat503&status=503&times=1&size=3000"
+[ "$(stat -c %s out)" -eq 3000 ] || fail "cat after a 503: $(stat -c %s out) bytes"
+run 3 "cat of a missing object" cat "$HTTP/missing.bin"
+[ "$(wc -l <err)" -eq 1 ] || fail "missing object: not one line: $(cat err)"
+grep -q "^mdx: cannot read $HTTP/missing.bin: .*unrecoverable error 404" err || fail "missing object: $(cat err)"
+[ ! -s out ] || fail "missing object: output written"
+run 1 "cat without URL" cat
+run 1 "cat with two URLs" cat a b
+run 1 "cat with an unknown option" cat --frobnicate "$HTTP/small.bin"
+run 0 "cat --help" cat --help
+grep -q "^usage: mdx cat" out || fail "cat --help: $(head -c 200 out)"
+if [ "$FAILS" -gt 0 ]; then
+  echo "$FAILS check(s) failed" >&2
+  exit 1
+fi
+echo "all mdx cat checks passed"
