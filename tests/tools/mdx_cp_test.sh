@@ -8,19 +8,7 @@ if [ -z "${MDX_S3RVER_PORT:-}" ] || [ -z "${MDX_AZURITE_PORT:-}" ]; then
   echo "s3rver or azurite not installed (scripts/install-npm-peers.sh); skipping"
   exit 77
 fi
-W=$(mktemp -d)
-trap 'rm -rf "$W"' EXIT
-cd "$W"
-FAILS=0
-fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
-run() {
-  local want=$1 what=$2
-  shift 2
-  "$MDX" "$@" >out 2>err
-  local got=$?
-  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
-}
-one_line() { [ "$(wc -l <err)" -eq 1 ] && grep -q '^mdx: ' err || fail "$1: not one mdx line: $(cat err)"; }
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
 head -c $((20 * 1048576 + 4321)) /dev/urandom >big.bin
 printf 'small object\n' >small.bin

@@ -5,19 +5,7 @@
 set -uo pipefail
 MDX=$1
 ORACLE=$(cd "$(dirname "${BASH_SOURCE[0]}")/../support" && pwd)/zip_oracle.py
-W=$(mktemp -d)
-trap 'rm -rf "$W"' EXIT
-cd "$W"
-FAILS=0
-fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
-run() {
-  local want=$1 what=$2
-  shift 2
-  "$MDX" "$@" >out 2>err
-  local got=$?
-  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want: $(head -c 300 err)"
-}
-has() { grep -Eq -- "$2" "$1" || fail "$3: no /$2/ in $1"; }
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 py() { python3 -c "$1" || fail "$2"; }
 
 mkdir in sub
