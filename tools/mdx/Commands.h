@@ -23,5 +23,6 @@ int kzCommand(Arguments const& args);
 int qaCommand(Arguments const& args);
 int updateCommand(Arguments const& args);
 int cpCommand(Arguments const& args);
+int suvCommand(Arguments const& args);
 
 } // namespace mdxtool

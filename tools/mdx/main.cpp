@@ -44,6 +44,7 @@ void printUsage(std::FILE* out)
                "                        run a tag-file update job (edit, move, suffixes)\n"
                "  cp FILE URL           upload a local file to s3://bucket/key or\n"
                "                        az://account/container/blob\n"
+               "  suv FILE...           print the SUV parameters and factors of PET images\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -74,6 +75,7 @@ int main(int argc, char** argv)
         {"sync", mdxtool::syncCommand}, {"merge", mdxtool::mergeCommand},
         {"kz", mdxtool::kzCommand},     {"qa", mdxtool::qaCommand},
         {"update", mdxtool::updateCommand}, {"cp", mdxtool::cpCommand},
+        {"suv", mdxtool::suvCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

@@ -56,6 +56,8 @@ void LmSUVStatistics::initSUVBundleFromDICOMTags(HxParamBundle& params)
     double slope = 1.0;
     double intercept = 0.0;
     int mode = SUV_MODE_ACTIVITY;
+    int flags = 0;
+    bool hasFlags = false;
     params.findReal("DataWindowScale", 1, &slope);
     params.findReal("DataWindowBias", 1, &intercept);
     if (HxParamBundle const* old = params.bundle(suv::kBundle)) {
@@ -64,12 +66,17 @@ void LmSUVStatistics::initSUVBundleFromDICOMTags(HxParamBundle& params)
         old->findNum("Enabled", 1, &mode);
         old->findReal("OriginalRescaleSlope", 1, &slope);
         old->findReal("OriginalRescaleIntercept", 1, &intercept);
+        // The caller's acceptance of dubious data stays with the volume too:
+        // dropping it here would silently turn accepted data away again.
+        hasFlags = old->findNum("DubiousDataAcceptance", 1, &flags);
         params.remove(suv::kBundle);
     }
     HxParamBundle* bundle = params.bundle(suv::kBundle, true);
     bundle->setNum("Enabled", mode);
     bundle->setReal("OriginalRescaleSlope", slope);
     bundle->setReal("OriginalRescaleIntercept", intercept);
+    if (hasFlags)
+        bundle->setNum("DubiousDataAcceptance", flags);
 
     std::string const seriesDate = unpad(tagText(params, 0x0008, 0x0021));
     std::string dateTime;
