@@ -20,6 +20,7 @@ PACKAGES=(
   awscli
   clang
   libxml2-utils
+  tzdata
 )
 
 echo "== system packages"
