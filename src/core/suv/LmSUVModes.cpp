@@ -98,6 +98,14 @@ bool isTrue(HxParamBundle const* bundle, char const* key)
     return findText(bundle, key, text) && text == "true";
 }
 
+// The vendor's counts-to-activity factor. A factor of 0 counts as none, as
+// supportsSUV has it: taken as it stands it would show every voxel as 0,
+// and the SUV factor is there to fall back on.
+bool bqmlFactor(HxParamBundle const* bundle, double& factor)
+{
+    return findNumber(bundle, "PhilipsBQMLFactor", factor) && factor != 0.0;
+}
+
 HxParamBundle const* suvBundle(LmVolume const* volume)
 {
     return volume ? volume->parameters().bundle(suv::kBundle) : nullptr;
@@ -201,7 +209,7 @@ bool LmSUVStatistics::setSUVMode(HxParamBundle& params, SUVMode mode)
     bool skipActivityToSuv = false;
     if (units == "CNTS" && mode != SUV_MODE_RAW_COUNTS) {
         double factor = 0.0;
-        if (findNumber(bundle, "PhilipsBQMLFactor", factor)) {
+        if (bqmlFactor(bundle, factor)) {
             f *= factor;
         } else {
             double p = 0.0;
@@ -325,7 +333,7 @@ bool LmSUVStatistics::convertSUV(LmVolume const* volume, EnUnitTag from, float v
         factor[SUV_MODE_RAW_COUNTS] = 1.0;
         double g = 0.0;
         double p = 0.0;
-        if (findNumber(bundle, "PhilipsBQMLFactor", g)) {
+        if (bqmlFactor(bundle, g)) {
             a = factor[SUV_MODE_ACTIVITY] = g;
         } else {
             if (!findNumber(bundle, "PhilipsSUVFactor", p) || !(p > 0.0))

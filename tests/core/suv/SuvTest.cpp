@@ -221,12 +221,18 @@ TEST(SuvBundle, ToleranceIsClamped)
 
 TEST(SuvBundle, PhilipsBqmlFactorOfZeroFallsBackOnSuvFactor)
 {
-    HxParamBundle params = petParams("NONE");
+    HxParamBundle params = petParams();
     params.dicomAll()->setTag(0x0054, 0x1001, "CNTS");
     ASSERT_TRUE(params.dicomAll()->setPrivateTag("Philips PET Private Group", 0x7053, 0x09, "0"));
     EXPECT_FALSE(S::supportsSUV(params));
     ASSERT_TRUE(params.dicomAll()->setPrivateTag("Philips PET Private Group", 0x7053, 0x00, "0.0003"));
     EXPECT_TRUE(S::supportsSUV(params));
+    // Counts to activity to SUV by body weight gives back the vendor's factor,
+    // not the 0 of the BQML factor.
+    ASSERT_TRUE(S::setSUVMode(params, S::SUV_MODE_BODY_WEIGHT));
+    double slope = 0.0;
+    params.bundle("SUV")->findReal("RescaleSlope", 1, &slope);
+    EXPECT_NEAR(slope, 0.0003, 1e-9);
 }
 
 TEST(SuvBundle, RealWorldMappingReadsFirstAndLastByTheirDicomMeaning)
