@@ -4,6 +4,8 @@
 
 #include <mdxlib/platform/McBitfield.h>
 
+#include <cmath>
+#include <cstdint>
 #include <vector>
 
 namespace {
@@ -22,7 +24,7 @@ public:
     RegionFill(McVec3i const& grid, unsigned short const* data, float threshold)
         : mGrid(grid)
         , mData(data)
-        , mThreshold(threshold)
+        , mLeast(leastInside(threshold))
         , mVisited(static_cast<size_t>(grid.x) * static_cast<size_t>(grid.y) * static_cast<size_t>(grid.z))
     {
     }
@@ -33,7 +35,16 @@ public:
                    static_cast<size_t>(mGrid.x) +
                static_cast<size_t>(x);
     }
-    bool inside(size_t i) const { return mThreshold <= static_cast<float>(mData[i]); }
+    // threshold <= value, for whole values: value >= ceil(threshold).
+    static uint32_t leastInside(float threshold)
+    {
+        if (threshold <= 0.0f)
+            return 0;
+        if (!(threshold <= 65535.0f)) // also NaN: nothing is inside
+            return 65536;
+        return static_cast<uint32_t>(std::ceil(threshold));
+    }
+    bool inside(size_t i) const { return mData[i] >= mLeast; }
     bool fresh(size_t i) const { return inside(i) && !mVisited[i]; }
 
     // Fills the region of (x, y, z); returns its voxel count and box.
@@ -84,14 +95,23 @@ private:
     {
         if (z < 0 || z >= mGrid.z || y < 0 || y >= mGrid.y)
             return;
-        mStack.push_back(SF3D_Segment{static_cast<int16_t>(z), static_cast<int16_t>(y),
-                                      static_cast<int16_t>(left), static_cast<int16_t>(right)});
         box.extendBy(McBox3i(left, right, y, y, z, z));
+        // A segment with nothing left to fill would be popped and scanned in
+        // vain; leaving it out keeps the stack to the work still to do, and
+        // the result is the same, as the box was widened all the same.
+        size_t const row = index(0, y, z);
+        for (int x = left; x <= right; ++x) {
+            if (fresh(row + static_cast<size_t>(x))) {
+                mStack.push_back(SF3D_Segment{static_cast<int16_t>(z), static_cast<int16_t>(y),
+                                              static_cast<int16_t>(x), static_cast<int16_t>(right)});
+                return;
+            }
+        }
     }
 
     McVec3i mGrid;
     unsigned short const* mData;
-    float mThreshold;
+    uint32_t mLeast;
     McBitfield mVisited;
     std::vector<SF3D_Segment> mStack;
 };
