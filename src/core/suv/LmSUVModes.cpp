@@ -143,14 +143,11 @@ bool LmSUVStatistics::suvModeEnabled(LmVolume const* volume)
     return mode != -1 && mode != SUV_MODE_ACTIVITY;
 }
 
-bool LmSUVStatistics::suvModeSupported(HxParamBundle& params, SUVMode mode)
+namespace {
+
+// Whether the facts support mode; see suvModeSupported.
+bool supportedBy(HxParamBundle const* bundle, Facts const& f, LmSUVStatistics::SUVMode mode)
 {
-    if (!params.bundle(suv::kBundle))
-        initSUVBundleFromDICOMTags(params);
-    HxParamBundle const* bundle = params.bundle(suv::kBundle);
-    if (!bundle)
-        return false;
-    Facts const f = readFacts(params, bundle, "PatientWeight");
     bool const w = f.hasWeight && f.weight > 0.0;
     bool const d = f.hasDose && f.dose > 0.0 && f.hasHalfLife && f.halfLife > 0.0;
     bool const t = f.hasTime && 10.0 * f.halfLife > std::fabs(f.time);
@@ -160,21 +157,37 @@ bool LmSUVStatistics::suvModeSupported(HxParamBundle& params, SUVMode mode)
                    (findNumber(bundle, "PhilipsSUVFactor", factor) && factor >= 0.0);
     if (isTrue(bundle, "PhilipsSUVOnly")) {
         std::string units;
-        if (mode == SUV_MODE_RAW_COUNTS)
+        if (mode == LmSUVStatistics::SUV_MODE_RAW_COUNTS)
             return findText(bundle, "Units", units) && units == "CNTS";
-        return mode == SUV_MODE_BODY_WEIGHT && p;
+        return mode == LmSUVStatistics::SUV_MODE_BODY_WEIGHT && p;
     }
     // Sex plays no part: without it lean-body-mass mode stands on the dose
     // factor alone (see setSUVMode).
     switch (mode) {
-    case SUV_MODE_BODY_WEIGHT:
+    case LmSUVStatistics::SUV_MODE_BODY_WEIGHT:
         return t && w && d;
-    case SUV_MODE_BODY_SURFACE:
-    case SUV_MODE_LEAN_BODY_MASS:
+    case LmSUVStatistics::SUV_MODE_BODY_SURFACE:
+    case LmSUVStatistics::SUV_MODE_LEAN_BODY_MASS:
         return t && w && d && h;
     default:
         return true;
     }
+}
+
+// The "SUV" bundle, built first when the parameters have none.
+HxParamBundle const* builtBundle(HxParamBundle& params)
+{
+    if (!params.bundle(suv::kBundle))
+        LmSUVStatistics::initSUVBundleFromDICOMTags(params);
+    return params.bundle(suv::kBundle);
+}
+
+} // namespace
+
+bool LmSUVStatistics::suvModeSupported(HxParamBundle& params, SUVMode mode)
+{
+    HxParamBundle const* bundle = builtBundle(params);
+    return bundle && supportedBy(bundle, readFacts(params, bundle, "PatientWeight"), mode);
 }
 
 bool LmSUVStatistics::suvModeSupported(LmVolume const* volume, SUVMode mode)
@@ -313,15 +326,20 @@ bool LmSUVStatistics::convertSUV(LmVolume const* volume, EnUnitTag from, float v
 {
     SUVMode fromMode = SUV_MODE_ACTIVITY;
     SUVMode toMode = SUV_MODE_ACTIVITY;
-    if (!volume || !convertSUVMode(from, fromMode) || !convertSUVMode(to, toMode) ||
-        !suvModeSupported(volume, fromMode) || !suvModeSupported(volume, toMode))
+    if (!volume || !convertSUVMode(from, fromMode) || !convertSUVMode(to, toMode) || !supportsSUV(volume))
+        return false;
+    // The facts are read once and serve both support checks and the factors.
+    HxParamBundle& params = const_cast<LmVolume*>(volume)->parameters();
+    HxParamBundle const* bundle = builtBundle(params);
+    if (!bundle)
+        return false;
+    Facts const facts = readFacts(params, bundle, "PatientWeight");
+    if (!supportedBy(bundle, facts, fromMode) || !supportedBy(bundle, facts, toMode))
         return false;
     if (fromMode == toMode) {
         result = value;
         return true;
     }
-    HxParamBundle const& params = volume->parameters();
-    HxParamBundle const* bundle = params.bundle(suv::kBundle);
     double factor[5] = {0.0, 0.0, 0.0, 0.0, 0.0};
     std::string units;
     if (!findText(bundle, "Units", units))
@@ -338,11 +356,11 @@ bool LmSUVStatistics::convertSUV(LmVolume const* volume, EnUnitTag from, float v
         } else {
             if (!findNumber(bundle, "PhilipsSUVFactor", p) || !(p > 0.0))
                 return false;
-            Facts const facts = readFacts(params, bundle, "OriginalPatientWeight");
-            if (!isTrue(bundle, "PhilipsSUVOnly") && facts.hasWeight && facts.weight > 0.0 &&
-                facts.weight < 500.0 && facts.hasHalfLife && facts.halfLife > 0.0 && facts.hasDose &&
-                facts.dose > 0.0 && facts.hasTime) {
-                a = factor[SUV_MODE_ACTIVITY] = countsToActivity(facts, p, facts.weight);
+            double w = 0.0;
+            bool const hasWeight = findNumber(bundle, "OriginalPatientWeight", w);
+            if (!isTrue(bundle, "PhilipsSUVOnly") && hasWeight && w > 0.0 && w < 500.0 && facts.hasHalfLife &&
+                facts.halfLife > 0.0 && facts.hasDose && facts.dose > 0.0 && facts.hasTime) {
+                a = factor[SUV_MODE_ACTIVITY] = countsToActivity(facts, p, w);
             } else if (fromMode == SUV_MODE_RAW_COUNTS && toMode == SUV_MODE_BODY_WEIGHT) {
                 result = static_cast<float>(value * p);
                 return true;
@@ -356,7 +374,6 @@ bool LmSUVStatistics::convertSUV(LmVolume const* volume, EnUnitTag from, float v
     } else {
         return false;
     }
-    Facts const facts = readFacts(params, bundle, "PatientWeight");
     // A dose or half-life of 0 gives no factor rather than an infinite one.
     if (facts.hasWeight && facts.hasHalfLife && facts.hasDose && facts.hasTime && facts.halfLife > 0.0 &&
         facts.dose > 0.0) {
