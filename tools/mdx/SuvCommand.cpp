@@ -12,6 +12,7 @@
 #include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcfilefo.h"
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -160,10 +161,16 @@ int suvCommand(Arguments const& args)
     bool const json = parsed.has("--json");
     QJsonArray reports;
     int failures = 0;
+    int missing = 0;
     int supported = 0;
     for (std::string const& path : parsed.positional) {
         LmVolume volume;
         std::string problem;
+        if (!QFileInfo::exists(QString::fromLocal8Bit(path.c_str()))) {
+            warn("%s: no such file", path.c_str());
+            ++missing;
+            continue;
+        }
         if (!loadVolume(path, volume, problem)) {
             warn("cannot read %s: %s", path.c_str(), problem.c_str());
             ++failures;
@@ -183,6 +190,8 @@ int suvCommand(Arguments const& args)
     }
     if (json)
         std::fputs(QJsonDocument(reports).toJson(QJsonDocument::Indented).constData(), stdout);
+    if (missing > 0)
+        return status(ExitCode::NoInput);
     if (failures > 0)
         return status(ExitCode::UnreadableInput);
     if (supported == 0)

@@ -215,6 +215,9 @@ def main():
                 got = lookup(report, path)
                 if (isinstance(value, float) and not close(got, value)) or (not isinstance(value, float) and got != value):
                     failures.append(f"{name}: {path} is {got!r}, expected {value!r}")
+        missing = subprocess.run([MDX, "suv", os.path.join(folder, "absent.dcm")], capture_output=True, text=True)
+        if missing.returncode != 2 or "no such file" not in missing.stderr:
+            failures.append(f"absent file: status {missing.returncode}, {missing.stderr.strip()!r}")
     for line in failures:
         print(line)
     print(f"{len(CASES)} cases, {len(failures)} failures")
