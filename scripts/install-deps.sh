@@ -21,6 +21,7 @@ PACKAGES=(
   awscli
   clang
   libxml2-utils
+  tzdata
 )
 
 echo "== system packages"

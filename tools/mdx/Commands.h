@@ -26,5 +26,6 @@ int qaCommand(Arguments const& args);
 int updateCommand(Arguments const& args);
 int cpCommand(Arguments const& args);
 int catCommand(Arguments const& args);
+int suvCommand(Arguments const& args);
 
 } // namespace mdxtool

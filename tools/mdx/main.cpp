@@ -50,6 +50,7 @@ void printUsage(std::FILE* out)
                "                        write the DICOM JSON metadata of a study from its tag file\n"
                "  cat URL               write a remote object to standard output through the\n"
                "                        cloud reader\n"
+               "  suv FILE...           print the SUV parameters and factors of PET images\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -81,7 +82,7 @@ int main(int argc, char** argv)
         {"kz", mdxtool::kzCommand},           {"qa", mdxtool::qaCommand},
         {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
         {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
-        {"cat", mdxtool::catCommand},
+        {"cat", mdxtool::catCommand},         {"suv", mdxtool::suvCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

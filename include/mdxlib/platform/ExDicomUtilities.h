@@ -9,6 +9,7 @@
 #include "dcmtk/ofstd/ofcond.h"
 
 #include <cstdint>
+#include <string>
 
 class DcmItem;
 class HxParamBundle;
@@ -34,4 +35,14 @@ public:
     // text; each sequence becomes a sub-bundle of one sub-bundle per item.
     // Binary values (OB, OW and the like) and pixel data are left out.
     static void copyToParamBundle(DcmItem* item, HxParamBundle& bundle);
+
+    // Item index of the sequence named tag ("G0054-0016") in bundle, or
+    // null (also for a null bundle or tag).
+    static HxParamBundle const* findSequenceItem(HxParamBundle const* bundle, char const* tag, int index);
+
+    // A DICOM time (TM) in the form "HHMMSS" or "HHMMSS.FFFFFF": the short
+    // forms "HH" and "HHMM" get zero minutes and seconds, the old form
+    // "HH:MM:SS.FFFFFF" loses its colons, padding is cut. False, with out
+    // untouched, when text is no time.
+    static bool normalizeTMString(char const* text, std::string& out);
 };

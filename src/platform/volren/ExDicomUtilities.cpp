@@ -7,6 +7,7 @@
 #include "dcmtk/dcmdata/dcitem.h"
 #include "dcmtk/dcmdata/dcsequen.h"
 
+#include <cctype>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -104,4 +105,70 @@ void ExDicomUtilities::copyToParamBundle(DcmItem* item, HxParamBundle& bundle)
         if (element->getOFStringArray(text).good())
             bundle.set(name.c_str(), std::string(text.c_str(), text.length()));
     }
+}
+
+HxParamBundle const* ExDicomUtilities::findSequenceItem(HxParamBundle const* bundle, char const* tag,
+                                                        int index)
+{
+    if (!bundle || !tag || index < 0)
+        return nullptr;
+    HxParamBundle const* sequence = bundle->bundle(tag);
+    return sequence && index < sequence->nBundles() ? sequence->bundle(index) : nullptr;
+}
+
+namespace {
+
+bool twoDigits(std::string const& text, size_t at, int limit, std::string& out)
+{
+    if (at + 2 > text.size() || !std::isdigit(static_cast<unsigned char>(text[at])) ||
+        !std::isdigit(static_cast<unsigned char>(text[at + 1])))
+        return false;
+    if ((text[at] - '0') * 10 + (text[at + 1] - '0') > limit)
+        return false;
+    out.append(text, at, 2);
+    return true;
+}
+
+} // namespace
+
+bool ExDicomUtilities::normalizeTMString(char const* text, std::string& out)
+{
+    if (!text)
+        return false;
+    // Padding: spaces, and the NUL some writers use.
+    std::string const padding(" \0", 2);
+    std::string value(text);
+    size_t const begin = value.find_first_not_of(padding);
+    if (begin == std::string::npos)
+        return false;
+    value = value.substr(begin, value.find_last_not_of(padding) - begin + 1);
+    // The old ACR-NEMA form separates the fields by colons.
+    std::string digits;
+    digits.reserve(value.size());
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value[i] == ':' && (i == 2 || i == 5))
+            continue;
+        digits.push_back(value[i]);
+    }
+    size_t const dot = digits.find('.');
+    std::string const whole = digits.substr(0, dot);
+    std::string result;
+    if (whole.size() != 2 && whole.size() != 4 && whole.size() != 6)
+        return false;
+    // Seconds up to 60 for a leap second.
+    if (!twoDigits(whole, 0, 23, result) || (whole.size() >= 4 && !twoDigits(whole, 2, 59, result)) ||
+        (whole.size() == 6 && !twoDigits(whole, 4, 60, result)))
+        return false;
+    result.resize(6, '0');
+    if (dot != std::string::npos) {
+        std::string const fraction = digits.substr(dot + 1);
+        if (whole.size() != 6 || fraction.empty() || fraction.size() > 6)
+            return false;
+        for (char c : fraction)
+            if (!std::isdigit(static_cast<unsigned char>(c)))
+                return false;
+        result += "." + fraction;
+    }
+    out = result;
+    return true;
 }
