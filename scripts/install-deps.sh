@@ -14,6 +14,7 @@ PACKAGES=(
   libcurl4-openssl-dev libssl-dev libdeflate-dev liblzma-dev libsqlite3-dev libpq-dev
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
+  python3-cryptography
   zip unzip
   nodejs npm
   nginx postgresql
