@@ -22,7 +22,8 @@ counted in "chunk_auth".
 Control: POST /__mode?[token=T]&[hash=combined|split|twice] (twice: a line with a wrong md5, then
 the right one) resets everything; POST /__fail?kind=K[&count=N] queues N faults of a kind for the
 next chunk PUTs (503 also for session starts and simple PUTs): 503, short (store half, rounded down
-to 256 KiB), drop (store, then close without answer), badmd5 (final answer reports a wrong md5),
+to 256 KiB), drop (store, then break the answer off
+after its headers), badmd5 (final answer reports a wrong md5),
 404, norange (308 without Range, nothing stored). GET /__stats: {"requests": [{verb, path, kind,
 range, length, auth}], "objects": {key: size}, "sessions": n, "deleted": n, "chunk_auth": n}.
 """
@@ -171,6 +172,11 @@ class StorageHandler(peerlib.Handler):
             with lock:
                 data += new
             if self.take_fault("drop"):
+                if total is not None and len(data) == total:
+                    self.finish(st, upload_id, session, answer=False)  # stored for good first
+                # The answer breaks off after its headers. (With no byte at all, libcurl would
+                # send the request again by itself on a reused connection.)
+                self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n")
                 self.close_connection = True
                 return None
         if total is not None and len(data) == total:
@@ -179,7 +185,7 @@ class StorageHandler(peerlib.Handler):
             return self.error(400, "InvalidArgument", "More bytes than the total")
         return self.send(308, b"", headers=[("Range", "bytes=0-%d" % (len(data) - 1))] if data else [])
 
-    def finish(self, st, upload_id, session):
+    def finish(self, st, upload_id, session, answer=True):
         data = bytes(session["data"])
         if session["md5"] and session["md5"] != base64.b64encode(hashlib.md5(data).digest()).decode():
             with self.server.lock:
@@ -188,6 +194,8 @@ class StorageHandler(peerlib.Handler):
         with self.server.lock:
             st["objects"][session["key"]] = data
             session["done"] = True
+        if not answer:
+            return None
         return self.send(200, b"", headers=self.hash_headers(data, self.take_fault("badmd5")))
 
     def hash_headers(self, data, wrong):
