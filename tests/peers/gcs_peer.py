@@ -165,7 +165,7 @@ class StorageHandler(peerlib.Handler):
                 return self.error(503, "ServiceUnavailable", "Please retry")
             if self.take_fault("norange"):
                 return self.send(308)
-            new = body[len(data) - first:]
+            new = memoryview(body)[len(data) - first:]  # no copy: the peer must keep up with a client
             if self.take_fault("short"):
                 keep = (len(data) + len(new) // 2) // QUANTUM * QUANTUM - len(data)
                 new = new[:max(keep, 0)]
@@ -186,7 +186,7 @@ class StorageHandler(peerlib.Handler):
         return self.send(308, b"", headers=[("Range", "bytes=0-%d" % (len(data) - 1))] if data else [])
 
     def finish(self, st, upload_id, session, answer=True):
-        data = bytes(session["data"])
+        data = session["data"]  # final from here on: stored as it is, without a copy
         if session["md5"] and session["md5"] != base64.b64encode(hashlib.md5(data).digest()).decode():
             with self.server.lock:
                 st["sessions"].pop(upload_id, None)
