@@ -15,6 +15,7 @@ PACKAGES=(
   python3-numpy python3-scipy
   libgtest-dev libgmock-dev
   python3 python3-pydicom python3-botocore
+  python3-cryptography
   zip unzip
   nodejs npm
   nginx postgresql curl

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Runs bench_upload against s3rver and azurite (tests/peers/run_with_peers.py
-# --with s3 --with azure) with one generated file.
+# Runs bench_upload against s3rver, azurite and the Google peers
+# (tests/peers/run_with_peers.py --with s3 --with azure --with google) with
+# one generated file.
 #
 #   bench/upload/run.sh [bench_upload options...]
 #
@@ -31,4 +32,4 @@ trap 'rm -rf "$data"' EXIT
 echo "generating $size in $data ..."
 python3 -c "import sys; sys.path.insert(0, '$root/tests/peers'); import peerlib; peerlib.write_file('$data/big.bin', peerlib.parse_size('$size'))"
 echo "cpus: $(nproc), $(curl --version | head -n 1), $(/usr/bin/aws --version 2>&1 | head -n 1)"
-python3 "$root/tests/peers/run_with_peers.py" --with s3 --with azure -- "$bench" "$data/big.bin" "$@"
+python3 "$root/tests/peers/run_with_peers.py" --with s3 --with azure --with google -- "$bench" "$data/big.bin" "$@"

@@ -13,7 +13,8 @@ azure_token_peer.py (npm_peer.py runs the npm servers). COMMAND sees
 MDX_NGINX_HTTP_PORT, MDX_NGINX_HTTPS_PORT, MDX_FAULT_PORT, MDX_FAULT_TLS_PORT, MDX_PEER_DATA,
 MDX_PEER_CA, with aws MDX_EC2_PORT and MDX_SIGV4_PORT, and with postgres MDX_POSTGRES_PORT and
 MDX_POSTGRES_URL (a connection string for the user postgres), with s3 MDX_S3RVER_PORT, with azure
-MDX_AZURITE_PORT and MDX_AZURE_TOKEN_PORT (unset when a peer cannot run here,
+MDX_AZURITE_PORT and MDX_AZURE_TOKEN_PORT, with google (gcs_peer.py, google_token_peer.py)
+MDX_GCS_PORT and MDX_GOOGLE_TOKEN_PORT (unset when a peer cannot run here,
 so that its tests skip). Everything is stopped and removed afterwards, also on a timeout or a
 signal; the exit status is COMMAND's (124 on --timeout, 77 without nginx).
 """
@@ -36,7 +37,8 @@ PEERS = {"": [("MDX_FAULT_PORT", "fault_peer.py", ["--plain"]), ("MDX_FAULT_TLS_
          "aws": [("MDX_EC2_PORT", "ec2_metadata_peer.py", []), ("MDX_SIGV4_PORT", "sigv4_peer.py", [])],
          "postgres": [("MDX_POSTGRES_PORT", "postgres_peer.py", [])],
          "s3": [("MDX_S3RVER_PORT", "npm_peer.py", ["s3"])],
-         "azure": [("MDX_AZURITE_PORT", "npm_peer.py", ["azure"]), ("MDX_AZURE_TOKEN_PORT", "azure_token_peer.py", [])]}
+         "azure": [("MDX_AZURITE_PORT", "npm_peer.py", ["azure"]), ("MDX_AZURE_TOKEN_PORT", "azure_token_peer.py", [])],
+         "google": [("MDX_GCS_PORT", "gcs_peer.py", []), ("MDX_GOOGLE_TOKEN_PORT", "google_token_peer.py", [])]}
 
 
 def read_ports(procs, deadline):
@@ -66,7 +68,7 @@ def main():
         return 2
     parser = argparse.ArgumentParser()
     parser.add_argument("--timeout", type=float, default=0.0)
-    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws", "postgres", "s3", "azure"])
+    parser.add_argument("--with", dest="extra", action="append", default=[], choices=["aws", "postgres", "s3", "azure", "google"])
     parser.add_argument("--data", help="the folder nginx serves (kept afterwards)")
     parser.add_argument("--make-file", action="append", default=[], metavar="NAME:SIZE")
     args, command = parser.parse_args(argv[:argv.index("--")]), argv[argv.index("--") + 1:]

@@ -31,10 +31,11 @@ CommandSyntax const& cpSyntax()
         "cp",
         "SOURCE DESTINATION",
         "Copies the local file SOURCE to the cloud object DESTINATION, a URL of the form\n"
-        "s3://bucket/key or az://account/container/blob, in chunks of 8 MiB. The object is\n"
-        "complete only when the whole file went up; a failed copy leaves no partial object.\n"
-        "Credentials are the library's: AWS_CONFIG_FILE or the instance metadata for S3,\n"
-        "AZURE_APPLICATION_CREDENTIALS or the managed identity for Azure.",
+        "s3://bucket/key, az://account/container/blob or gs://bucket/key, in chunks of 8 MiB.\n"
+        "The object is complete only when the whole file went up; a failed copy leaves no\n"
+        "partial object. Credentials are the library's: AWS_CONFIG_FILE or the instance\n"
+        "metadata for S3, AZURE_APPLICATION_CREDENTIALS or the managed identity for Azure,\n"
+        "GOOGLE_APPLICATION_CREDENTIALS or the Compute Engine metadata server for Google.",
         {helpOption(), quietOption(), jsonOption()}};
     return syntax;
 }

@@ -17,7 +17,7 @@
 //   MDX_S3_DOMAIN              "amazonaws.com"
 //   MDX_GCS_ENDPOINT           "https://storage.googleapis.com/"
 //   MDX_GCS_DOWNLOAD_ENDPOINT  "https://storage.googleapis.com/"
-//   MDX_GCS_UPLOAD_ENDPOINT    "https://storage.googleapis.com/upload/storage/v1/b/"
+//   MDX_GCS_UPLOAD_ENDPOINT    "https://storage.googleapis.com/" (XML API, resumable form)
 //   MDX_GCS_HOST               "storage.googleapis.com"
 //   MDX_AZURE_BLOB_SUFFIX      ".blob.core.windows.net"
 #pragma once
@@ -85,19 +85,24 @@ public:
                        QByteArray const& body);
     bool deleteObject(std::string const& url);
 
-    // An upload stream for an "s3", "az" (or, later, Google) URL. Never
+    // An upload stream for an "s3", "az" or "gs" URL. Never
     // throws: when no session can be made, the stream has no buffer, is not
     // open and fails every write.
     LmCurlUploadStream write(std::string const& url);
-    // The provider's session, chosen by the URL's first two characters; for
-    // Azure the authorization line is fetched here, once for the session.
-    // Null (with the reason logged) for a provider that has none yet.
+    // The provider's session, chosen by the URL's first two characters (any
+    // URL that is neither "s3" nor "az" is taken for Google Cloud Storage);
+    // for Azure and Google the authorization line is fetched here, once for
+    // the session.
     std::unique_ptr<LmCurlUploadSessionBase> createResumableUploadSession(std::string const& url,
                                                                           std::string const& contentType);
 
     // "https://<external web service host>/sola/Browser.svc/<path>"
     static std::string url(std::string const& path);
     static bool isUrl(char const* path);
+
+    // A service account key as JSON, in place of GOOGLE_APPLICATION_CREDENTIALS;
+    // set-up time only. False (with the reason logged) when it is unusable.
+    bool setGoogleAuthentication(QJsonObject const& serviceAccount);
 
     void setFFS2Parameters(char const* name) { mHelper->setFFS2Parameters(name); }
     void setSessionID(std::string id, bool asBearerToken)

@@ -5,6 +5,7 @@
 
 #include <mdxlib/Export.h>
 #include <mdxlib/cloudauth/LmAzureAuth.h>
+#include <mdxlib/cloudauth/LmGoogleAuth.h>
 
 #include <functional>
 #include <map>
@@ -31,6 +32,7 @@ public:
     void* share() const { return mShare; }
     std::shared_ptr<LmAwsAuth> awsAuth() const { return mAws; }
     LmAzureAuth& azureAuth() { return mAzure; }
+    LmGoogleAuth& googleAuth() { return mGoogle; }
 
     static std::string sslCipherList();
     static int maxConnects();
@@ -46,7 +48,8 @@ public:
 
     // Google and Azure credentials plug in here; with none, requests go out
     // without authorization and the server's 401/403 is the answer. Azure's
-    // provider is azureAuth() until one is set (null: none).
+    // provider is azureAuth() and Google's googleAuth() until one is set
+    // (null: none).
     using AuthorizationProvider = std::function<std::string()>;
     void setGoogleAuthorizationProvider(AuthorizationProvider provider);
     void setAzureAuthorizationProvider(AuthorizationProvider provider);
@@ -76,6 +79,7 @@ private:
     AuthorizationProvider mAzureAuthorization;
     std::shared_ptr<LmAwsAuth> mAws;
     LmAzureAuth mAzure;
+    LmGoogleAuth mGoogle;
     LmCurlClient* mOwner;
     std::string mSessionID;
     bool mSessionIDIsBearerToken = false;

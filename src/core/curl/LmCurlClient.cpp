@@ -5,6 +5,7 @@
 #include <mdxlib/curl/LmCurlRetryPolicy.h>
 #include <mdxlib/curl/LmCurlSettings.h>
 #include <mdxlib/curl/LmCurlUploadSessionAzure.h>
+#include <mdxlib/curl/LmCurlUploadSessionGS.h>
 #include <mdxlib/curl/LmCurlUploadSessionS3.h>
 #include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
@@ -332,12 +333,20 @@ LmCurlClient::createResumableUploadSession(std::string const& url, std::string c
         session->setRetrySleeper(mRetrySleeper);
         return session;
     }
-    // Every other URL is taken for Google Cloud Storage, whose resumable
-    // upload is not part of this build yet: no pretend session.
-    getTheLogInstance()->warnf(
-        "No upload session for %s: uploads to Google Cloud Storage are not available yet",
-        lmRedactSecrets(url).c_str());
-    return nullptr;
+    // Every other URL is taken for Google Cloud Storage. As for Azure, an
+    // empty line still makes the session and the service's 401 or 403 is the
+    // answer.
+    std::string const converted = LmCurlHelper::convertGoogleUrl(url, true, true);
+    std::string const authorization = mHelper->googleAuth().authorizationHeader(*this).toStdString();
+    auto session =
+        std::make_unique<LmCurlUploadSessionGS>(std::move(rawClient), authorization, converted, url, contentType);
+    session->setRetrySleeper(mRetrySleeper);
+    return session;
+}
+
+bool LmCurlClient::setGoogleAuthentication(QJsonObject const& serviceAccount)
+{
+    return mHelper->googleAuth().loadCredentialsFromJson(serviceAccount, "");
 }
 
 LmCurlUploadStream LmCurlClient::write(std::string const& url)

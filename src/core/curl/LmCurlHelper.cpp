@@ -37,8 +37,11 @@ std::string gcsDownloadEndpoint()
 
 std::string gcsUploadEndpoint()
 {
-    return ExResource::getParameter("MDX_GCS_UPLOAD_ENDPOINT",
-                                    "https://storage.googleapis.com/upload/storage/v1/b/");
+    // The XML API's resumable upload: the session starts with a POST to the
+    // object's own URL carrying "x-goog-resumable: start". (The JSON API's
+    // "/upload/storage/v1/b/" wants "/o?uploadType=resumable&name=" instead,
+    // which is not the protocol spoken here.)
+    return ExResource::getParameter("MDX_GCS_UPLOAD_ENDPOINT", "https://storage.googleapis.com/");
 }
 
 std::string gcsHost()
@@ -58,6 +61,7 @@ LmCurlHelper::LmCurlHelper(LmCurlClient* owner)
     , mOwner(owner)
 {
     mAzureAuthorization = [this] { return mAzure.authorizationHeader(*mOwner).toStdString(); };
+    mGoogleAuthorization = [this] { return mGoogle.authorizationHeader(*mOwner).toStdString(); };
     LmCurlSettings::get();
     mShare = curl_share_init();
     // Without its locks the share would be used from many threads unguarded:
