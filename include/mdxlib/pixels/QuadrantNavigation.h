@@ -26,6 +26,8 @@
 
 #include <vector>
 
+class HxParamBundle;
+
 namespace Mdx {
 
 class TagMap;
@@ -45,6 +47,9 @@ public:
     // row direction of Image Orientation (Patient), also inside the shared
     // functional groups.
     static BorderRegions checkOrientation(TagMap* map);
+    // The same from a parameter bundle's "G0020-0020" and "G0020-0037",
+    // without the functional groups.
+    static BorderRegions checkOrientation(HxParamBundle const& bundle);
     // Appends the numbers for image to out. False, with out untouched, for
     // a pixel format other than Indexed8, RGB32, ARGB32, RGB888, RGBX8888
     // and RGBA8888.

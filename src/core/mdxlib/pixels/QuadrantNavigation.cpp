@@ -1,6 +1,8 @@
 #include "QuadrantRegions.h"
 
 #include <mdxlib/pixels/QuadrantNavigation.h>
+
+#include <mdxlib/platform/HxParamBundle.h>
 #include <mdxlib/platform/McVec2i.h>
 #include <mdxlib/tags/TagMap.h>
 #include <mdxlib/tags/TagSequence.h>
@@ -543,26 +545,16 @@ bool QuadrantNavigation::isSupported(TagMap* map)
     return true;
 }
 
-BorderRegions QuadrantNavigation::checkOrientation(TagMap* map)
+namespace {
+
+// The chest wall's border from Patient Orientation, else from the second
+// value (the row direction's y) of Image Orientation (Patient).
+BorderRegions orientationBorder(QByteArray const& orientation, QByteArray const& cosines)
 {
-    if (!map)
-        return BorderEither;
-    QByteArray const orientation = trimmedString(map, DcmTagKey(0x0020, 0x0020));
     if (orientation.startsWith('A'))
         return BorderLeft;
     if (orientation.startsWith('P'))
         return BorderRight;
-
-    DcmTagKey const imageOrientation(0x0020, 0x0037);
-    QByteArray cosines;
-    if (!map->findAndGetString(imageOrientation, cosines)) {
-        if (TagSequence const* groups = sequenceOf(map, DcmTagKey(0x5200, 0x9229)))
-            for (TagMap const* item : groups->mItems) {
-                TagSequence const* plane = sequenceOf(item, DcmTagKey(0x0020, 0x9116));
-                if (plane && plane->mItems.first()->findAndGetString(imageOrientation, cosines))
-                    break;
-            }
-    }
     QList<QByteArray> const values = cosines.split('\\');
     if (values.size() != 6)
         return BorderEither;
@@ -575,6 +567,35 @@ BorderRegions QuadrantNavigation::checkOrientation(TagMap* map)
     if (v < -0.9f)
         return BorderLeft;
     return BorderEither;
+}
+
+} // namespace
+
+BorderRegions QuadrantNavigation::checkOrientation(TagMap* map)
+{
+    if (!map)
+        return BorderEither;
+    QByteArray const orientation = trimmedString(map, DcmTagKey(0x0020, 0x0020));
+    DcmTagKey const imageOrientation(0x0020, 0x0037);
+    QByteArray cosines;
+    if (!orientation.startsWith('A') && !orientation.startsWith('P') &&
+        !map->findAndGetString(imageOrientation, cosines)) {
+        if (TagSequence const* groups = sequenceOf(map, DcmTagKey(0x5200, 0x9229)))
+            for (TagMap const* item : groups->mItems) {
+                TagSequence const* plane = sequenceOf(item, DcmTagKey(0x0020, 0x9116));
+                if (plane && plane->mItems.first()->findAndGetString(imageOrientation, cosines))
+                    break;
+            }
+    }
+    return orientationBorder(orientation, cosines);
+}
+
+BorderRegions QuadrantNavigation::checkOrientation(HxParamBundle const& bundle)
+{
+    char const* orientation = bundle.findTag(0x0020, 0x0020);
+    char const* cosines = bundle.findTag(0x0020, 0x0037);
+    return orientationBorder(QByteArray(orientation ? orientation : "").trimmed(),
+                             QByteArray(cosines ? cosines : ""));
 }
 
 bool QuadrantNavigation::computeImageBoxAndCenter(QImage const& image, std::vector<float>& out,

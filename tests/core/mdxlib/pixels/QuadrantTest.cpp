@@ -7,6 +7,7 @@
 
 #include <mdxlib/pixels/PreviewGenerator.h>
 #include <mdxlib/pixels/QuadrantNavigation.h>
+#include <mdxlib/platform/HxParamBundle.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -159,6 +160,14 @@ TEST(QuadrantNavigation, ChestWallFromOrientation)
         mg.orientationInFunctionalGroups = c.inFunctionalGroups;
         std::unique_ptr<TagMap> map = mapOf(mg);
         EXPECT_EQ(QuadrantNavigation::checkOrientation(map.get()), c.expected);
+        // The bundle form reads the two attributes at its own level only.
+        HxParamBundle bundle;
+        if (c.patientOrientation)
+            bundle.setTag(0x0020, 0x0020, c.patientOrientation);
+        if (c.imageOrientation && !c.inFunctionalGroups)
+            bundle.setTag(0x0020, 0x0037, c.imageOrientation);
+        bool const onlyInGroups = c.inFunctionalGroups; // no Patient Orientation decides these
+        EXPECT_EQ(QuadrantNavigation::checkOrientation(bundle), onlyInGroups ? BorderEither : c.expected);
     }
 }
 
