@@ -179,6 +179,12 @@ bool FileController::waitForData(File& file, MemoryPage& page)
         }
         if (mChunks.size() == 1 && mChunks[0].state == CHUNK_DONE)
             return true; // an object of unknown length has ended
+        // The length may become known only as the last byte arrives (a
+        // chunked answer without Content-Length); a reader that has taken
+        // every byte by then waits at the end, for data that never comes.
+        long long const length = mLength.load();
+        if (length >= 0 && p >= length)
+            return true;
         int const c = chunkOf(p);
         // A finished chunk may still be waited for: a server that ignored a
         // range sends on beyond the chunk, into pages that belong to the
