@@ -8,6 +8,7 @@
 // Usage: bench_json [--images N] [--runs N] [--dcm2json-images N] [--keep] [CT_small.dcm]
 #include "BenchStudy.h"
 #include "BenchSupport.h"
+#include "LeaveOutLargeValues.h"
 
 #include <mdxlib/json/DicomJsonWriter.h>
 #include <mdxlib/tagfile/OrderedImageLoader.h>
@@ -141,41 +142,7 @@ Figures withDcm2json(std::vector<std::string> const& paths, QString const& folde
     return figures;
 }
 
-// DCMTK's compact JSON in which values above a size limit are left out as a
-// BulkDataURI, as a metadata answer refers to them (without this, DCMTK
-// would load the pixel data left on disk and write it inline).
-class LeaveOutLargeValues : public DcmJsonFormatCompact
-{
-public:
-    LeaveOutLargeValues()
-        : DcmJsonFormatCompact(OFFalse)
-    {
-    }
-
-    void collect(DcmDataset* dataset, Uint32 limit)
-    {
-        mLarge.clear();
-        DcmStack stack;
-        while (dataset->nextObject(stack, OFTrue).good()) {
-            DcmObject* object = stack.top();
-            if (object->isLeaf() && object->getLength() > limit)
-                mLarge.insert(object->getTag());
-        }
-    }
-
-    OFBool asBulkDataURI(DcmTagKey const& tag, OFString& uri) override
-    {
-        if (mLarge.count(tag) == 0)
-            return OFFalse;
-        char text[16];
-        std::snprintf(text, sizeof text, "bulk/%04X%04X", tag.getGroup(), tag.getElement());
-        uri = text;
-        return OFTrue;
-    }
-
-private:
-    std::set<DcmTagKey> mLarge;
-};
+using mdxbench::LeaveOutLargeValues;
 
 // DCMTK's writer in this process, headers read to 4 KB as the tag file's
 // builder reads them, values above 1 KB (the tag file's limit) as bulk data.

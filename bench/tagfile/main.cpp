@@ -21,6 +21,7 @@
 
 #include "BenchStudy.h"
 #include "BenchSupport.h"
+#include "LeaveOutLargeValues.h"
 
 #include <QDir>
 #include <QFile>
@@ -84,40 +85,7 @@ std::unique_ptr<DcmFileFormat> loadHeader(std::string const& path)
     return file;
 }
 
-// Compact DICOM JSON in which values above a size limit are left out as a
-// BulkDataURI, the way a metadata response refers to them.
-class LeaveOutLargeValues : public DcmJsonFormatCompact
-{
-public:
-    LeaveOutLargeValues()
-        : DcmJsonFormatCompact(OFFalse)
-    {
-    }
-
-    void collect(DcmDataset* dataset, Uint32 limit)
-    {
-        mLarge.clear();
-        DcmStack stack;
-        while (dataset->nextObject(stack, OFTrue).good()) {
-            DcmObject* object = stack.top();
-            if (object->isLeaf() && object->getLength() > limit)
-                mLarge.insert(object->getTag());
-        }
-    }
-
-    OFBool asBulkDataURI(DcmTagKey const& tag, OFString& uri) override
-    {
-        if (mLarge.count(tag) == 0)
-            return OFFalse;
-        char text[16];
-        std::snprintf(text, sizeof text, "bulk/%04X%04X", tag.getGroup(), tag.getElement());
-        uri = text;
-        return OFTrue;
-    }
-
-private:
-    std::set<DcmTagKey> mLarge;
-};
+using mdxbench::LeaveOutLargeValues;
 
 size_t gzipSize(std::string const& text)
 {
