@@ -19,9 +19,9 @@
 
 #include <mdxlib/Export.h>
 #include <mdxlib/cloudauth/LmAzureAuthInfo.h>
+#include <mdxlib/cloudauth/LmBearerToken.h>
 
 #include <QByteArray>
-#include <QJsonObject>
 
 #include <chrono>
 #include <mutex>
@@ -53,18 +53,11 @@ public:
     std::string tokenUrl() const;
     // For tests: forgets whether this process runs on an Azure instance.
     static void resetMetadataDecision();
-    // Seconds of "expires_in", a string or a number.
-    static int expiresInSeconds(QJsonObject const& answer);
 
 private:
-    // Stores the line and its expiry from a token answer; false when it has
-    // no token or no type.
-    bool storeToken(QJsonObject const& answer, std::chrono::system_clock::time_point now);
-
     mutable std::mutex mMutex;
-    QByteArray mAuthorizationHeader;
+    LmBearerToken mToken;
     QByteArray mTenantId;
     QByteArray mClientId;
     QByteArray mClientSecret;
-    std::chrono::system_clock::time_point mExpiry;
 };

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <mdxlib/Export.h>
+#include <mdxlib/cloudauth/LmBearerToken.h>
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -62,10 +63,6 @@ public:
     static void resetMetadataDecision();
 
 private:
-    // Stores the line and its expiry from a token answer; false when it has
-    // no token or no type.
-    bool storeToken(QJsonObject const& answer, TimePoint now);
-
     std::string mClientEmail;
     std::string mPrivateKeyId;
     std::string mPrivateKey;
@@ -74,6 +71,5 @@ private:
     std::string mSubject;
     QByteArray mGrantBody;
     std::mutex mMutex;
-    QByteArray mAuthorizationHeader;
-    TimePoint mExpiry;
+    LmBearerToken mToken;
 };

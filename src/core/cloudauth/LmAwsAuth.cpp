@@ -1,10 +1,11 @@
 #include <mdxlib/cloudauth/LmAwsAuth.h>
 
+#include "MetadataProbe.h"
+
 #include <mdxlib/curl/LmCurlClient.h>
 #include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
-#include <mdxlib/platform/McSocket.h>
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -21,7 +22,6 @@ namespace {
 
 char const kCategory[] = "AWS";
 constexpr int kRenewBeforeSeconds = 120;
-constexpr int kProbeTimeoutMsec = 50;
 
 // -1 not yet known, 0 no, 1 yes. Changed only under an LmAwsAuth mutex.
 int sIsRunningOnEC2Instance = -1;
@@ -141,23 +141,10 @@ std::shared_ptr<LmAwsAuth::Credentials> LmAwsAuth::readCredentialsFromMetaData()
 {
     std::string const address = metadataAddress();
     if (sIsRunningOnEC2Instance == -1) {
-        std::string host = address;
-        int port = 80;
-        size_t const colon = address.rfind(':');
-        if (colon != std::string::npos) {
-            host = address.substr(0, colon);
-            port = std::atoi(address.c_str() + colon + 1);
-        }
-        int const socket = McSocket::connect(host.c_str(), port, kProbeTimeoutMsec, 0, 0);
-        if (socket >= 0) {
-            McSocket::close(socket);
-            sIsRunningOnEC2Instance = 1;
-        } else {
-            sIsRunningOnEC2Instance = 0;
-            if (debug())
-                log().tracef(McLogFile::LevelInfo, kCategory,
-                             "Could not connect to %s - not running on an EC2 instance", address.c_str());
-        }
+        sIsRunningOnEC2Instance = metadataServiceAnswers(address) ? 1 : 0;
+        if (!sIsRunningOnEC2Instance && debug())
+            log().tracef(McLogFile::LevelInfo, kCategory,
+                         "Could not connect to %s - not running on an EC2 instance", address.c_str());
     }
     if (sIsRunningOnEC2Instance == 0)
         return nullptr;

@@ -1,23 +1,19 @@
 #include <mdxlib/cloudauth/LmAzureAuth.h>
 
+#include "MetadataProbe.h"
+
 #include <mdxlib/curl/LmCurlClient.h>
-#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
-#include <mdxlib/platform/McSocket.h>
 
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonDocument>
 
 #include <atomic>
-#include <cmath>
 #include <cstdlib>
 
 namespace {
 
-constexpr int kRenewBeforeSeconds = 500;
-constexpr int kProbeTimeoutMsec = 50;
 constexpr char kCredentialsVariable[] = "AZURE_APPLICATION_CREDENTIALS";
 
 // -1 not yet decided, 0 no, 1 yes: whether this process asks the instance
@@ -29,45 +25,15 @@ McLogFile& log()
     return *getTheLogInstance();
 }
 
-bool debug()
-{
-    return LmCurlClient::sDebug;
-}
-
-bool ok(LmHttpStatus const& status)
-{
-    return status.responseCode >= 200 && status.responseCode <= 299 && !status.curlError;
-}
-
-std::string compact(QJsonDocument const& document)
-{
-    return lmRedactSecrets(document.toJson(QJsonDocument::Compact).toStdString());
-}
-
-bool credentialsVariableSet()
-{
-    char const* value = std::getenv(kCredentialsVariable);
-    return value && *value;
-}
-
 bool decideMetadata()
 {
-    if (credentialsVariableSet())
+    char const* variable = std::getenv(kCredentialsVariable);
+    if (variable && *variable)
         return false;
     std::string const address = LmAzureAuth::metadataAddress();
-    std::string host = address;
-    int port = 80;
-    size_t const colon = address.rfind(':');
-    if (colon != std::string::npos) {
-        host = address.substr(0, colon);
-        port = std::atoi(address.c_str() + colon + 1);
-    }
-    int const socket = McSocket::connect(host.c_str(), port, kProbeTimeoutMsec, 0, 0);
-    if (socket >= 0) {
-        McSocket::close(socket);
+    if (metadataServiceAnswers(address))
         return true;
-    }
-    if (debug())
+    if (LmCurlClient::sDebug)
         log().warnf("Could not connect to %s - not running on an Azure instance", address.c_str());
     return false;
 }
@@ -102,26 +68,7 @@ void LmAzureAuth::resetMetadataDecision()
 std::chrono::system_clock::time_point LmAzureAuth::expiry() const
 {
     std::lock_guard<std::mutex> lock(mMutex);
-    return mExpiry;
-}
-
-int LmAzureAuth::expiresInSeconds(QJsonObject const& answer)
-{
-    QJsonValue const value = answer.value("expires_in");
-    if (value.isString())
-        return value.toString().toInt();
-    return static_cast<int>(std::rint(value.toDouble()));
-}
-
-bool LmAzureAuth::storeToken(QJsonObject const& answer, std::chrono::system_clock::time_point now)
-{
-    QByteArray const token = answer.value("access_token").toString().toUtf8();
-    QByteArray const type = answer.value("token_type").toString().toUtf8();
-    if (token.isEmpty() || type.isEmpty())
-        return false;
-    mAuthorizationHeader = "Authorization: " + type + " " + token;
-    mExpiry = now + std::chrono::seconds(expiresInSeconds(answer));
-    return true;
+    return mToken.expiry();
 }
 
 QByteArray LmAzureAuth::tokenPayload() const
@@ -137,26 +84,11 @@ QByteArray LmAzureAuth::authorizationHeader(LmCurlClient& client)
 {
     std::lock_guard<std::mutex> lock(mMutex);
     auto const now = std::chrono::system_clock::now();
-    if (!mAuthorizationHeader.isEmpty() && mExpiry - std::chrono::seconds(kRenewBeforeSeconds) >= now)
-        return mAuthorizationHeader;
-    if (getAccessTokenFromMetadata(client))
-        return mAuthorizationHeader;
-    if (!loadCredentials())
+    if (mToken.fresh(now) || getAccessTokenFromMetadata(client))
+        return mToken.header();
+    if (!loadCredentials() || !mToken.fetchFromEndpoint(client, tokenUrl(), tokenPayload(), now))
         return QByteArray();
-    std::string const url = tokenUrl();
-    LmHttpStatus status;
-    QJsonDocument const answer =
-        client.postBytes(url, tokenPayload(), "application/x-www-form-urlencoded", status);
-    if (!ok(status)) {
-        log().errorf("Could not get authorization header from %s, response code %d. %s", url.c_str(),
-                     status.responseCode, compact(answer).c_str());
-        return QByteArray();
-    }
-    if (!storeToken(answer.object(), now)) {
-        log().errorf("Invalid authorization response. %s", compact(answer).c_str());
-        return QByteArray();
-    }
-    return mAuthorizationHeader;
+    return mToken.header();
 }
 
 bool LmAzureAuth::getAccessTokenFromMetadata(LmCurlClient& client)
@@ -168,22 +100,7 @@ bool LmAzureAuth::getAccessTokenFromMetadata(LmCurlClient& client)
     std::string const url =
         "http://" + metadataAddress() +
         "/metadata/identity/oauth2/token?api-version=2018-02-01&resource=" + storageResource();
-    LmHttpStatus status;
-    QByteArray const reply = client.readBytes(url, {"Metadata: true"}, status);
-    if (ok(status) && !reply.isEmpty()) {
-        QJsonDocument const answer = QJsonDocument::fromJson(reply);
-        if (storeToken(answer.object(), std::chrono::system_clock::now())) {
-            if (debug())
-                log().printf("Successfully obtained access token from instance meta-data, expires in %d sec",
-                             expiresInSeconds(answer.object()));
-            return true;
-        }
-        log().errorf("Invalid meta-data response. %s", lmRedactSecrets(reply.toStdString()).c_str());
-        return false;
-    }
-    log().errorf("Could not obtain access token from meta-data (%d): %s", status.responseCode,
-                 lmRedactSecrets(reply.toStdString()).c_str());
-    return false;
+    return mToken.fetchFromMetadata(client, url, "Metadata: true");
 }
 
 bool LmAzureAuth::loadCredentials()

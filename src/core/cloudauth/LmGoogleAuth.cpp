@@ -1,10 +1,10 @@
 #include <mdxlib/cloudauth/LmGoogleAuth.h>
 
+#include "MetadataProbe.h"
+
 #include <mdxlib/curl/LmCurlClient.h>
-#include <mdxlib/curl/LmRedact.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
-#include <mdxlib/platform/McSocket.h>
 
 #include <QFile>
 #include <QFileInfo>
@@ -16,15 +16,12 @@
 #include <openssl/pem.h>
 
 #include <atomic>
-#include <cmath>
 #include <cstdlib>
 #include <memory>
 
 namespace {
 
-constexpr int kRenewBeforeSeconds = 500;
 constexpr int kAssertionLifetimeSeconds = 3600;
-constexpr int kProbeTimeoutMsec = 50;
 constexpr char kCredentialsVariable[] = "GOOGLE_APPLICATION_CREDENTIALS";
 constexpr char kMetadataTokenPath[] = "/computeMetadata/v1/instance/service-accounts/default/token";
 
@@ -51,50 +48,17 @@ McLogFile& log()
     return *getTheLogInstance();
 }
 
-bool ok(LmHttpStatus const& status)
-{
-    return status.responseCode >= 200 && status.responseCode <= 299 && !status.curlError;
-}
-
-std::string compact(QJsonDocument const& document)
-{
-    return lmRedactSecrets(document.toJson(QJsonDocument::Compact).toStdString());
-}
-
-bool credentialsVariableSet()
-{
-    char const* value = std::getenv(kCredentialsVariable);
-    return value && *value;
-}
-
 bool decideMetadata()
 {
-    if (credentialsVariableSet())
+    char const* variable = std::getenv(kCredentialsVariable);
+    if (variable && *variable)
         return false;
     std::string const address = LmGoogleAuth::metadataHost();
-    std::string host = address;
-    int port = 80;
-    size_t const colon = address.rfind(':');
-    if (colon != std::string::npos) {
-        host = address.substr(0, colon);
-        port = std::atoi(address.c_str() + colon + 1);
-    }
-    int const socket = McSocket::connect(host.c_str(), port, kProbeTimeoutMsec, 0, 0);
-    if (socket >= 0) {
-        McSocket::close(socket);
+    if (metadataServiceAnswers(address))
         return true;
-    }
     if (LmCurlClient::sDebug)
         log().warnf("Could not connect to %s - not running on a GCP instance", address.c_str());
     return false;
-}
-
-int expiresInSeconds(QJsonObject const& answer)
-{
-    QJsonValue const value = answer.value("expires_in");
-    if (value.isString())
-        return value.toString().toInt();
-    return static_cast<int>(std::rint(value.toDouble()));
 }
 
 long long secondsSinceEpoch(LmGoogleAuth::TimePoint t)
@@ -138,40 +102,15 @@ void LmGoogleAuth::resetMetadataDecision()
     sUseMetadata = -1;
 }
 
-bool LmGoogleAuth::storeToken(QJsonObject const& answer, TimePoint now)
-{
-    QByteArray const token = answer.value("access_token").toString().toUtf8();
-    QByteArray const type = answer.value("token_type").toString().toUtf8();
-    if (token.isEmpty() || type.isEmpty())
-        return false;
-    mAuthorizationHeader = "Authorization: " + type + " " + token;
-    mExpiry = now + std::chrono::seconds(expiresInSeconds(answer));
-    return true;
-}
-
 QByteArray LmGoogleAuth::authorizationHeader(LmCurlClient& client)
 {
     std::lock_guard<std::mutex> lock(mMutex);
     auto const now = std::chrono::system_clock::now();
-    if (!mAuthorizationHeader.isEmpty() && mExpiry - std::chrono::seconds(kRenewBeforeSeconds) >= now)
-        return mAuthorizationHeader;
-    if (getAccessTokenFromMetadata(client))
-        return mAuthorizationHeader;
-    if (!loadCredentials())
+    if (mToken.fresh(now) || getAccessTokenFromMetadata(client))
+        return mToken.header();
+    if (!loadCredentials() || !mToken.fetchFromEndpoint(client, mTokenUri, refreshPayload(now), now))
         return QByteArray();
-    LmHttpStatus status;
-    QJsonDocument const answer =
-        client.postBytes(mTokenUri, refreshPayload(now), "application/x-www-form-urlencoded", status);
-    if (!ok(status)) {
-        log().errorf("Could not get authorization header from %s, response code %d. %s", mTokenUri.c_str(),
-                     status.responseCode, compact(answer).c_str());
-        return QByteArray();
-    }
-    if (!storeToken(answer.object(), now)) {
-        log().errorf("Invalid authorization response. %s", compact(answer).c_str());
-        return QByteArray();
-    }
-    return mAuthorizationHeader;
+    return mToken.header();
 }
 
 bool LmGoogleAuth::getAccessTokenFromMetadata(LmCurlClient& client)
@@ -180,23 +119,8 @@ bool LmGoogleAuth::getAccessTokenFromMetadata(LmCurlClient& client)
         sUseMetadata = decideMetadata() ? 1 : 0;
     if (sUseMetadata == 0)
         return false;
-    std::string const url = "http://" + metadataHost() + kMetadataTokenPath;
-    LmHttpStatus status;
-    QByteArray const reply = client.readBytes(url, {"Metadata-Flavor: Google"}, status);
-    if (ok(status) && !reply.isEmpty()) {
-        QJsonObject const answer = QJsonDocument::fromJson(reply).object();
-        if (storeToken(answer, std::chrono::system_clock::now())) {
-            if (LmCurlClient::sDebug)
-                log().printf("Successfully obtained access token from instance meta-data, expires in %d sec",
-                             expiresInSeconds(answer));
-            return true;
-        }
-        log().errorf("Invalid meta-data response. %s", lmRedactSecrets(reply.toStdString()).c_str());
-        return false;
-    }
-    log().errorf("Could not obtain access token from meta-data (%d): %s", status.responseCode,
-                 lmRedactSecrets(reply.toStdString()).c_str());
-    return false;
+    return mToken.fetchFromMetadata(client, "http://" + metadataHost() + kMetadataTokenPath,
+                                    "Metadata-Flavor: Google");
 }
 
 bool LmGoogleAuth::loadCredentials()

@@ -128,7 +128,7 @@ TEST_F(Azure, ExpiresInIsAStringOrANumber)
     };
     for (Case const& c :
          {Case{"3599", 3599}, Case{3599, 3599}, Case{3599.5, 3600}, Case{"x", 0}, Case{{}, 0}})
-        EXPECT_EQ(LmAzureAuth::expiresInSeconds(QJsonObject{{"expires_in", c.value}}), c.seconds);
+        EXPECT_EQ(LmBearerToken::expiresInSeconds(QJsonObject{{"expires_in", c.value}}), c.seconds);
 }
 
 TEST_F(Azure, TokensFromTheMetadataServiceOrTheLoginEndpointLastAlike)
