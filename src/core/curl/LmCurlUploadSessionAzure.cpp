@@ -34,11 +34,6 @@ bool checkResponse(LmCurlResponse const& response)
                                      ", which indicates an unrecoverable error:\n" + response.getPayload());
 }
 
-std::string lengthHeader(size_t size)
-{
-    return "Content-Length: " + std::to_string(size);
-}
-
 } // namespace
 
 LmCurlUploadSessionAzure::LmCurlUploadSessionAzure(std::unique_ptr<LmCurlRawClientBase> client,
@@ -92,8 +87,7 @@ void LmCurlUploadSessionAzure::uploadChunk(std::string_view data, bool last)
 {
     mBytesUploaded += data.size();
     if (last) {
-        if (mExpectedSize >= 1 && mBytesUploaded != static_cast<uint64_t>(mExpectedSize))
-            throw std::runtime_error("Payload has incorrect size");
+        LmCurlUpload::checkFinalSize(mBytesUploaded, mExpectedSize);
         if (mIsFirstChunk) {
             mIsFirstChunk = false;
             uploadSingleChunk(data);
@@ -113,7 +107,8 @@ void LmCurlUploadSessionAzure::uploadChunk(std::string_view data, bool last)
     // The ID's '+', '/' and '=' in the query are percent-encoded; the XML of
     // the commit carries it raw.
     std::string const url = mUrl + "?comp=block&blockid=" + id.toPercentEncoding().toStdString();
-    std::vector<std::string> const headers{lengthHeader(data.size()), LmCurlUpload::contentMd5Header(digest)};
+    std::vector<std::string> const headers{LmCurlUpload::lengthHeader(data.size()),
+                                           LmCurlUpload::contentMd5Header(digest)};
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted in Put Block", [&] {
         try {
             if (!checkResponse(send("PUT", url, headers, data)))
@@ -133,23 +128,13 @@ void LmCurlUploadSessionAzure::uploadChunk(std::string_view data, bool last)
 
 void LmCurlUploadSessionAzure::uploadSingleChunk(std::string_view data)
 {
-    QByteArray const digest = LmCurlUpload::md5(data);
-    if (!mExpectedHash.isEmpty() && mExpectedHash != digest.toHex())
-        throw std::runtime_error("Payload has incorrect hash sum");
-    std::vector<std::string> const headers{lengthHeader(data.size()), LmCurlUpload::contentMd5Header(digest),
-                                           "x-ms-blob-type: BlockBlob"};
-    LmCurlUpload::retry(mSleeper, "Retry policy exhausted while uploading data", [&] {
-        try {
-            if (!checkResponse(send("PUT", mUrl, headers, data)))
-                return false;
-            mIsDone = true;
-            return true;
-        } catch (CurlError const& e) {
-            log().warnf("Received curl error while uploading data. File: %s. Error: %s", mUrl.c_str(),
-                        e.what());
-            return false;
-        }
-    });
+    LmCurlUpload::putWhole(mSleeper, mUrl, data, mExpectedHash, {"x-ms-blob-type: BlockBlob"},
+                           [&](std::vector<std::string> const& headers) {
+                               if (!checkResponse(send("PUT", mUrl, headers, data)))
+                                   return false;
+                               mIsDone = true;
+                               return true;
+                           });
 }
 
 void LmCurlUploadSessionAzure::createBlockBlob()
@@ -158,7 +143,7 @@ void LmCurlUploadSessionAzure::createBlockBlob()
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted In Put Blob", [&] {
         try {
             LmCurlResponse const response =
-                send("PUT", mUrl, {lengthHeader(0), "x-ms-blob-type: BlockBlob"}, {});
+                send("PUT", mUrl, {LmCurlUpload::lengthHeader(0), "x-ms-blob-type: BlockBlob"}, {});
             if (!checkResponse(response))
                 return false;
             etag = response.getSingleHeader("etag").value_or(std::string());
@@ -186,7 +171,7 @@ void LmCurlUploadSessionAzure::putBlockList(std::vector<QByteArray> const& ids, 
     for (QByteArray const& id : ids)
         body += open + id.toStdString() + close;
     body += "</BlockList>";
-    std::vector<std::string> const headers{"If-Match: " + mEtag, lengthHeader(body.size())};
+    std::vector<std::string> const headers{"If-Match: " + mEtag, LmCurlUpload::lengthHeader(body.size())};
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted in Put Block List", [&] {
         try {
             if (!checkResponse(send("PUT", mUrl + "?comp=blocklist", headers, body)))

@@ -18,11 +18,6 @@ McLogFile& log()
     return *getTheLogInstance();
 }
 
-std::string lengthHeader(size_t size)
-{
-    return "Content-Length: " + std::to_string(size);
-}
-
 bool isUnrecoverable(int code)
 {
     LmHttpStatus status;
@@ -198,9 +193,9 @@ void LmCurlUploadSessionGS::uploadChunk(std::string_view data, bool last)
         if (offset > data.size())
             throw std::runtime_error("Next expected byte is too high");
         uint64_t const rest = data.size() - offset;
-        std::vector<std::string> const headers{lengthHeader(rest), "Content-Type: application/octet-stream",
-                                               "Cache-Control: no-transform",
-                                               contentRange(mNextExpectedByte, rest, last)};
+        std::vector<std::string> const headers{
+            LmCurlUpload::lengthHeader(rest), "Content-Type: application/octet-stream",
+            "Cache-Control: no-transform", contentRange(mNextExpectedByte, rest, last)};
         bool failed = false;
         try {
             UploadResponse const response =
@@ -270,7 +265,7 @@ void LmCurlUploadSessionGS::finish(QByteArray const& remoteHash)
 
 void LmCurlUploadSessionGS::resetSession(LmCurlExponentialBackoffRetryPolicy& policy)
 {
-    std::vector<std::string> const headers{lengthHeader(0), "Content-Range: bytes */*",
+    std::vector<std::string> const headers{LmCurlUpload::lengthHeader(0), "Content-Range: bytes */*",
                                            "Cache-Control: no-transform"};
     for (;;) {
         if (policy.isExhausted())
@@ -308,7 +303,7 @@ void LmCurlUploadSessionGS::resetSession(LmCurlExponentialBackoffRetryPolicy& po
 
 void LmCurlUploadSessionGS::initSession()
 {
-    std::vector<std::string> headers{lengthHeader(0), "x-goog-resumable: start",
+    std::vector<std::string> headers{LmCurlUpload::lengthHeader(0), "x-goog-resumable: start",
                                      "Content-Type: " + mContentType, "Cache-Control: no-transform"};
     if (!mExpectedHash.isEmpty())
         headers.push_back(LmCurlUpload::contentMd5Header(QByteArray::fromHex(mExpectedHash)));
@@ -333,9 +328,9 @@ void LmCurlUploadSessionGS::initSession()
 
 void LmCurlUploadSessionGS::uploadSingleChunk(std::string_view data)
 {
-    std::vector<std::string> const headers{lengthHeader(data.size()), "Content-Type: " + mContentType,
-                                           LmCurlUpload::contentMd5Header(LmCurlUpload::md5(data)),
-                                           "Cache-Control: no-transform"};
+    std::vector<std::string> const headers{
+        LmCurlUpload::lengthHeader(data.size()), "Content-Type: " + mContentType,
+        LmCurlUpload::contentMd5Header(LmCurlUpload::md5(data)), "Cache-Control: no-transform"};
     QByteArray remote;
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted while uploading data", [&] {
         try {
@@ -374,7 +369,8 @@ void LmCurlUploadSessionGS::cancel()
     try {
         LmCurlUpload::retry(mSleeper, "Retry policy exhausted while deleting upload session", [&] {
             try {
-                if (parseResponse(send("DELETE", mSessionUrl, {lengthHeader(0)}, {}, true)).code != 204)
+                if (parseResponse(send("DELETE", mSessionUrl, {LmCurlUpload::lengthHeader(0)}, {}, true))
+                        .code != 204)
                     return false;
                 mSessionUrl.clear();
                 return true;

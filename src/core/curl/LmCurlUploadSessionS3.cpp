@@ -31,11 +31,6 @@ bool checkResponse(LmCurlResponse const& response)
     return false;
 }
 
-std::string lengthHeader(size_t size)
-{
-    return "Content-Length: " + std::to_string(size);
-}
-
 // S3 quotes its ETags; the completion names them without.
 std::string unquoted(std::string etag)
 {
@@ -92,8 +87,7 @@ void LmCurlUploadSessionS3::uploadChunk(std::string_view data, bool last)
 {
     mBytesUploaded += data.size();
     if (last) {
-        if (mExpectedSize >= 1 && mBytesUploaded != static_cast<uint64_t>(mExpectedSize))
-            throw std::runtime_error("Payload has incorrect size");
+        LmCurlUpload::checkFinalSize(mBytesUploaded, mExpectedSize);
         if (mIsFirstChunk) {
             mIsFirstChunk = false;
             uploadSingleChunk(data);
@@ -104,7 +98,8 @@ void LmCurlUploadSessionS3::uploadChunk(std::string_view data, bool last)
     }
     mIsFirstChunk = false;
     QByteArray const digest = LmCurlUpload::md5(data);
-    std::vector<std::string> const headers{lengthHeader(data.size()), LmCurlUpload::contentMd5Header(digest)};
+    std::vector<std::string> const headers{LmCurlUpload::lengthHeader(data.size()),
+                                           LmCurlUpload::contentMd5Header(digest)};
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted while uploading chunk", [&] {
         try {
             std::string const url =
@@ -129,22 +124,13 @@ void LmCurlUploadSessionS3::uploadChunk(std::string_view data, bool last)
 
 void LmCurlUploadSessionS3::uploadSingleChunk(std::string_view data)
 {
-    QByteArray const digest = LmCurlUpload::md5(data);
-    if (!mExpectedHash.isEmpty() && mExpectedHash != digest.toHex())
-        throw std::runtime_error("Payload has incorrect hash sum");
-    std::vector<std::string> const headers{lengthHeader(data.size()), LmCurlUpload::contentMd5Header(digest)};
-    LmCurlUpload::retry(mSleeper, "Retry policy exhausted while uploading data", [&] {
-        try {
-            if (!checkResponse(send("PUT", mUrl, headers, data)))
-                return false;
-            mIsDone = true;
-            return true;
-        } catch (CurlError const& e) {
-            log().warnf("Received curl error while uploading data. File: %s. Error: %s", mUrl.c_str(),
-                        e.what());
-            return false;
-        }
-    });
+    LmCurlUpload::putWhole(mSleeper, mUrl, data, mExpectedHash, {},
+                           [&](std::vector<std::string> const& headers) {
+                               if (!checkResponse(send("PUT", mUrl, headers, data)))
+                                   return false;
+                               mIsDone = true;
+                               return true;
+                           });
 }
 
 void LmCurlUploadSessionS3::createMultiPartUpload()
@@ -152,7 +138,8 @@ void LmCurlUploadSessionS3::createMultiPartUpload()
     std::string payload;
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted while creating multipart upload", [&] {
         try {
-            LmCurlResponse const response = send("POST", mUrl + "?uploads=", {lengthHeader(0)}, {});
+            LmCurlResponse const response =
+                send("POST", mUrl + "?uploads=", {LmCurlUpload::lengthHeader(0)}, {});
             if (!checkResponse(response))
                 return false;
             payload = response.getPayload();
@@ -180,7 +167,8 @@ void LmCurlUploadSessionS3::completeMultiPartUpload()
         body += "<Part><ETag>" + mEtags[i] + "</ETag><PartNumber>" + std::to_string(i + 1) +
                 "</PartNumber></Part>";
     body += "</CompleteMultipartUpload>";
-    std::vector<std::string> const headers{lengthHeader(body.size()), "Content-Type: application/xml"};
+    std::vector<std::string> const headers{LmCurlUpload::lengthHeader(body.size()),
+                                           "Content-Type: application/xml"};
     LmCurlUpload::retry(mSleeper, "Retry policy exhausted while completing multipart upload", [&] {
         try {
             LmCurlResponse const response = send("POST", mUrl + "?uploadId=" + mUploadId, headers, body);

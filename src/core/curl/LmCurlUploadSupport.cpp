@@ -1,9 +1,12 @@
 #include "core/curl/LmCurlUploadSupport.h"
 
 #include <mdxlib/curl/LmCurlErrors.h>
+#include <mdxlib/platform/McLogFile.h>
 
 #include <QCryptographicHash>
 #include <QXmlStreamReader>
+
+#include <stdexcept>
 
 namespace LmCurlUpload {
 
@@ -58,6 +61,37 @@ void retry(LmCurlRetry::Sleeper const& sleeper, char const* exhaustedText,
         if (policy.isExhausted())
             throw RetryPolicyExhaustedError(exhaustedText);
     }
+}
+
+std::string lengthHeader(size_t size)
+{
+    return "Content-Length: " + std::to_string(size);
+}
+
+void checkFinalSize(uint64_t bytesSent, long long expectedSize)
+{
+    if (expectedSize >= 1 && bytesSent != static_cast<uint64_t>(expectedSize))
+        throw std::runtime_error("Payload has incorrect size");
+}
+
+void putWhole(LmCurlRetry::Sleeper const& sleeper, std::string const& url, std::string_view data,
+              QByteArray const& expectedHash, std::vector<std::string> const& extraHeaders,
+              std::function<bool(std::vector<std::string> const&)> const& putChecked)
+{
+    QByteArray const digest = md5(data);
+    if (!expectedHash.isEmpty() && expectedHash != digest.toHex())
+        throw std::runtime_error("Payload has incorrect hash sum");
+    std::vector<std::string> headers{lengthHeader(data.size()), contentMd5Header(digest)};
+    headers.insert(headers.end(), extraHeaders.begin(), extraHeaders.end());
+    retry(sleeper, "Retry policy exhausted while uploading data", [&] {
+        try {
+            return putChecked(headers);
+        } catch (CurlError const& e) {
+            getTheLogInstance()->warnf("Received curl error while uploading data. File: %s. Error: %s",
+                                       url.c_str(), e.what());
+            return false;
+        }
+    });
 }
 
 } // namespace LmCurlUpload
