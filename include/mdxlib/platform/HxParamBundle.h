@@ -106,6 +106,8 @@ private:
     HxParamBundle* dicomTarget();
     int privateBlock(char const* creator, uint16_t group) const;
     void reindex();
+    // Replaces the parameter of the same name in its place, else appends.
+    void put(HxParameter parameter);
 
     std::string mName;
     std::vector<HxParameter> mParameters;

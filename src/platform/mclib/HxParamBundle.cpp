@@ -120,41 +120,32 @@ bool HxParamBundle::findNum(char const* name, int count, int* out) const
 
 void HxParamBundle::set(char const* name, std::string const& text)
 {
-    if (!name)
-        return;
-    auto const it = mParameterIndex.find(name);
-    if (it != mParameterIndex.end()) {
-        mParameters[it->second] = HxParameter(name, text);
-        return;
-    }
-    mParameterIndex.emplace(name, mParameters.size());
-    mParameters.emplace_back(name, text);
+    if (name)
+        put(HxParameter(name, text));
 }
 
 void HxParamBundle::set(char const* name, std::vector<int> const& values)
 {
-    if (!name)
-        return;
-    auto const it = mParameterIndex.find(name);
-    if (it != mParameterIndex.end()) {
-        mParameters[it->second] = HxParameter(name, values);
-        return;
-    }
-    mParameterIndex.emplace(name, mParameters.size());
-    mParameters.emplace_back(name, values);
+    if (name)
+        put(HxParameter(name, values));
 }
 
 void HxParamBundle::set(char const* name, std::vector<double> const& values)
 {
-    if (!name)
-        return;
+    if (name)
+        put(HxParameter(name, values));
+}
+
+void HxParamBundle::put(HxParameter parameter)
+{
+    std::string const name = parameter.name();
     auto const it = mParameterIndex.find(name);
     if (it != mParameterIndex.end()) {
-        mParameters[it->second] = HxParameter(name, values);
+        mParameters[it->second] = std::move(parameter);
         return;
     }
     mParameterIndex.emplace(name, mParameters.size());
-    mParameters.emplace_back(name, values);
+    mParameters.push_back(std::move(parameter));
 }
 
 bool HxParamBundle::remove(char const* name)
