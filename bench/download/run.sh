@@ -10,25 +10,8 @@
 # memory and the figures are the clients' cost, not the disk's.
 set -euo pipefail
 
-here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-build=${MDX_BENCH_BUILD:-$root/build/bench}
-bench=$build/bench/download/bench_download
-size=${MDX_BENCH_SIZE:-1GiB}
-
-if [ ! -x "$bench" ]; then
-  echo "run.sh: $bench is missing; build it first:" >&2
-  echo "  cmake -S $root -B $build -G Ninja -DCMAKE_BUILD_TYPE=Release -DMDX_BUILD_BENCH=ON -DMDX_BUILD_TESTS=OFF" >&2
-  echo "  cmake --build $build --target bench_download" >&2
-  exit 2
-fi
-
-base=${TMPDIR:-/tmp}
-if [ -d /dev/shm ] && [ -w /dev/shm ]; then
-  base=/dev/shm
-fi
-data=$(mktemp -d "$base/mdx-bench-download.XXXXXX")
-trap 'rm -rf "$data"' EXIT
+source "$(dirname "$0")/../support/bench_lib.sh"
+bench_setup download 1GiB
 
 # Inside the peer: read the file once (page cache when not on tmpfs), note
 # the TLS parameters each client ends up with, then run the benchmark.
