@@ -28,7 +28,7 @@ ctest --test-dir build/test --output-on-failure -j2 || status=$?
 echo "== threads (ThreadSanitizer)"
 cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
   -DMDX_BUILD_TESTS=ON -DMDX_BUILD_TOOLS=OFF "-DMDX_SAMPLES_DIR=$SAMPLES"
-cmake --build build/tsan --target tagfile_threads_test container_test qa_threads_test azure_auth_test google_auth_test \
+cmake --build build/tsan --target tagfile_threads_test container_test qa_threads_test azure_auth_test \
   cloudreader_test cloudreader_peer_test
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 MDX_SAMPLES=$SAMPLES build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
@@ -40,7 +40,4 @@ python3 tests/peers/run_with_peers.py --with azure -- \
 build/tsan/tests/core/cloudreader/cloudreader_test || status=$?
 python3 tests/peers/run_with_peers.py --with aws --timeout 600 \
   -- build/tsan/tests/core/cloudreader/cloudreader_peer_test --gtest_filter=-*RealTime* || status=$?
-# Google token renewal, the same rule.
-python3 tests/peers/run_with_peers.py --with google -- \
-  build/tsan/tests/core/cloudauth/google_auth_test --gtest_filter='*OneThread*:*Renewed*' || status=$?
 exit $status

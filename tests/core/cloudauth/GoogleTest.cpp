@@ -1,7 +1,8 @@
 // Google credentials against google_token_peer.py (run_with_peers.py --with google): the peer
 // checks every JWT assertion with python3-cryptography (RS256 signature, kid, issuer, audience,
 // scope, integer issued/expiry times), and `openssl dgst -sha256 -verify` checks a signature on
-// its own. The RSA key is made by `openssl genpkey` for this run.
+// its own. The RSA key is made by `openssl genpkey` for this run. Renewal, bad token answers and
+// threads waiting on one renewal are the bearer token's, checked once in AzureTest.cpp.
 #include "support/PeerRequests.h"
 #include "support/TestSupport.h"
 
@@ -15,8 +16,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
-
-#include <thread>
 
 namespace {
 
@@ -186,33 +185,6 @@ TEST_F(Google, WithoutTokenUriTheDefaultEndpointIsAsked)
     EXPECT_EQ(auth.tokenUri(), tokenUri());
 }
 
-TEST_F(Google, TheLineIsRenewedWhenLessThan500SecondsRemain)
-{
-    useFile(account());
-    for (auto const& [lifetime, posts] : std::vector<std::pair<int, int>>{{501, 1}, {499, 2}, {0, 2}}) {
-        mode("normal&expires_in=" + std::to_string(lifetime));
-        LmGoogleAuth auth;
-        header(auth);
-        EXPECT_FALSE(header(auth).isEmpty());
-        EXPECT_EQ(tokenPosts(), posts) << "expires_in " << lifetime;
-    }
-}
-
-TEST_F(Google, BadAnswersGiveAnEmptyLine)
-{
-    useFile(account());
-    for (auto const& [name, logged] : std::vector<std::pair<std::string, char const*>>{
-             {"error500", "Could not get authorization header from"},
-             {"no_token_type", "Invalid authorization response."},
-             {"empty_token", "Invalid authorization response."}}) {
-        mdxtest::LogCapture seen;
-        mode(name);
-        LmGoogleAuth auth;
-        EXPECT_TRUE(header(auth).isEmpty()) << name;
-        EXPECT_EQ(seen.count(McLogFile::LevelError, logged), 1) << name;
-    }
-}
-
 TEST_F(Google, TheMetadataServerNeedsItsFlavorHeader)
 {
     vars.set("MDX_GCE_METADATA_HOST", "127.0.0.1:" + port);
@@ -228,21 +200,6 @@ TEST_F(Google, AnEmptyCredentialsVariableLooksUpAnEmptyPath)
     LmGoogleAuth auth;
     EXPECT_TRUE(header(auth).isEmpty());
     EXPECT_EQ(log.count(McLogFile::LevelError, "ADC file  does not exist"), 1);
-}
-
-TEST_F(Google, OneThreadRenewsTheOthersWait)
-{
-    useFile(account());
-    LmGoogleAuth auth;
-    std::vector<std::thread> threads;
-    std::vector<QByteArray> lines(8);
-    for (size_t i = 0; i < lines.size(); ++i)
-        threads.emplace_back([&, i] { lines[i] = header(auth); });
-    for (std::thread& t : threads)
-        t.join();
-    for (QByteArray const& line : lines)
-        EXPECT_EQ(line, "Authorization: Bearer ya29.mdx-1");
-    EXPECT_EQ(tokenPosts(), 1);
 }
 
 } // namespace
