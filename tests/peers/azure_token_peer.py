@@ -55,16 +55,8 @@ class TokenHandler(peerlib.Handler):
         body = self.read_body()
         url = urlsplit(self.path)
         lock = self.server.lock
-        if url.path == "/__mode":
-            options = {k: v[-1] for k, v in parse_qs(url.query).items()}
-            if options.get("name") not in MODES:
-                return self.send(400, "unknown mode\n")
-            with lock:
-                self.server.state = fresh(options["name"], options)
-            return self.send(200, "mode set\n")
-        if url.path == "/__stats":
-            with lock:
-                return self.send(200, json.dumps(self.server.state), "application/json")
+        if self.control(url, MODES, fresh):
+            return None
         with lock:
             st = self.server.state
             key = "%s %s" % (self.command, url.path)

@@ -17,7 +17,7 @@ hangup (no answer at all). GET /__stats gives {"requests": {"VERB path": n}, "to
 import datetime
 import json
 import time
-from urllib.parse import parse_qs, urlsplit
+from urllib.parse import urlsplit
 
 import peerlib
 
@@ -44,17 +44,8 @@ class MetadataHandler(peerlib.Handler):
         self.read_body()
         url = urlsplit(self.path)
         lock = self.server.lock
-        if url.path == "/__mode":
-            options = {k: v[-1] for k, v in parse_qs(url.query).items()}
-            if options.get("name") not in MODES:
-                return self.send(400, "unknown mode\n")
-            with lock:
-                self.server.state = fresh(options["name"], options)
-            return self.send(200, "mode set\n")
-        if url.path == "/__stats":
-            with lock:
-                body = json.dumps({k: v for k, v in self.server.state.items() if k not in ("delay",)})
-            return self.send(200, body, "application/json")
+        if self.control(url, MODES, fresh, hidden=("delay",)):
+            return None
         key = "%s %s" % (self.command, url.path)
         sent = self.headers.get("X-aws-ec2-metadata-token")
         ttl = self.headers.get("X-aws-ec2-metadata-token-ttl-seconds")

@@ -9,6 +9,7 @@ two segments or offsets look alike, and a segment is one big-integer XOR here.
 
 import argparse
 import ctypes
+import json
 import os
 import re
 import signal
@@ -19,6 +20,7 @@ import threading
 import time
 import traceback
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from urllib.parse import parse_qs
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 CERT = os.path.join(HERE, "tls", "cert.pem")
@@ -129,6 +131,25 @@ class Handler(BaseHTTPRequestHandler):
     def read_body(self):
         length = int(self.headers.get("Content-Length") or 0)
         return self.rfile.read(length) if length > 0 else b""
+
+    def control(self, url, modes, fresh, hidden=()):
+        """The mode peers' own two paths: /__mode?name=M&... replaces the state with fresh(M, options),
+        /__stats answers it as JSON (without the hidden keys). True when the request was one of them."""
+        if url.path == "/__mode":
+            options = {k: v[-1] for k, v in parse_qs(url.query).items()}
+            if options.get("name") not in modes:
+                self.send(400, "unknown mode\n")
+            else:
+                with self.server.lock:
+                    self.server.state = fresh(options["name"], options)
+                self.send(200, "mode set\n")
+            return True
+        if url.path == "/__stats":
+            with self.server.lock:
+                body = json.dumps({k: v for k, v in self.server.state.items() if k not in hidden})
+            self.send(200, body, "application/json")
+            return True
+        return False
 
     def send(self, code, body=b"", ctype="text/plain", headers=()):
         if isinstance(body, str):
