@@ -25,19 +25,6 @@ McLogFile& log()
     return *getTheLogInstance();
 }
 
-bool decideMetadata()
-{
-    char const* variable = std::getenv(kCredentialsVariable);
-    if (variable && *variable)
-        return false;
-    std::string const address = LmAzureAuth::metadataAddress();
-    if (metadataServiceAnswers(address))
-        return true;
-    if (LmCurlClient::sDebug)
-        log().warnf("Could not connect to %s - not running on an Azure instance", address.c_str());
-    return false;
-}
-
 } // namespace
 
 std::string LmAzureAuth::metadataAddress()
@@ -94,7 +81,10 @@ QByteArray LmAzureAuth::authorizationHeader(LmCurlClient& client)
 bool LmAzureAuth::getAccessTokenFromMetadata(LmCurlClient& client)
 {
     if (sUseMetadata == -1)
-        sUseMetadata = decideMetadata() ? 1 : 0;
+        sUseMetadata = shouldAskMetadataService(kCredentialsVariable, LmAzureAuth::metadataAddress(),
+                                                "not running on an Azure instance")
+                           ? 1
+                           : 0;
     if (sUseMetadata == 0)
         return false;
     std::string const url =

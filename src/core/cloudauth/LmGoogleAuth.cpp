@@ -48,19 +48,6 @@ McLogFile& log()
     return *getTheLogInstance();
 }
 
-bool decideMetadata()
-{
-    char const* variable = std::getenv(kCredentialsVariable);
-    if (variable && *variable)
-        return false;
-    std::string const address = LmGoogleAuth::metadataHost();
-    if (metadataServiceAnswers(address))
-        return true;
-    if (LmCurlClient::sDebug)
-        log().warnf("Could not connect to %s - not running on a GCP instance", address.c_str());
-    return false;
-}
-
 long long secondsSinceEpoch(LmGoogleAuth::TimePoint t)
 {
     return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
@@ -116,7 +103,10 @@ QByteArray LmGoogleAuth::authorizationHeader(LmCurlClient& client)
 bool LmGoogleAuth::getAccessTokenFromMetadata(LmCurlClient& client)
 {
     if (sUseMetadata == -1)
-        sUseMetadata = decideMetadata() ? 1 : 0;
+        sUseMetadata = shouldAskMetadataService(kCredentialsVariable, LmGoogleAuth::metadataHost(),
+                                                "not running on a GCP instance")
+                           ? 1
+                           : 0;
     if (sUseMetadata == 0)
         return false;
     return mToken.fetchFromMetadata(client, "http://" + metadataHost() + kMetadataTokenPath,

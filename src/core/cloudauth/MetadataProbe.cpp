@@ -1,5 +1,7 @@
 #include "MetadataProbe.h"
 
+#include <mdxlib/curl/LmCurlClient.h>
+#include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McSocket.h>
 
 #include <cstdlib>
@@ -22,4 +24,17 @@ bool metadataServiceAnswers(std::string const& address)
         return false;
     McSocket::close(socket);
     return true;
+}
+
+bool shouldAskMetadataService(char const* credentialsVariable, std::string const& address,
+                              char const* notOnInstance)
+{
+    char const* file = std::getenv(credentialsVariable);
+    if (file && *file)
+        return false;
+    if (metadataServiceAnswers(address))
+        return true;
+    if (LmCurlClient::sDebug)
+        getTheLogInstance()->warnf("Could not connect to %s - %s", address.c_str(), notOnInstance);
+    return false;
 }
