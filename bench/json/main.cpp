@@ -184,10 +184,8 @@ int main(int argc, char** argv)
     OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
     QString const sample = options.sample.isEmpty() ? benchstudy::findCtSample() : options.sample;
     DcmFileFormat source;
-    if (sample.isEmpty() || source.loadFile(sample.toLocal8Bit().constData()).bad()) {
-        std::fprintf(stderr, "No CT sample: pass the path of pydicom/CT_small.dcm or set MDX_SAMPLES\n");
+    if (!benchstudy::loadCtSample(sample, source))
         return 1;
-    }
     QTemporaryDir folder;
     if (!folder.isValid()) {
         std::fprintf(stderr, "Could not create a temporary folder\n");

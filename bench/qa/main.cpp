@@ -13,6 +13,9 @@
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tags/TagMap.h>
 
+#include "../support/BenchStudy.h"
+#include "../support/BenchSupport.h"
+
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"
 #include "dcmtk/oflog/oflog.h"
@@ -23,8 +26,6 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -32,10 +33,10 @@
 
 namespace {
 
-constexpr int kSeries = 5;
+using benchstudy::format;
+using benchstudy::kSeries;
+using mdxbench::timeMsec;
 constexpr unsigned int kMaxValueSize = 1024;
-
-using Clock = std::chrono::steady_clock;
 
 struct Options
 {
@@ -44,119 +45,26 @@ struct Options
     QString sample;
 };
 
-template <typename Body> double timeMsec(Body body)
-{
-    auto const start = Clock::now();
-    body();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 double median(std::vector<double> times)
 {
     std::sort(times.begin(), times.end());
     return times[times.size() / 2];
 }
 
-std::string format(char const* pattern, ...) __attribute__((format(printf, 1, 2)));
-std::string format(char const* pattern, ...)
-{
-    char text[256];
-    va_list args;
-    va_start(args, pattern);
-    std::vsnprintf(text, sizeof text, pattern, args);
-    va_end(args);
-    return text;
-}
-
-QString findSample(Options const& options)
-{
-    if (!options.sample.isEmpty())
-        return options.sample;
-    QStringList roots;
-    if (char const* env = std::getenv("MDX_SAMPLES"))
-        roots << QString::fromLocal8Bit(env);
-    roots << QDir::homePath() + "/.cache/mdxlib/samples";
-    for (QString const& root : roots) {
-        if (QFileInfo::exists(root + "/pydicom/CT_small.dcm"))
-            return root + "/pydicom/CT_small.dcm";
-    }
-    return QString();
-}
-
-// DICOM TM with microseconds, from seconds since midnight.
-std::string timeOfDay(double seconds, bool fraction)
-{
-    auto const micros = static_cast<long long>(seconds * 1e6 + 0.5);
-    long long const whole = micros / 1000000;
-    std::string text = format("%02lld%02lld%02lld", whole / 3600, whole / 60 % 60, whole % 60);
-    return fraction ? text + format(".%06lld", micros % 1000000) : text;
-}
-
-void setPrivate(DcmDataset* dataset, DcmTagKey const& key, double value, bool integer)
-{
-    DcmElement* element = nullptr;
-    if (dataset->findAndGetElement(key, element).good())
-        integer ? element->putSint32(static_cast<Sint32>(value))
-                : element->putFloat32(static_cast<Float32>(value));
-}
-
-// The benchmark study of bench_tagfile, made the same way (contrast phases
-// with their windows, times stepping with the table, the vendor's private
-// copies of the location), image by image straight into a tree.
+// The benchmark study of bench_tagfile, image by image straight into a tree
+// without its pixel data.
 std::vector<std::string> buildStudy(DcmDataset* dataset, int images, Mdx::TagFile& file)
 {
-    struct Look
-    {
-        char const* description;
-        int center;
-        int width;
-    };
-    Look const looks[kSeries] = {{"Non contrast 0.625mm", 35, 400},
-                                 {"Arterial 0.625mm", 40, 400},
-                                 {"Portal venous 0.625mm", 50, 350},
-                                 {"Delayed 0.625mm", 45, 380},
-                                 {"Soft tissue 0.625mm", 40, 420}};
     dataset->findAndDeleteElement(DCM_PixelData);
     dataset->putAndInsertUint16(DCM_Rows, 512);
     dataset->putAndInsertUint16(DCM_Columns, 512);
     std::vector<std::string> uids;
-    int const perSeries = images / kSeries;
-    for (int s = 0; s < kSeries; ++s) {
-        int const count = s == kSeries - 1 ? images - perSeries * (kSeries - 1) : perSeries;
-        double const seriesStart = 11 * 3600 + 29 * 60 + 36 + s * 150.0;
-        dataset->putAndInsertString(DCM_SeriesInstanceUID,
-                                    format("1.3.6.1.4.1.5962.1.3.1.%d.20040119072730.12322", s + 1).c_str());
-        dataset->putAndInsertString(DCM_SeriesNumber, std::to_string(s + 2).c_str());
-        dataset->putAndInsertString(DCM_SeriesDescription, looks[s].description);
-        dataset->putAndInsertString(DCM_SeriesTime, timeOfDay(seriesStart - 20, false).c_str());
-        setPrivate(dataset, DcmTagKey(0x0025, 0x1007), count, true);
-        for (int i = 0; i < count; ++i) {
-            double const z = -75.699997 - i * 0.625;
-            double const acquired = seriesStart + i * 0.0125;
-            double const reconstructed = seriesStart + 30 + i * 0.04;
-            std::string const digits = timeOfDay(acquired, true);
-            std::string const uid = format("1.3.6.1.4.1.5962.1.1.%d.%d.19970430%.6s%.6s.12322", s + 1, i + 1,
-                                           digits.c_str(), digits.c_str() + 7);
-            dataset->putAndInsertString(DCM_SOPInstanceUID, uid.c_str());
-            dataset->putAndInsertString(DCM_InstanceNumber, std::to_string(i + 1).c_str());
-            dataset->putAndInsertString(DCM_InstanceCreationTime, timeOfDay(reconstructed, false).c_str());
-            dataset->putAndInsertString(DCM_AcquisitionTime, digits.c_str());
-            dataset->putAndInsertString(DCM_ContentTime, timeOfDay(reconstructed, true).c_str());
-            dataset->putAndInsertString(DCM_ImagePositionPatient,
-                                        format("-158.135803\\-179.035797\\%.6f", z).c_str());
-            dataset->putAndInsertString(DCM_SliceLocation, format("%.10g", z - 1.504066).c_str());
-            bool const touched = i % 97 == 42;
-            dataset->putAndInsertString(DCM_WindowCenter,
-                                        std::to_string(looks[s].center + (touched ? 10 : 0)).c_str());
-            dataset->putAndInsertString(DCM_WindowWidth,
-                                        std::to_string(looks[s].width + (touched ? 100 : 0)).c_str());
-            setPrivate(dataset, DcmTagKey(0x0027, 0x1041), z - 1.504066, false);
-            for (Uint16 element : {0x1044, 0x104a, 0x104d})
-                setPrivate(dataset, DcmTagKey(0x0027, element), z, false);
-            file.addTagMap(Mdx::TagMap::createTagMap(dataset, kMaxValueSize), nullptr, false);
-            uids.push_back(uid);
-        }
-    }
+    benchstudy::forEachImage(dataset, images, [&](int, int) {
+        file.addTagMap(Mdx::TagMap::createTagMap(dataset, kMaxValueSize), nullptr, false);
+        OFString uid;
+        dataset->findAndGetOFString(DCM_SOPInstanceUID, uid);
+        uids.push_back(uid.c_str());
+    });
     file.optimizeAll();
     return uids;
 }
@@ -188,12 +96,10 @@ int main(int argc, char** argv)
             options.sample = QString::fromLocal8Bit(argv[i]);
     }
     OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
-    QString const sample = findSample(options);
+    QString const sample = options.sample.isEmpty() ? benchstudy::findCtSample() : options.sample;
     DcmFileFormat source;
-    if (sample.isEmpty() || source.loadFile(sample.toLocal8Bit().constData()).bad()) {
-        std::fprintf(stderr, "No CT sample: pass the path of pydicom/CT_small.dcm or set MDX_SAMPLES\n");
+    if (!benchstudy::loadCtSample(sample, source))
         return 1;
-    }
     QTemporaryDir folder;
     if (!folder.isValid()) {
         std::fprintf(stderr, "Could not create a temporary folder\n");

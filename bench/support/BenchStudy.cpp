@@ -75,20 +75,8 @@ void setPrivateInt(DcmDataset* dataset, DcmTagKey const& key, int value)
 
 } // namespace
 
-// Writes the study as a scanner would: series by series, slice by slice
-// along z, the times stepping with the table. Returns the file paths.
-std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder, int images)
+void forEachImage(DcmDataset* dataset, int images, std::function<void(int series, int index)> const& visit)
 {
-    DcmDataset* dataset = source.getDataset();
-    // A full-size slice, so the files weigh what real ones do on disk; its
-    // content never matters because headers are read to 4 KB only.
-    std::vector<Uint16> const pixels(512 * 512, 0);
-    dataset->putAndInsertUint16(DCM_Rows, 512);
-    dataset->putAndInsertUint16(DCM_Columns, 512);
-    dataset->putAndInsertUint16Array(DCM_PixelData, pixels.data(), static_cast<unsigned long>(pixels.size()));
-    dataset->findAndDeleteElement(DCM_DataSetTrailingPadding);
-
-    std::vector<std::string> paths;
     int const perSeries = images / kSeries;
     for (int s = 0; s < kSeries; ++s) {
         int const count = s == kSeries - 1 ? images - perSeries * (kSeries - 1) : perSeries;
@@ -100,8 +88,6 @@ std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder
         setString(dataset, DCM_SeriesDescription, look.description);
         setString(dataset, DCM_SeriesTime, timeOfDay(seriesStart - 20, false));
         setPrivateInt(dataset, DcmTagKey(0x0025, 0x1007), count); // images in series
-
-        QDir().mkpath(folder + QString("/S%1").arg(s + 1));
         for (int i = 0; i < count; ++i) {
             double const z = -75.699997 - i * kSliceSpacing;
             double const acquired = seriesStart + i * 0.0125;
@@ -124,17 +110,47 @@ std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder
             setPrivateFloat(dataset, DcmTagKey(0x0027, 0x1041), z - 1.504066);
             for (Uint16 element : {0x1044, 0x104a, 0x104d})
                 setPrivateFloat(dataset, DcmTagKey(0x0027, element), z);
-
-            std::string const path = format("%s/S%d/IM%05d", folder.toLocal8Bit().constData(), s + 1, i + 1);
-            OFCondition const status = source.saveFile(path.c_str(), EXS_LittleEndianExplicit);
-            if (status.bad()) {
-                std::fprintf(stderr, "Could not write %s: %s\n", path.c_str(), status.text());
-                std::exit(1);
-            }
-            paths.push_back(path);
+            visit(s, i);
         }
     }
+}
+
+// Writes the study as a scanner would: series by series, slice by slice
+// along z, the times stepping with the table. Returns the file paths.
+std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder, int images)
+{
+    DcmDataset* dataset = source.getDataset();
+    // A full-size slice, so the files weigh what real ones do on disk; its
+    // content never matters because headers are read to 4 KB only.
+    std::vector<Uint16> const pixels(512 * 512, 0);
+    dataset->putAndInsertUint16(DCM_Rows, 512);
+    dataset->putAndInsertUint16(DCM_Columns, 512);
+    dataset->putAndInsertUint16Array(DCM_PixelData, pixels.data(), static_cast<unsigned long>(pixels.size()));
+    dataset->findAndDeleteElement(DCM_DataSetTrailingPadding);
+
+    std::vector<std::string> paths;
+    forEachImage(dataset, images, [&](int s, int i) {
+        if (i == 0)
+            QDir().mkpath(folder + QString("/S%1").arg(s + 1));
+        std::string const path = format("%s/S%d/IM%05d", folder.toLocal8Bit().constData(), s + 1, i + 1);
+        OFCondition const status = source.saveFile(path.c_str(), EXS_LittleEndianExplicit);
+        if (status.bad()) {
+            std::fprintf(stderr, "Could not write %s: %s\n", path.c_str(), status.text());
+            std::exit(1);
+        }
+        paths.push_back(path);
+    });
     return paths;
+}
+
+bool loadCtSample(QString const& given, DcmFileFormat& source)
+{
+    QString const sample = given.isEmpty() ? findCtSample() : given;
+    if (sample.isEmpty() || source.loadFile(sample.toLocal8Bit().constData()).bad()) {
+        std::fprintf(stderr, "No CT sample: pass the path of pydicom/CT_small.dcm or set MDX_SAMPLES\n");
+        return false;
+    }
+    return true;
 }
 
 QString findCtSample()

@@ -10,6 +10,7 @@
 
 #include <QString>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,15 @@ QString findCtSample();
 // weighs what a real one does. Returns the file paths; exits on a failed
 // write.
 std::vector<std::string> writeStudy(DcmFileFormat& source, QString const& folder, int images);
+
+// The same study image by image without files: sets on dataset what changes
+// from image to image and calls visit(series, index) with dataset ready for
+// image index (from 0) of series (from 0). writeStudy saves each one.
+void forEachImage(DcmDataset* dataset, int images, std::function<void(int series, int index)> const& visit);
+
+// Loads the CT sample (given, else findCtSample()) into source; false, with
+// the reason on standard error, when there is none.
+bool loadCtSample(QString const& given, DcmFileFormat& source);
 
 std::string format(char const* pattern, ...) __attribute__((format(printf, 1, 2)));
 
