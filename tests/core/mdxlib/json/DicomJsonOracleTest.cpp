@@ -11,15 +11,13 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QStandardPaths>
 
 namespace {
 
 TEST(DicomJsonOracle, everySampleImageMatchesDcm2jsonOfItsFile)
 {
     MDX_REQUIRE_SAMPLES();
-    if (QStandardPaths::findExecutable("dcm2json").isEmpty())
+    if (!mdxtest::haveProgram("dcm2json"))
         GTEST_SKIP() << "dcm2json is not installed (Debian package dcmtk)";
     QTemporaryDir work;
     ASSERT_TRUE(work.isValid());
@@ -52,14 +50,11 @@ TEST(DicomJsonOracle, everySampleImageMatchesDcm2jsonOfItsFile)
     QString const manifest = work.filePath("manifest.json");
     ASSERT_TRUE(mdxtest::writeFile(manifest, QJsonDocument(QJsonObject{{"studies", studies}}).toJson()));
 
-    QProcess compare;
-    compare.setProcessChannelMode(QProcess::MergedChannels);
-    compare.start(MDX_TEST_PYTHON3, {MDX_TEST_JSON_ORACLE, manifest, work.path()});
-    ASSERT_TRUE(compare.waitForFinished(600000));
-    QByteArray const report = compare.readAll();
+    QByteArray report, error;
+    int const status = mdxtest::runProgram(MDX_TEST_PYTHON3, {MDX_TEST_JSON_ORACLE, manifest, work.path()},
+                                           &report, &error, 600000);
     std::printf("%s", report.constData());
-    EXPECT_EQ(compare.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(compare.exitCode(), 0) << report.constData();
+    EXPECT_EQ(status, 0) << error.constData();
 }
 
 } // namespace

@@ -54,6 +54,8 @@ struct ValueRow
     char const* expected;
 };
 
+// Plain values of the binary kinds (US, SS, SL, UL, FD, OB, AT) are
+// DicomJsonOracleTest's, on the samples; here the rules no sample shows.
 TEST(DicomJsonValues, everyValueKindAsTheModelWritesIt)
 {
     float const nan = std::nanf("");
@@ -73,22 +75,10 @@ TEST(DicomJsonValues, everyValueKindAsTheModelWritesIt)
          R"({"vr":"DS","Value":[1.50,2,0.5,1,-25,"abc","1e999"]})"},
         {"IS with leading zeros", DCM_InstanceNumber, Mdx::VR_IS, "007\\-3\\", nullptr,
          R"({"vr":"IS","Value":[7,-3,null]})"},
-        {"AT as eight hex digits", DCM_FrameIncrementPointer, Mdx::VR_AT,
-         binary<Uint16>({0x0018, 0x1063, 0x7fe0, 0x0010}), nullptr,
-         R"({"vr":"AT","Value":["00181063","7FE00010"]})"},
-        {"US", DCM_Rows, Mdx::VR_US, binary<Uint16>({1, 65535}), nullptr, R"({"vr":"US","Value":[1,65535]})"},
         {"xs is US", DCM_SmallestImagePixelValue, Mdx::VR_xs, binary<Uint16>({7}), nullptr,
          R"({"vr":"US","Value":[7]})"},
-        {"SS", DcmTagKey(0x0028, 0x0106), Mdx::VR_SS, binary<Sint16>({-1, 2}), nullptr,
-         R"({"vr":"SS","Value":[-1,2]})"},
-        {"UL and SL", DcmTagKey(0x0018, 0x6020), Mdx::VR_SL, binary<Sint32>({-70000}), nullptr,
-         R"({"vr":"SL","Value":[-70000]})"},
         {"FL, NaN as null", DcmTagKey(0x0018, 0x9089), Mdx::VR_FL, binary<float>({0.5f, nan, -2.0f}), nullptr,
          R"({"vr":"FL","Value":[0.5,null,-2]})"},
-        {"FD", DcmTagKey(0x0018, 0x9087), Mdx::VR_FD, binary<double>({1e300, 0.1}), nullptr,
-         R"({"vr":"FD","Value":[1e300,0.1]})"},
-        {"OB as Base64", DcmTagKey(0x0029, 0x1010), Mdx::VR_OB, "\x01\x02\x03", nullptr,
-         R"({"vr":"OB","InlineBinary":"AQID"})"},
         {"UN as Base64", DcmTagKey(0x0029, 0x1011), Mdx::VR_UN, "ab", nullptr,
          R"({"vr":"UN","InlineBinary":"YWI="})"},
         {"person name groups", DCM_PatientName, Mdx::VR_PN,

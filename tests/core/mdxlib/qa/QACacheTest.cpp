@@ -9,7 +9,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 
 namespace {
 
@@ -290,29 +289,12 @@ TEST(QACacheStores, datasetOfASampleFileWithAnotherPrivateBlock)
     QTemporaryDir dir;
     QString const out = dir.filePath("out.dcm");
     ASSERT_TRUE(file.saveFile(out.toLocal8Bit().constData()).good());
-    QProcess json;
-    json.start("dcm2json", {out});
-    ASSERT_TRUE(json.waitForFinished(30000));
-    QJsonObject const root = QJsonDocument::fromJson(json.readAllStandardOutput()).object();
-    auto text = [&](char const* key) {
-        return root.value(key)
-            .toObject()
-            .value("Value")
-            .toArray()
-            .first()
-            .toVariant()
-            .toString()
-            .toStdString();
-    };
-    EXPECT_EQ(root.value("00100010")
-                  .toObject()
-                  .value("Value")
-                  .toArray()
-                  .first()
-                  .toObject()
-                  .value("Alphabetic")
-                  .toString(),
-              "Doe^Jane");
+    QByteArray json;
+    ASSERT_EQ(mdxtest::runProgram("dcm2json", {out}, &json), 0);
+    QJsonObject const root = QJsonDocument::fromJson(json).object();
+    auto first = [&](char const* key) { return root.value(key).toObject().value("Value").toArray().first(); };
+    auto text = [&](char const* key) { return first(key).toVariant().toString().toStdString(); };
+    EXPECT_EQ(first("00100010").toObject().value("Alphabetic").toString(), "Doe^Jane");
     EXPECT_EQ(text("00081030"), "Corrected");
     EXPECT_EQ(text("00710010"), "Other");
     EXPECT_EQ(text("00710011"), "Lumora");

@@ -125,17 +125,6 @@ protected:
     std::map<QByteArray, QString> paths;
 };
 
-TEST_F(DatabaseSyncTest, everySampleImageGetsItsPresentPath)
-{
-    for (auto const& study : mdxtest::sampleStudies()) {
-        Mdx::TagFile file;
-        build(file, study.second, false);
-        addStudy(file, [](int) { return true; });
-        EXPECT_TRUE(file.syncWithDatabase(entry(file.studies().firstKey().toStdString()))) << study.first;
-        EXPECT_EQ(checkPaths(file), file.images().size());
-    }
-}
-
 TEST_F(DatabaseSyncTest, whatTheDatabaseDoesNotListGoes)
 {
     // The tag file holds brain images 0 to 9, with three volumes, and the
