@@ -1,18 +1,17 @@
-// mdx cat: a remote object (a plain, S3, Google, Azure or WADO URL) to
-// standard output through the cloud reader.
+// mdx cat: a remote object (a plain, S3, Google, Azure or WADO URL) or a
+// member of a local or remote .kz container to standard output through the
+// cloud reader.
 #include "Commands.h"
 #include "Exit.h"
+#include "FirstLibraryError.h"
 #include "Options.h"
 #include "Progress.h"
 
 #include <mdxlib/cloudreader/CloudReader.h>
 #include <mdxlib/cloudreader/File.h>
-#include <mdxlib/platform/ExResource.h>
-#include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/platform/McFilename.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <mutex>
 #include <vector>
 
 namespace mdxtool {
@@ -27,42 +26,16 @@ CommandSyntax const& catSyntax()
                                        "a progress line with the bytes done of the total on standard error"};
     static CommandSyntax const syntax{
         "cat",
-        "URL",
+        "URL|CONTAINER.kz/MEMBER",
         "Writes the object at URL to standard output, read through the cloud reader in\n"
         "chunks with read-ahead, as the library reads DICOM objects. URL is http(s)://,\n"
         "s3://bucket/key, gs://bucket/key, az://account/container/blob or a WADO form.\n"
+        "A path or URL with a \".kz/\" element names a member of a container, local or\n"
+        "remote: the container's offset table is read once, and the member as its range.\n"
         "The reader's settings come from cloud-reader.xml below DICOMWEB_PATH.",
         {helpOption(), progress}};
     return syntax;
 }
-
-// The first error the library logged: the reason of a failed read. The log
-// itself still reaches standard error when it was asked for (MDX_LOG_LEVEL).
-class FirstError
-{
-public:
-    FirstError()
-    {
-        bool const echo = ExResource::getParameter("MDX_LOG_LEVEL").has_value();
-        getTheLogInstance()->setWriteCallback([this, echo](int level, std::string const& message) {
-            if (echo)
-                std::fprintf(stderr, "%s\n", message.c_str());
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (level >= McLogFile::LevelError && mText.empty())
-                mText = message;
-        });
-    }
-    ~FirstError() { getTheLogInstance()->setWriteCallback(nullptr); }
-    std::string text()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mText.empty() ? std::string("no reason given") : mText;
-    }
-
-private:
-    std::mutex mMutex;
-    std::string mText;
-};
 
 } // namespace
 
@@ -74,12 +47,18 @@ int catCommand(Arguments const& args)
     if (parsed.positional.size() != 1)
         return usageError(catSyntax(), "give one URL");
     std::string const url = parsed.positional.front();
-    FirstError error;
-    if (!ExResource::getParameter("MDX_LOG_LEVEL"))
-        getTheLogInstance()->setLogLevel(McLogFile::LevelError); // to hear the reason of a failure
+    if (!McFilename::isUrl(url.c_str()) && !McFilename::isInContainer(url.c_str()))
+        return usageError(catSyntax(), "give a URL or a container member (a path with a .kz/ element)");
+    FirstLibraryError error;
     Kz::CloudReader& reader = Kz::CloudReader::instance();
     std::shared_ptr<Kz::File> file = reader.openFile(url, kNoSessionContext);
-    if (!file || file->state() == Kz::File::FILE_BAD)
+    // No file at all: a member the container doesn't hold (the library's
+    // "does not include" line), or a container that can't be read.
+    if (!file)
+        return fail(error.text().find("does not include") != std::string::npos ? ExitCode::NothingFound
+                                                                               : ExitCode::UnreadableInput,
+                    "cannot read %s: %s", url.c_str(), error.text().c_str());
+    if (file->state() == Kz::File::FILE_BAD)
         return fail(ExitCode::UnreadableInput, "cannot read %s: %s", url.c_str(), error.text().c_str());
     Progress progress(parsed.has("--progress"));
     progress.phase("cat", file->length() > 0 ? file->length() : 0, "bytes");
