@@ -31,6 +31,8 @@ cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DMDX_TSAN=ON \
 cmake --build build/tsan --target tagfile_threads_test container_test qa_threads_test azure_auth_test \
   cloudreader_test cloudreader_peer_test
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+# The parallel build (headers parsed on workers, merged in file order) and the
+# element pool whose blocks move between those threads.
 MDX_SAMPLES=$SAMPLES build/tsan/tests/core/mdxlib/tagfile_threads_test || status=$?
 build/tsan/tests/core/cloudreader/container_test --gtest_filter='KzContainer.concurrent*' || status=$?
 build/tsan/tests/core/mdxlib/qa/qa_threads_test || status=$?

@@ -11,6 +11,7 @@
 #include <mdxlib/tagfile/Compression.h>
 #include <mdxlib/tagfile/OrderedImageLoader.h>
 #include <mdxlib/tagfile/TagFile.h>
+#include <mdxlib/tags/TagElement.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcjson.h"
@@ -153,11 +154,17 @@ ModeFigures measureMode(Mdx::TagFile const& built, int mode, QString const& path
         Mdx::TagFile file; // deleted after the timing: a reader keeps its tree
         long const faults = minorFaults();
         size_t const heap = mallinfo2().uordblks;
+        size_t const slabs = Mdx::TagElement::pooledBytesReserved();
+        size_t const pooled = Mdx::TagElement::pooledBytesInUse();
         double const msec = timeMsec([&] { file.readCacheFile(path, nullptr, false); });
         figures.readFaults += double(minorFaults() - faults) / runs;
         // Heap in use after the read, less before: the tree and its indexes
-        // (the payload buffers are freed by then).
-        figures.treeBytes = double(mallinfo2().uordblks - heap);
+        // (the payload buffers are freed by then). The heap sees the
+        // element pool's slabs, not the elements in them: those count by
+        // the pool's own figure.
+        figures.treeBytes = double(mallinfo2().uordblks - heap) -
+                            double(Mdx::TagElement::pooledBytesReserved() - slabs) +
+                            double(Mdx::TagElement::pooledBytesInUse() - pooled);
         if (images >= 0 && file.images().size() != images) {
             std::fprintf(stderr, "Mode %d: read back %d images instead of %d\n", mode, file.images().size(),
                          images);

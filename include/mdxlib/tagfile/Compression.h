@@ -9,7 +9,12 @@
 
 #include <QByteArray>
 
+#include <vector>
+
 MDX_EXPORT QByteArray qxCompress(unsigned char const* data, int size);
 // Empty on any error, and for input of 4 bytes or fewer. A stream must
 // unpack to exactly the length in front of it.
 MDX_EXPORT QByteArray qxUncompress(QByteArray const& data);
+// The same into out, whose memory is reused from call to call; false (and
+// out empty) on any error.
+MDX_EXPORT bool qxUncompress(char const* data, qint64 size, std::vector<char>& out);

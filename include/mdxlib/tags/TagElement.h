@@ -20,6 +20,7 @@
 #include <QList>
 #include <QVariant>
 
+#include <cstddef>
 #include <string>
 
 class DcmElement;
@@ -36,6 +37,17 @@ public:
 
     TagElement(TagElement const&) = delete;
     TagElement& operator=(TagElement const&) = delete;
+
+    // Elements come from a pool of equal blocks (see ElementPool.h): a
+    // tree holds hundreds of thousands of them. Sized delete hands back a
+    // derived class's block to the general heap.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block, std::size_t size) noexcept;
+    // Bytes of the pooled elements now alive, and of the slabs the pool
+    // took from the general heap for them: the heap's statistics see the
+    // slabs, not which of their blocks are in use.
+    static std::size_t pooledBytesInUse();
+    static std::size_t pooledBytesReserved();
 
     // Equal when the bytes match and, with checkVR, the VR too. On a
     // difference and with difference given, it receives a line naming both

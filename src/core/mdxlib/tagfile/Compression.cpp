@@ -32,24 +32,54 @@ QByteArray qxCompress(unsigned char const* data, int size)
     return out;
 }
 
-QByteArray qxUncompress(QByteArray const& data)
+namespace {
+
+// The length in front of a packed payload, or -1 when it cannot be right.
+qint64 unpackedLength(unsigned char const* bytes, qint64 size)
 {
-    if (data.size() <= 4)
-        return QByteArray();
-    auto const* bytes = reinterpret_cast<unsigned char const*>(data.constData());
+    if (size <= 4)
+        return -1;
     quint32 const length =
         quint32(bytes[0]) << 24 | quint32(bytes[1]) << 16 | quint32(bytes[2]) << 8 | bytes[3];
-    if (length > 0x7FFFFFF0u || qint64(length) > (qint64(data.size()) - 4) * kMaxRatio + 64)
-        return QByteArray();
-    QByteArray out(length == 0 ? 1 : static_cast<int>(length), Qt::Uninitialized);
+    if (length > 0x7FFFFFF0u || qint64(length) > (size - 4) * kMaxRatio + 64)
+        return -1;
+    return length;
+}
+
+bool inflate(unsigned char const* bytes, qint64 size, char* out, qint64 length)
+{
     libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
     if (!decompressor)
-        return QByteArray();
+        return false;
     libdeflate_result const result = libdeflate_zlib_decompress(
-        decompressor, bytes + 4, static_cast<size_t>(data.size() - 4), out.data(), length, nullptr);
+        decompressor, bytes + 4, static_cast<size_t>(size - 4), out, static_cast<size_t>(length), nullptr);
     libdeflate_free_decompressor(decompressor);
-    if (result != LIBDEFLATE_SUCCESS)
+    return result == LIBDEFLATE_SUCCESS;
+}
+
+} // namespace
+
+QByteArray qxUncompress(QByteArray const& data)
+{
+    auto const* bytes = reinterpret_cast<unsigned char const*>(data.constData());
+    qint64 const length = unpackedLength(bytes, data.size());
+    if (length < 0)
+        return QByteArray();
+    QByteArray out(length == 0 ? 1 : static_cast<int>(length), Qt::Uninitialized);
+    if (!inflate(bytes, data.size(), out.data(), length))
         return QByteArray();
     out.resize(static_cast<int>(length));
     return out;
+}
+
+bool qxUncompress(char const* data, qint64 size, std::vector<char>& out)
+{
+    auto const* bytes = reinterpret_cast<unsigned char const*>(data);
+    qint64 const length = unpackedLength(bytes, size);
+    if (length < 0)
+        return false;
+    out.resize(static_cast<size_t>(length == 0 ? 1 : length));
+    bool const ok = inflate(bytes, size, out.data(), length);
+    out.resize(ok ? static_cast<size_t>(length) : 0);
+    return ok;
 }

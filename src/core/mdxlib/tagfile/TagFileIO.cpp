@@ -33,10 +33,13 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
 #include <sys/types.h>
+
+#include <vector>
 
 namespace Mdx {
 
@@ -59,6 +62,7 @@ constexpr quint8 kFormat = 2;
 constexpr quint8 kOldFormat = 1;
 constexpr int kMessageCapacity = 0x20000;
 constexpr int kReadChunk = 0x40000;
+constexpr size_t kKeptBufferBytes = 16 << 20;
 constexpr int kOpenRetries = 20;
 constexpr int kOpenRetryMsec = 20;
 // Deflate's limit of expansion, applied to every mode.
@@ -93,6 +97,48 @@ bool readExactly(QDataStream& stream, qint64 count, QByteArray& out)
         }
     }
     return true;
+}
+
+// The same into a buffer that keeps its memory from one read to the next.
+bool readExactly(QDataStream& stream, qint64 count, std::vector<char>& out)
+{
+    out.clear();
+    while (static_cast<qint64>(out.size()) < count) {
+        size_t const at = out.size();
+        int const chunk = static_cast<int>(qMin<qint64>(kReadChunk, count - static_cast<qint64>(at)));
+        out.resize(at + static_cast<size_t>(chunk));
+        int const read = stream.readRawData(out.data() + at, chunk);
+        if (read != chunk) {
+            out.resize(at + static_cast<size_t>(qMax(read, 0)));
+            return false;
+        }
+    }
+    return true;
+}
+
+// The packed and the unpacked payload of the last read on this thread, kept
+// for the next: after a large tree has been freed, a fresh block of a
+// payload's size makes the heap first sort every small block just freed
+// (glibc's consolidation), which costs a read as much as the inflating.
+// Buffers beyond kKeptBufferBytes are given back after the read.
+struct ReadBuffers
+{
+    std::vector<char> stored;
+    std::vector<char> payload;
+
+    void trim()
+    {
+        for (std::vector<char>* buffer : {&stored, &payload}) {
+            if (buffer->capacity() > kKeptBufferBytes)
+                std::vector<char>().swap(*buffer);
+        }
+    }
+};
+
+ReadBuffers& readBuffers()
+{
+    thread_local ReadBuffers buffers;
+    return buffers;
 }
 
 bool readPreviews(QDataStream& stream, QList<QByteArray>& previews)
@@ -424,51 +470,61 @@ bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
         return false;
     }
 
-    QByteArray stored;
+    ReadBuffers& buffers = readBuffers();
+    std::vector<char>& stored = buffers.stored;
     QList<QByteArray> previews;
     if (format == kOldFormat) {
-        stored = readToEnd(stream);
+        QByteArray const bytes = readToEnd(stream);
+        stored.assign(bytes.constData(), bytes.constData() + bytes.size());
     } else {
         qint32 length = -1;
         stream >> length;
         if (stream.status() != QDataStream::Ok || length < 0 || !readExactly(stream, length, stored) ||
             !readPreviews(stream, previews)) {
             log().tracef(McLogFile::LevelError, kCategory, "Tag file seems to be truncated");
+            buffers.trim();
             return false;
         }
     }
+    int const storedSize = static_cast<int>(stored.size());
 
     // A payload that does not unpack is refused here with its own reason:
     // read on as empty, it would only surface as a file without a study.
+    // The nodes copy what they keep, so the payload is read in place.
     QByteArray payload;
     McDArray<unsigned char> unpacked;
     if (mode == 2) {
         // No more than deflate could unpack from as many bytes: a hostile
         // payload costs memory in proportion to its size, never gigabytes.
         McResult const result =
-            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.constData()),
-                           stored.size(), static_cast<long long>(stored.size()) * kMaxPackingRatio + 64);
+            lzmaUncompress(unpacked, reinterpret_cast<unsigned char const*>(stored.data()), storedSize,
+                           static_cast<long long>(storedSize) * kMaxPackingRatio + 64);
         if (!result) {
             log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked: %s",
                          result.message().c_str());
+            buffers.trim();
             return false;
         }
-        // Read in place: the nodes copy what they keep, and a copy of a
-        // payload that may be hundreds of megabytes would double the peak.
+        // Read in place: a copy of a payload that may be hundreds of
+        // megabytes would double the peak.
         payload = QByteArray::fromRawData(reinterpret_cast<char const*>(unpacked.data()),
                                           static_cast<int>(unpacked.size()));
     } else if (mode == 1) {
-        payload = qxUncompress(stored);
         // An empty result is a failure unless the length in front says 0.
-        bool const emptyByDesign = stored.size() > 4 && stored.startsWith(QByteArray(4, '\0'));
-        if (payload.isEmpty() && !emptyByDesign) {
+        bool const ok = qxUncompress(stored.data(), storedSize, buffers.payload);
+        bool const emptyByDesign = storedSize > 4 && std::all_of(stored.begin(), stored.begin() + 4,
+                                                                 [](char byte) { return byte == 0; });
+        if ((!ok || buffers.payload.empty()) && !emptyByDesign) {
             log().tracef(McLogFile::LevelError, kCategory, "Tag file payload could not be unpacked");
+            buffers.trim();
             return false;
         }
+        payload = QByteArray::fromRawData(buffers.payload.data(), static_cast<int>(buffers.payload.size()));
     } else if (mode == 0) {
-        payload = stored;
+        payload = QByteArray::fromRawData(stored.data(), storedSize);
     } else {
         log().tracef(McLogFile::LevelError, kCategory, "Tag file has unsupported compression format");
+        buffers.trim();
         return false;
     }
 
@@ -477,12 +533,15 @@ bool TagFile::readCacheFile(QDataStream& stream, char const* studyUID)
         mPreviewBytes += preview.size();
     mNumPreviews = previews.size();
     int const overhead = mPreviewBytes + 4 * mNumPreviews + 16;
-    mCompressedSize = stored.size() + overhead;
+    mCompressedSize = storedSize + overhead;
     mUncompressedSize = payload.size() + overhead;
     mUnoptimizedSize = 0;
     mNumVolumes = 0;
 
-    if (!readPayload(payload, previews, studyUID)) {
+    bool const read = readPayload(payload, previews, studyUID);
+    payload.clear(); // before the buffers it may point into change
+    buffers.trim();
+    if (!read) {
         clear();
         log().tracef(McLogFile::LevelError, kCategory, "Tag file seems to be truncated");
         return false;

@@ -1,5 +1,7 @@
 #include <mdxlib/tags/TagElement.h>
 
+#include "ElementPool.h"
+
 #include <mdxlib/platform/McStringTokenizer.h>
 #include <mdxlib/tags/DcmOverlayData.h>
 #include <mdxlib/tags/TagMap.h>
@@ -113,6 +115,26 @@ QList<QByteArray> splitFields(QByteArray const& value)
 } // namespace
 
 // ---------------------------------------------------------------- TagElement
+
+void* TagElement::operator new(std::size_t size)
+{
+    return ElementPool::allocate(size);
+}
+
+void TagElement::operator delete(void* block, std::size_t size) noexcept
+{
+    ElementPool::release(block, size);
+}
+
+std::size_t TagElement::pooledBytesInUse()
+{
+    return ElementPool::bytesInUse();
+}
+
+std::size_t TagElement::pooledBytesReserved()
+{
+    return ElementPool::bytesReserved();
+}
 
 TagElement::TagElement() = default;
 

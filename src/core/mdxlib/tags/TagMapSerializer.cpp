@@ -21,23 +21,86 @@ void writeHeader(LmMsg& out, DcmTagKey const& key, VR vr)
         << static_cast<unsigned char>(vr & 0xFF);
 }
 
-void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth);
+// A reading position in a body, with LmMsg's rules (a read past the end
+// consumes the rest, yields zeros and marks the reader failed) but inline:
+// a read makes a few calls per attribute, and through LmMsg those calls
+// cost a third of reading a tag file.
+class Cursor
+{
+public:
+    Cursor(char const* data, size_t size)
+        : mPos(reinterpret_cast<unsigned char const*>(data))
+        , mEnd(mPos + size)
+    {
+    }
+
+    size_t available() const { return static_cast<size_t>(mEnd - mPos); }
+    bool failed() const { return mFailed; }
+    void markFailed() { mFailed = true; }
+
+    char const* bytes(size_t count)
+    {
+        if (count > available()) {
+            mPos = mEnd;
+            mFailed = true;
+            return nullptr;
+        }
+        auto const* at = reinterpret_cast<char const*>(mPos);
+        mPos += count;
+        return at;
+    }
+    unsigned char byte()
+    {
+        auto const* at = reinterpret_cast<unsigned char const*>(bytes(1));
+        return at ? at[0] : 0;
+    }
+    unsigned short word()
+    {
+        auto const* at = reinterpret_cast<unsigned char const*>(bytes(2));
+        return at ? static_cast<unsigned short>(at[0] | at[1] << 8) : 0;
+    }
+    unsigned int longWord()
+    {
+        auto const* at = reinterpret_cast<unsigned char const*>(bytes(4));
+        return at ? unsigned(at[0]) | unsigned(at[1]) << 8 | unsigned(at[2]) << 16 | unsigned(at[3]) << 24
+                  : 0;
+    }
+    // TagMap::readLength's form: 16 bits, or 65535 and 32 bits.
+    int length()
+    {
+        unsigned short const shortLength = word();
+        if (shortLength < kLongLength)
+            return shortLength;
+        unsigned int const longLength = longWord();
+        if (longLength > 0x7FFFFFFFu) {
+            mFailed = true;
+            return 0;
+        }
+        return static_cast<int>(longLength);
+    }
+
+private:
+    unsigned char const* mPos;
+    unsigned char const* mEnd;
+    bool mFailed = false;
+};
+
+void deserializeBody(TagMap* node, Cursor& in, TagMap* parent, QList<QByteArray> const& previews, int depth);
 void store(TagMap* node, DcmTagKey const& key, TagElement* element);
 
-void readSequence(TagMap* node, DcmTagKey const& key, LmMsg& in, TagMap* parent,
+void readSequence(TagMap* node, DcmTagKey const& key, Cursor& in, TagMap* parent,
                   QList<QByteArray> const& previews, int depth)
 {
     auto* sequence = new TagSequence;
-    int const count = TagMap::readLength(in);
+    int const count = in.length();
     TagSequence const* parentSequence =
         parent ? dynamic_cast<TagSequence const*>(parent->findElement(key)) : nullptr;
     for (int i = 0; i < count && !in.failed(); ++i) {
-        int const length = TagMap::readLength(in);
-        char const* bytes = in.readRawBytes(static_cast<size_t>(length));
+        int const length = in.length();
+        char const* bytes = in.bytes(static_cast<size_t>(length));
         if (!bytes)
             break;
-        LmMsg itemBytes;
-        itemBytes.setRawData(bytes, static_cast<size_t>(length));
+        Cursor itemBytes(bytes, static_cast<size_t>(length));
         auto* item = new TagMap;
         item->mIsItem = true;
         TagMap* parentItem =
@@ -74,23 +137,27 @@ TagElement* newElement(VR vr, QByteArray const& value)
     return element;
 }
 
+TagElement* newElement(VR vr, char const* bytes, int length)
+{
+    auto* element = new TagElement;
+    element->mVR = vr;
+    element->mValue = QByteArray(bytes, length); // null without bytes, as a marker's
+    return element;
+}
+
 // How many entries the rest of a body holds, counted over their headers and
 // lengths only, so that a node's array is allocated once at its final size.
-int countEntries(LmMsg const& body)
+int countEntries(Cursor in)
 {
-    LmMsg in(body.dataPtr() + body.readPosition(), body.bytesAvailable());
     int count = 0;
-    while (in.bytesAvailable() > 0) {
-        unsigned short group = 0;
-        unsigned short element = 0;
-        unsigned char code = 0;
-        in >> group >> element >> code;
-        VR const vr = static_cast<VR>(code);
+    while (in.available() > 0) {
+        in.bytes(4);
+        VR const vr = static_cast<VR>(in.byte());
         if (vr == VR_SQ) {
-            for (int items = TagMap::readLength(in); items > 0 && !in.failed(); --items)
-                in.readRawBytes(static_cast<size_t>(TagMap::readLength(in)));
+            for (int items = in.length(); items > 0 && !in.failed(); --items)
+                in.bytes(static_cast<size_t>(in.length()));
         } else if (vr != VR_Omitted && vr != VR_Missing) {
-            in.readRawBytes(static_cast<size_t>(TagMap::readLength(in)));
+            in.bytes(static_cast<size_t>(in.length()));
         }
         if (in.failed())
             break;
@@ -99,17 +166,16 @@ int countEntries(LmMsg const& body)
     return count;
 }
 
-void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> const& previews, int depth)
+void deserializeBody(TagMap* node, Cursor& in, TagMap* parent, QList<QByteArray> const& previews, int depth)
 {
     if (depth > kMaxNesting) {
         in.markFailed();
     } else {
         node->mElements.reserve(node->mElements.size() + countEntries(in));
-        while (in.bytesAvailable() > 0 && !in.failed()) {
-            unsigned short group = 0;
-            unsigned short element = 0;
-            unsigned char code = 0;
-            in >> group >> element >> code;
+        while (in.available() > 0 && !in.failed()) {
+            unsigned short const group = in.word();
+            unsigned short const element = in.word();
+            unsigned char const code = in.byte();
             if (in.failed())
                 break;
             DcmTagKey const key(group, element);
@@ -117,10 +183,10 @@ void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> 
             if (vr == VR_SQ) {
                 readSequence(node, key, in, parent, previews, depth);
             } else if (vr == VR_Omitted || vr == VR_Missing) {
-                store(node, key, newElement(vr, QByteArray()));
+                store(node, key, newElement(vr, nullptr, 0));
             } else {
-                int const length = TagMap::readLength(in);
-                char const* bytes = in.readRawBytes(static_cast<size_t>(length));
+                int const length = in.length();
+                char const* bytes = in.bytes(static_cast<size_t>(length));
                 if (!bytes)
                     break;
                 if (key == Tags::PreviewDataIndex) {
@@ -129,7 +195,7 @@ void deserializeBody(TagMap* node, LmMsg& in, TagMap* parent, QList<QByteArray> 
                     if (ok && index >= 0 && index < previews.size())
                         store(node, Tags::PreviewData, newElement(VR_OB, previews[index]));
                 } else {
-                    store(node, key, newElement(vr, QByteArray(bytes, length)));
+                    store(node, key, newElement(vr, bytes, length));
                 }
             }
         }
@@ -243,7 +309,11 @@ int TagMap::readLength(LmMsg& in)
 
 void TagMap::deserialize(LmMsg& in, TagMap* parent, QList<QByteArray> const& previews)
 {
-    deserializeBody(this, in, parent, previews, 0);
+    Cursor body(in.dataPtr() + in.readPosition(), in.bytesAvailable());
+    deserializeBody(this, body, parent, previews, 0);
+    in.readRawBytes(in.bytesAvailable() - body.available());
+    if (body.failed())
+        in.markFailed();
 }
 
 } // namespace Mdx
