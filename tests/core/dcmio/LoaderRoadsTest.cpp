@@ -159,9 +159,10 @@ TEST_F(LoaderRoads, everySampleReadsAsDcmtkReadsItOnEveryRoad)
             LmDcmFileLoader loader(road.mode);
             OFCondition const cond = loader.loadFile(road.path(name).c_str());
             EXPECT_EQ(cond.good(), expected.good()) << name << " over " << road.name << ": " << cond.text();
-            if (expected.good() && cond.good())
+            if (expected.good() && cond.good()) {
                 EXPECT_EQ(firstDifference(dumpOf(loader.fileFormat()), expectedDump), "")
                     << name << " over " << road.name;
+            }
         }
     }
 }
@@ -204,9 +205,10 @@ TEST_F(LoaderRoads, aTransferThatFailsPartWayIsABadConditionAndAddsNothing)
         LmDcmFileLoader loader(c.mode);
         OFCondition const cond = loader.loadFile(c.path.c_str());
         EXPECT_EQ(cond.good(), c.whole) << c.path << " switch " << c.cloudSwitch;
-        if (c.whole)
+        if (c.whole) {
             EXPECT_EQ(firstDifference(dumpOf(loader.fileFormat()), expected), "") << c.path;
-        else
+        } else {
             EXPECT_EQ(loader.getDataset()->card() + loader.getMetaInfo()->card(), 0u) << c.path;
+        }
     }
 }
