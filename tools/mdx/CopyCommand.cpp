@@ -1,47 +1,57 @@
-// mdx cp: copies a local file to a cloud object through the library's upload
-// stream. The direction is decided by which side is a URL, so that copying
-// from a cloud URL to a local file can join as the other branch.
+// mdx cp: copies an object from wherever the library reads (a local file, a
+// plain, S3, Google, Azure or WADO URL, a member of a .kz container) to a
+// local file or an s3://, az:// or gs:// object, through LmStreamCopy, the
+// copy behind the exported CopyWithHashAndSize.
 #include "Commands.h"
 #include "Exit.h"
 #include "Options.h"
 #include "Progress.h"
 
-#include <mdxlib/curl/LmCurlClient.h>
 #include <mdxlib/platform/ExResource.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McWatch.h>
+#include <mdxlib/streamapi/LmStreamCopy.h>
+#include <mdxlib/streamapi/StreamFunctions.h>
 
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include <cstdio>
-#include <vector>
+#include <cstdlib>
+#include <mutex>
+#include <regex>
 
 namespace mdxtool {
 
 namespace {
 
-constexpr int64_t kBlock = 1 << 20;
-
 CommandSyntax const& cpSyntax()
 {
+    static OptionSyntax const md5{"--md5", 0, "HEX", "the MD5 the object must have (32 hexadecimal digits)"};
+    static OptionSyntax const size{"--size", 0, "BYTES", "the size the object must have"};
     static CommandSyntax const syntax{
         "cp",
         "SOURCE DESTINATION",
-        "Copies the local file SOURCE to the cloud object DESTINATION, a URL of the form\n"
-        "s3://bucket/key, az://account/container/blob or gs://bucket/key, in chunks of 8 MiB.\n"
-        "The object is complete only when the whole file went up; a failed copy leaves no\n"
-        "partial object. Credentials are the library's: AWS_CONFIG_FILE or the instance\n"
-        "metadata for S3, AZURE_APPLICATION_CREDENTIALS or the managed identity for Azure,\n"
+        "Copies the object SOURCE to DESTINATION, 1 MiB at a time. SOURCE is a local file,\n"
+        "an http(s)://, s3://bucket/key, gs://bucket/key, az://account/container/blob or\n"
+        "WADO URL, or a member of a .kz container (a path with a .kz/ element).\n"
+        "DESTINATION is a local file or an s3://, az:// or gs:// object. The copy is\n"
+        "complete only when the whole object came: a transfer that breaks off, or an\n"
+        "object whose MD5 or size differs from --md5 or --size, leaves no destination\n"
+        "(an older local file stays as it was; a local SOURCE's size is always checked).\n"
+        "Exit statuses: 2 no such SOURCE, 3 SOURCE unreadable or broken off,\n"
+        "5 DESTINATION not written, 6 MD5 or size differ. Credentials are the\n"
+        "library's: AWS_CONFIG_FILE or the instance metadata for S3,\n"
+        "AZURE_APPLICATION_CREDENTIALS or the managed identity for Azure,\n"
         "GOOGLE_APPLICATION_CREDENTIALS or the Compute Engine metadata server for Google.",
-        {helpOption(), quietOption(), jsonOption()}};
+        {helpOption(), quietOption(), jsonOption(), md5, size}};
     return syntax;
 }
 
-// Keeps the library's last warning or error, to say in one line why a copy
-// failed; the lines reach standard error only when MDX_LOG_LEVEL asks for them.
+// Keeps the library's last warning or error but its closing "Could not
+// copy", to say in one line why a copy failed; the lines reach standard
+// error only when MDX_LOG_LEVEL asks for them.
 class LastLibraryMessage
 {
 public:
@@ -52,8 +62,9 @@ public:
         if (!mEcho)
             getTheLogInstance()->setLogLevel(McLogFile::LevelWarning);
         getTheLogInstance()->setWriteCallback([this](int level, std::string const& message) {
-            if (level >= McLogFile::LevelWarning)
-                mText = message;
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (level >= McLogFile::LevelWarning && message.rfind("Could not copy ", 0) != 0)
+                mText = message.substr(0, message.find('\n'));
             if (mEcho)
                 std::fprintf(stderr, "%s\n", message.c_str());
         });
@@ -66,74 +77,22 @@ public:
     LastLibraryMessage(LastLibraryMessage const&) = delete;
     LastLibraryMessage& operator=(LastLibraryMessage const&) = delete;
 
-    // The first line of the last message, or a stand-in.
-    std::string text() const
+    std::string text()
     {
-        std::string const line = mText.substr(0, mText.find('\n'));
-        return line.empty() ? std::string("the upload did not complete") : line;
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mText;
     }
 
 private:
     int mPreviousLevel;
     bool mEcho;
+    std::mutex mMutex;
     std::string mText;
 };
 
-int uploadFile(std::string const& source, std::string const& destination, bool json, bool quiet)
+bool uploadTarget(std::string const& target)
 {
-    QFile file(QString::fromLocal8Bit(source.c_str()));
-    if (!QFileInfo::exists(file.fileName()))
-        return fail(ExitCode::NoInput, "%s: no such file", source.c_str());
-    if (!QFileInfo(file.fileName()).isFile())
-        return fail(ExitCode::NoInput, "%s: not a regular file", source.c_str());
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(ExitCode::UnreadableInput, "cannot read %s: %s", source.c_str(),
-                    file.errorString().toLocal8Bit().constData());
-    int64_t const size = file.size();
-
-    LastLibraryMessage library;
-    McWatch watch;
-    LmCurlUploadStream stream = LmCurlClient::instance()->write(destination);
-    if (!stream.isOpen())
-        return fail(ExitCode::OutputError, "cannot upload to %s: %s", destination.c_str(),
-                    library.text().c_str());
-    // The size is checked before the last chunk goes: a file that shrinks
-    // while it is read gives a failed copy, not a short object.
-    stream.setExpectedHashAndSize("", size);
-    Progress progress(!quiet);
-    progress.phase("upload", (size + kBlock - 1) / kBlock, "MiB");
-    std::vector<char> block(kBlock);
-    int64_t done = 0;
-    while (stream.good()) {
-        qint64 const got = file.read(block.data(), kBlock);
-        if (got < 0) {
-            stream.cancel();
-            return fail(ExitCode::UnreadableInput, "cannot read %s: %s", source.c_str(),
-                        file.errorString().toLocal8Bit().constData());
-        }
-        if (got == 0)
-            break;
-        stream.write(block.data(), got);
-        done += got;
-        progress.update((done + kBlock - 1) / kBlock);
-    }
-    stream.close();
-    progress.finish();
-    if (!stream.good())
-        return fail(ExitCode::OutputError, "upload of %s to %s failed: %s", source.c_str(),
-                    destination.c_str(), library.text().c_str());
-    double const seconds = watch.elapsedSeconds();
-    if (json) {
-        QJsonObject const document{{"source", QString::fromLocal8Bit(source.c_str())},
-                                   {"destination", QString::fromStdString(destination)},
-                                   {"bytes", qint64(size)},
-                                   {"seconds", seconds}};
-        std::fputs(QJsonDocument(document).toJson(QJsonDocument::Indented).constData(), stdout);
-    } else if (!quiet) {
-        std::printf("%s -> %s: %lld bytes in %.2f s\n", source.c_str(), destination.c_str(),
-                    static_cast<long long>(size), seconds);
-    }
-    return status(ExitCode::Ok);
+    return target.rfind("s3://", 0) == 0 || target.rfind("gs://", 0) == 0 || target.rfind("az://", 0) == 0;
 }
 
 } // namespace
@@ -147,13 +106,75 @@ int cpCommand(Arguments const& args)
         return usageError(cpSyntax(), "give SOURCE and DESTINATION");
     std::string const& source = parsed.positional[0];
     std::string const& destination = parsed.positional[1];
-    bool const fromUrl = LmCurlClient::isUrl(source.c_str());
-    bool const toUrl = LmCurlClient::isUrl(destination.c_str());
-    if (fromUrl && !toUrl)
-        return fail(ExitCode::Usage, "copying from a URL to a local file is not supported yet");
-    if (fromUrl == toUrl)
-        return usageError(cpSyntax(), "one of SOURCE and DESTINATION must be a local file, the other a URL");
-    return uploadFile(source, destination, parsed.has("--json"), parsed.has("--quiet"));
+    if (StringIsUrl(destination.c_str()) && !uploadTarget(destination))
+        return usageError(cpSyntax(), "DESTINATION must be a local file or an s3://, az:// or gs:// URL");
+    std::string const md5 = QString::fromStdString(parsed.value("--md5")).toLower().toStdString();
+    if (parsed.values.count("--md5") && !std::regex_match(md5, std::regex("[0-9a-f]{32}")))
+        return usageError(cpSyntax(), "--md5 wants 32 hexadecimal digits");
+    long long size = 0;
+    if (parsed.values.count("--size")) {
+        std::string const text = parsed.value("--size");
+        if (!std::regex_match(text, std::regex("[0-9]{1,18}")) || (size = std::atoll(text.c_str())) <= 0)
+            return usageError(cpSyntax(), "--size wants a number of bytes above 0");
+    }
+    if (!StringIsUrl(source.c_str())) {
+        QFileInfo const info(QString::fromLocal8Bit(source.c_str()));
+        if (!info.exists())
+            return fail(ExitCode::NoInput, "%s: no such file", source.c_str());
+        if (!info.isFile())
+            return fail(ExitCode::NoInput, "%s: not a regular file", source.c_str());
+        // A file that shrinks or grows while it is read gives a failed copy,
+        // not an object of another size.
+        if (size == 0)
+            size = info.size();
+        else if (size != info.size())
+            return fail(ExitCode::ProcessingError, "%s has %lld bytes, not %lld", source.c_str(),
+                        static_cast<long long>(info.size()), size);
+    }
+
+    bool const quiet = parsed.has("--quiet");
+    LastLibraryMessage library;
+    McWatch watch;
+    Progress progress(!quiet);
+    progress.phase("copy", size, "bytes");
+    LmStreamCopy copy(source, destination);
+    copy.setExpectedHashAndSize(md5.c_str(), size);
+    bool totalKnown = size > 0;
+    copy.setProgress([&](long long done, long long total) {
+        if (!totalKnown && total > 0) {
+            progress.phase("copy", total, "bytes");
+            totalKnown = true;
+        }
+        progress.update(done);
+    });
+    LmStreamCopy::Outcome const outcome = copy.run();
+    progress.finish();
+    switch (outcome) {
+    case LmStreamCopy::Copied:
+        break;
+    case LmStreamCopy::SourceFailed:
+        return fail(ExitCode::UnreadableInput, "%s", copy.reason().c_str());
+    case LmStreamCopy::CheckFailed:
+        return fail(ExitCode::ProcessingError, "copy of %s to %s failed: %s", source.c_str(),
+                    destination.c_str(), copy.reason().c_str());
+    case LmStreamCopy::TargetFailed: {
+        std::string const cause = library.text();
+        return fail(ExitCode::OutputError, "%s%s%s", copy.reason().c_str(), cause.empty() ? "" : ": ",
+                    cause.c_str());
+    }
+    }
+    double const seconds = watch.elapsedSeconds();
+    if (parsed.has("--json")) {
+        QJsonObject const document{{"source", QString::fromLocal8Bit(source.c_str())},
+                                   {"destination", QString::fromLocal8Bit(destination.c_str())},
+                                   {"bytes", qint64(copy.bytesCopied())},
+                                   {"seconds", seconds}};
+        std::fputs(QJsonDocument(document).toJson(QJsonDocument::Indented).constData(), stdout);
+    } else if (!quiet) {
+        std::printf("%s -> %s: %lld bytes in %.2f s\n", source.c_str(), destination.c_str(),
+                    copy.bytesCopied(), seconds);
+    }
+    return status(ExitCode::Ok);
 }
 
 } // namespace mdxtool
