@@ -1,5 +1,9 @@
 // Writing a .kz container against writing the same files with zip -0 and
-// with Python's zipfile (stored), in the same run; see bench/README.md.
+// with Python's zipfile (stored), in the same run; with --remote, reading
+// the container's members from s3rver against per-object GETs of the same
+// files. See bench/README.md.
+#include "Remote.h"
+
 #include <mdxlib/cloudreader/CRC32.h>
 #include <mdxlib/cloudreader/Writer.h>
 
@@ -27,6 +31,7 @@ struct Options
     int members = 1000;
     int size = 65536;
     int runs = 7;
+    bool remote = false;
 };
 
 bool parse(int argc, char** argv, Options& options)
@@ -45,8 +50,10 @@ bool parse(int argc, char** argv, Options& options)
             ok = value(options.size);
         else if (std::strcmp(argv[i], "--runs") == 0)
             ok = value(options.runs);
+        else if (std::strcmp(argv[i], "--remote") == 0)
+            ok = options.remote = true;
         if (!ok) {
-            std::fprintf(stderr, "usage: bench_kz [--members N] [--size BYTES] [--runs N]\n");
+            std::fprintf(stderr, "usage: bench_kz [--members N] [--size BYTES] [--runs N] [--remote]\n");
             return false;
         }
     }
@@ -197,5 +204,7 @@ int main(int argc, char** argv)
                     megabytes / python * 1000);
         std::printf("ratio writer / Python zipfile: %.2f\n", writer / python);
     }
+    if (options.remote)
+        return kzbench::remoteBenchmark(paths, container, options.runs);
     return 0;
 }

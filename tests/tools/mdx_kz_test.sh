@@ -63,7 +63,6 @@ done <<'EOF2'
 2|create from a missing file|kz create x.kz in/a.dcm in/none.dcm
 2|ls of a missing container|kz ls none.kz
 3|ls of a plain zip|kz ls plain.zip
-3|ls of a URL before the reader|kz ls https://bucket.localhost/c.kz
 4|cat of a missing member|kz cat c.kz none.dcm
 5|two members of one name|kz create old.kz in/a.dcm sub/a.dcm
 0|help|kz create --help

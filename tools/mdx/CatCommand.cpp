@@ -3,17 +3,15 @@
 // to standard output through the exported stream functions.
 #include "Commands.h"
 #include "Exit.h"
+#include "FirstLibraryError.h"
 #include "Options.h"
 #include "Progress.h"
 
-#include <mdxlib/platform/ExResource.h>
-#include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/streamapi/StreamFunctions.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <regex>
 #include <vector>
 
@@ -40,34 +38,6 @@ CommandSyntax const& catSyntax()
         {helpOption(), progress, range}};
     return syntax;
 }
-
-// The first error the library logged: the reason of a failed read. The log
-// itself still reaches standard error when it was asked for (MDX_LOG_LEVEL).
-class FirstError
-{
-public:
-    FirstError()
-    {
-        bool const echo = ExResource::getParameter("MDX_LOG_LEVEL").has_value();
-        getTheLogInstance()->setWriteCallback([this, echo](int level, std::string const& message) {
-            if (echo)
-                std::fprintf(stderr, "%s\n", message.c_str());
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (level >= McLogFile::LevelError && mText.empty())
-                mText = message.substr(0, message.find('\n'));
-        });
-    }
-    ~FirstError() { getTheLogInstance()->setWriteCallback(nullptr); }
-    std::string text()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mText.empty() ? std::string("no reason given") : mText;
-    }
-
-private:
-    std::mutex mMutex;
-    std::string mText;
-};
 
 // The bytes of a local file in the same terms as a stream handle.
 class LocalReader
@@ -127,9 +97,7 @@ int catCommand(Arguments const& args)
         if (last >= 0 && last < first)
             return usageError(catSyntax(), "--range wants A no greater than B");
     }
-    FirstError error;
-    if (!ExResource::getParameter("MDX_LOG_LEVEL"))
-        getTheLogInstance()->setLogLevel(McLogFile::LevelError); // to hear the reason of a failure
+    FirstLibraryError error;
 
     void* handle = nullptr;
     LocalReader local;
@@ -137,8 +105,13 @@ int catCommand(Arguments const& args)
     if (remote) {
         int const opened = range.empty() ? OpenStream(path.c_str(), &handle)
                                          : OpenStreamRange(path.c_str(), range.c_str(), &handle);
+        // A member the container doesn't hold is told by the library's
+        // "does not include" line.
         if (opened != 0)
-            return fail(ExitCode::UnreadableInput, "cannot read %s: %s", path.c_str(), error.text().c_str());
+            return fail(error.text().find("does not include") != std::string::npos
+                            ? ExitCode::NothingFound
+                            : ExitCode::UnreadableInput,
+                        "cannot read %s: %s", path.c_str(), error.text().c_str());
     } else if (!local.open(path, first, last)) {
         return fail(errno == ENOENT ? ExitCode::NoInput : ExitCode::UnreadableInput, "cannot read %s: %s",
                     path.c_str(), osError().c_str());

@@ -40,55 +40,72 @@ CommandSyntax const& cpSyntax()
         "complete only when the whole object came: a transfer that breaks off, or an\n"
         "object whose MD5 or size differs from --md5 or --size, leaves no destination\n"
         "(an older local file stays as it was; a local SOURCE's size is always checked).\n"
-        "Exit statuses: 2 no such SOURCE, 3 SOURCE unreadable or broken off,\n"
-        "5 DESTINATION not written, 6 MD5 or size differ. Credentials are the\n"
-        "library's: AWS_CONFIG_FILE or the instance metadata for S3,\n"
+        "Exit statuses: 2 no such SOURCE, 3 SOURCE unreadable or broken off, 4 no such\n"
+        "member in the container, 5 DESTINATION not written, 6 MD5 or size differ.\n"
+        "Credentials are the library's: AWS_CONFIG_FILE or the instance metadata for S3,\n"
         "AZURE_APPLICATION_CREDENTIALS or the managed identity for Azure,\n"
         "GOOGLE_APPLICATION_CREDENTIALS or the Compute Engine metadata server for Google.",
         {helpOption(), quietOption(), jsonOption(), md5, size}};
     return syntax;
 }
 
-// Keeps the library's last warning or error but its closing "Could not
-// copy", to say in one line why a copy failed; the lines reach standard
-// error only when MDX_LOG_LEVEL asks for them.
-class LastLibraryMessage
+// Keeps the library's first error and its last warning or error but the
+// closing "Could not copy", to say in one line why a copy failed: the first
+// error is the cause of a failed read, the last message that of a failed
+// upload. The lines reach standard error only when MDX_LOG_LEVEL asks.
+class LibraryMessages
 {
 public:
-    LastLibraryMessage()
+    LibraryMessages()
         : mPreviousLevel(getTheLogInstance()->logLevel())
         , mEcho(ExResource::getParameter("MDX_LOG_LEVEL").has_value())
     {
         if (!mEcho)
             getTheLogInstance()->setLogLevel(McLogFile::LevelWarning);
         getTheLogInstance()->setWriteCallback([this](int level, std::string const& message) {
+            // The cloud reader logs from its own thread.
             std::lock_guard<std::mutex> lock(mMutex);
+            std::string const line = message.substr(0, message.find('\n'));
+            if (level >= McLogFile::LevelError && mFirstError.empty())
+                mFirstError = line;
             if (level >= McLogFile::LevelWarning && message.rfind("Could not copy ", 0) != 0)
-                mText = message.substr(0, message.find('\n'));
+                mLast = line;
             if (mEcho)
                 std::fprintf(stderr, "%s\n", message.c_str());
         });
     }
-    ~LastLibraryMessage()
+    ~LibraryMessages()
     {
         getTheLogInstance()->setWriteCallback(nullptr);
         getTheLogInstance()->setLogLevel(mPreviousLevel);
     }
-    LastLibraryMessage(LastLibraryMessage const&) = delete;
-    LastLibraryMessage& operator=(LastLibraryMessage const&) = delete;
+    LibraryMessages(LibraryMessages const&) = delete;
+    LibraryMessages& operator=(LibraryMessages const&) = delete;
 
-    std::string text()
+    std::string firstError()
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        return mText;
+        return mFirstError;
+    }
+    std::string last()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mLast;
     }
 
 private:
     int mPreviousLevel;
     bool mEcho;
     std::mutex mMutex;
-    std::string mText;
+    std::string mFirstError;
+    std::string mLast;
 };
+
+// "reason: cause", or the reason alone.
+std::string withCause(std::string const& reason, std::string const& cause)
+{
+    return cause.empty() || reason.find(cause) != std::string::npos ? reason : reason + ": " + cause;
+}
 
 bool uploadTarget(std::string const& target)
 {
@@ -133,7 +150,7 @@ int cpCommand(Arguments const& args)
     }
 
     bool const quiet = parsed.has("--quiet");
-    LastLibraryMessage library;
+    LibraryMessages library;
     McWatch watch;
     Progress progress(!quiet);
     progress.phase("copy", size, "bytes");
@@ -152,16 +169,18 @@ int cpCommand(Arguments const& args)
     switch (outcome) {
     case LmStreamCopy::Copied:
         break;
-    case LmStreamCopy::SourceFailed:
-        return fail(ExitCode::UnreadableInput, "%s", copy.reason().c_str());
+    case LmStreamCopy::SourceFailed: {
+        // A member the container doesn't hold: the library's "does not include" line.
+        std::string const cause = library.firstError();
+        return fail(cause.find("does not include") != std::string::npos ? ExitCode::NothingFound
+                                                                        : ExitCode::UnreadableInput,
+                    "%s", withCause(copy.reason(), cause).c_str());
+    }
     case LmStreamCopy::CheckFailed:
         return fail(ExitCode::ProcessingError, "copy of %s to %s failed: %s", source.c_str(),
                     destination.c_str(), copy.reason().c_str());
-    case LmStreamCopy::TargetFailed: {
-        std::string const cause = library.text();
-        return fail(ExitCode::OutputError, "%s%s%s", copy.reason().c_str(), cause.empty() ? "" : ": ",
-                    cause.c_str());
-    }
+    case LmStreamCopy::TargetFailed:
+        return fail(ExitCode::OutputError, "%s", withCause(copy.reason(), library.last()).c_str());
     }
     double const seconds = watch.elapsedSeconds();
     if (parsed.has("--json")) {

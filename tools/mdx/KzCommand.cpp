@@ -2,12 +2,17 @@
 // offset tables and reading their members.
 #include "Commands.h"
 #include "Exit.h"
+#include "FirstLibraryError.h"
 #include "Options.h"
 #include "Progress.h"
 
+#include <mdxlib/cloudreader/CloudContainer.h>
+#include <mdxlib/cloudreader/CloudReader.h>
 #include <mdxlib/cloudreader/ContainerFile.h>
+#include <mdxlib/cloudreader/File.h>
 #include <mdxlib/cloudreader/LocalObject.h>
 #include <mdxlib/cloudreader/Writer.h>
+#include <mdxlib/platform/McFilename.h>
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -17,6 +22,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -44,7 +50,8 @@ CommandSyntax const& lsSyntax()
         "kz ls",
         "CONTAINER",
         "Lists the members of a container as its offset table gives them: data offset,\n"
-        "size and name, in table order.",
+        "size and name, in table order. CONTAINER is a local file or a URL (http(s)://,\n"
+        "s3://, gs://, az://), read through the cloud reader.",
         {helpOption(), jsonOption()}};
     return syntax;
 }
@@ -69,38 +76,52 @@ CommandSyntax const& nameSyntax()
     return syntax;
 }
 
-// A container and what serves its bytes.
+// A container and what serves its bytes: a local file read directly, or a
+// URL read through the cloud reader.
 struct OpenContainer
 {
     std::shared_ptr<Kz::LocalObject> object;
-    std::unique_ptr<Kz::ContainerFile> container;
+    std::unique_ptr<Kz::ContainerFile> local;
+    std::shared_ptr<Kz::CloudContainer> remote;
+
+    std::vector<Kz::ContainerFile::Entry> entries() const
+    {
+        return local ? local->entries() : remote->entries();
+    }
 };
 
-// Opens and loads a container, or says in one line why not. URLs are read
-// through the cloud reader; until the library has it, they are refused here.
-std::optional<OpenContainer> openContainer(std::string const& location, int& exitStatus)
+// Opens and loads a container, or says in one line why not.
+std::optional<OpenContainer> openContainer(std::string const& location, FirstLibraryError& library,
+                                           int& exitStatus)
 {
-    if (location.find("://") != std::string::npos) {
-        exitStatus = fail(ExitCode::UnreadableInput,
-                          "%s: containers on URLs need the cloud reader, not built in yet", location.c_str());
-        return std::nullopt;
-    }
     OpenContainer opened;
-    std::string error;
-    opened.object = Kz::LocalObject::open(location, error);
-    if (!opened.object) {
-        exitStatus = fail(ExitCode::NoInput, "cannot open %s: %s", location.c_str(), error.c_str());
-        return std::nullopt;
+    std::string reason;
+    if (McFilename::isUrl(location.c_str())) {
+        opened.remote = std::make_shared<Kz::CloudContainer>(Kz::CloudReader::instance(), location);
+        if (opened.remote->load())
+            return opened;
+        reason = opened.remote->initError();
+        // A transfer that failed says why in the library's log.
+        if (reason.empty() || reason == "cannot be read")
+            reason = "cannot be read: " + library.text();
+    } else {
+        std::string error;
+        opened.object = Kz::LocalObject::open(location, error);
+        if (!opened.object) {
+            exitStatus = fail(ExitCode::NoInput, "cannot open %s: %s", location.c_str(), error.c_str());
+            return std::nullopt;
+        }
+        opened.local =
+            std::make_unique<Kz::ContainerFile>(location, opened.object->reader(), opened.object->length());
+        if (opened.local->load())
+            return opened;
+        reason = opened.local->initError();
+        if (reason.empty())
+            reason = "cannot be read";
     }
-    opened.container =
-        std::make_unique<Kz::ContainerFile>(location, opened.object->reader(), opened.object->length());
-    if (!opened.container->load()) {
-        std::string const reason = opened.container->initError();
-        exitStatus = fail(ExitCode::UnreadableInput, "%s is not a container: %s", location.c_str(),
-                          reason.empty() ? "cannot be read" : reason.c_str());
-        return std::nullopt;
-    }
-    return opened;
+    exitStatus =
+        fail(ExitCode::UnreadableInput, "%s is not a container: %s", location.c_str(), reason.c_str());
+    return std::nullopt;
 }
 
 // The writer's report, which may span lines, as one line.
@@ -168,10 +189,11 @@ int kzLsCommand(Arguments const& args)
     if (parsed.positional.size() != 1)
         return usageError(syntax, parsed.positional.empty() ? "missing CONTAINER" : "one CONTAINER only");
     int exitStatus = status(ExitCode::Ok);
-    std::optional<OpenContainer> const opened = openContainer(parsed.positional[0], exitStatus);
+    FirstLibraryError library;
+    std::optional<OpenContainer> const opened = openContainer(parsed.positional[0], library, exitStatus);
     if (!opened)
         return exitStatus;
-    std::vector<Kz::ContainerFile::Entry> const entries = opened->container->entries();
+    std::vector<Kz::ContainerFile::Entry> const entries = opened->entries();
     if (parsed.has("--json")) {
         QJsonArray members;
         for (Kz::ContainerFile::Entry const& entry : entries)
@@ -206,12 +228,28 @@ int kzCatCommand(Arguments const& args)
     std::string const& location = parsed.positional[0];
     std::string const& member = parsed.positional[1];
     int exitStatus = status(ExitCode::Ok);
-    std::optional<OpenContainer> const opened = openContainer(location, exitStatus);
+    FirstLibraryError library;
+    std::optional<OpenContainer> const opened = openContainer(location, library, exitStatus);
     if (!opened)
         return exitStatus;
-    std::optional<Kz::ContainerFile::Range> const range = opened->container->openMember(member.c_str(), -1);
-    if (!range) {
-        std::vector<Kz::ContainerFile::Entry> const entries = opened->container->entries();
+    std::function<long long(long long, char*, long long)> read;
+    long long start = 0;
+    long long length = 0;
+    if (opened->local) {
+        std::optional<Kz::ContainerFile::Range> const range = opened->local->openMember(member.c_str(), -1);
+        if (range) {
+            start = range->start;
+            length = range->length;
+            read = [&opened](long long at, char* data, long long n) {
+                return opened->object->read(at, data, n);
+            };
+        }
+    } else if (std::shared_ptr<Kz::File> file = opened->remote->open(member.c_str(), -1)) {
+        length = file->length();
+        read = [file](long long, char* data, long long n) { return file->read(data, n); };
+    }
+    if (!read) {
+        std::vector<Kz::ContainerFile::Entry> const entries = opened->entries();
         bool const listed =
             std::any_of(entries.begin(), entries.end(),
                         [&](Kz::ContainerFile::Entry const& entry) { return entry.name == member; });
@@ -221,13 +259,14 @@ int kzCatCommand(Arguments const& args)
         return fail(ExitCode::NothingFound, "no member %s in %s", member.c_str(), location.c_str());
     }
     std::vector<char> block(1 << 20);
-    for (long long done = 0; done < range->length;) {
-        long long const want =
-            std::min<long long>(static_cast<long long>(block.size()), range->length - done);
-        long long const got = opened->object->read(range->start + done, block.data(), want);
+    for (long long done = 0; done < length;) {
+        long long const want = std::min<long long>(static_cast<long long>(block.size()), length - done);
+        long long const got = read(start + done, block.data(), want);
         if (got <= 0)
             return fail(ExitCode::UnreadableInput, "cannot read member %s of %s: %s", member.c_str(),
-                        location.c_str(), got < 0 ? osError().c_str() : "the container ended early");
+                        location.c_str(),
+                        got < 0 ? (opened->local ? osError() : library.text()).c_str()
+                                : "the container ended early");
         if (std::fwrite(block.data(), 1, static_cast<size_t>(got), stdout) != static_cast<size_t>(got))
             return fail(ExitCode::OutputError, "cannot write to standard output: %s", osError().c_str());
         done += got;

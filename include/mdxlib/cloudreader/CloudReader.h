@@ -74,8 +74,9 @@ public:
     void addRequest(std::shared_ptr<Request> const& request);
     void addRequests(std::vector<std::shared_ptr<Request>> const& requests);
 
-    // How containers are made; without a factory a container member can't be
-    // opened. factory(reader, url up to ".kz").
+    // How containers are made: CloudContainer::make unless replaced (tests);
+    // without a factory a container member can't be opened.
+    // factory(reader, url up to ".kz").
     using ContainerFactory = std::function<std::shared_ptr<Container>(CloudReader&, std::string const&)>;
     void setContainerFactory(ContainerFactory factory);
 

@@ -4,8 +4,10 @@
 // The reader keeps containers by the URL up to ".kz". It reads lastAccess
 // on its own thread while it holds its mutex, so that is an atomic, and it
 // calls removeContext with its mutex released: a container's mutex comes
-// before the reader's in the lock order, and a container holds its mutex
-// across the network wait of its first opening.
+// before the reader's in the lock order. A container never holds its mutex
+// across a network wait (its first opening reads the table with the mutex
+// released, and others wait on a condition), since only the reader's thread
+// can end that wait.
 #pragma once
 
 #include <mdxlib/Export.h>

@@ -10,12 +10,20 @@
 // Failures give a null result with one trace line (category "Kzip", level 3)
 // for the cause. A container whose table was bad stays bad, and says so only
 // at the first access.
+//
+// The table is read with no lock held: the first user reads it, later users
+// wait on a condition for that one reading, and nobody holds the mutex while
+// bytes come over the network. So the cloud reader's thread, which looks at
+// lastAccess with its own mutex held, never waits for a reading that only it
+// can finish.
 #pragma once
 
 #include <mdxlib/Export.h>
 #include <mdxlib/cloudreader/OffsetTable.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -47,9 +55,14 @@ public:
         long long length;
     };
 
+    // The object's size in bytes, or -1 when not known; asked once, after
+    // the header was read (a remote object's size comes with its first bytes).
+    using LengthSource = std::function<long long()>;
+
     // objectLength is the object's size in bytes, or -1 when not known yet.
     // Nothing is read here.
     ContainerFile(std::string url, ByteReader reader, long long objectLength = -1);
+    ContainerFile(std::string url, ByteReader reader, LengthSource objectLength);
 
     ContainerFile(ContainerFile const&) = delete;
     ContainerFile& operator=(ContainerFile const&) = delete;
@@ -77,9 +90,19 @@ public:
     std::chrono::steady_clock::time_point lastAccess() const;
 
 private:
-    bool ensureInitialized();
-    bool init();
-    bool parseOffsetTable(std::vector<char> const& table);
+    // What one reading of the table found.
+    struct Table
+    {
+        bool ok = false;
+        std::vector<std::shared_ptr<Entry>> entries;
+        std::string error;
+        long long objectLength = -1;
+    };
+
+    // With the lock held on entry and on return; released while reading.
+    bool ensureInitialized(std::unique_lock<std::mutex>& lock);
+    Table init();
+    static bool parseOffsetTable(std::vector<char> const& table, Table& result);
     std::shared_ptr<Entry> findEntry(char const* member);
     // findEntry, and refuses a member whose bytes the object does not hold.
     std::shared_ptr<Entry> findMember(char const* member);
@@ -88,16 +111,20 @@ private:
 
     std::string mUrl;
     ByteReader mReader;
-    long long mObjectLength;
+    LengthSource mLengthSource;
+    long long mObjectLength = -1;
 
     mutable std::mutex mMutex;
+    std::condition_variable mInitDone;
+    bool mInitializing = false;
     std::vector<LmSessionContextID> mContexts;
     std::vector<std::shared_ptr<Entry>> mEntries;
     bool mInitResult = false;
     bool mInitialized = false;
     // Keys are views of the names in mEntries, which never change after init.
     std::map<std::string_view, std::shared_ptr<Entry>> mIndex;
-    std::chrono::steady_clock::time_point mLastAccess;
+    // Read by the cloud reader's thread under its own mutex: no lock here.
+    std::atomic<std::chrono::steady_clock::time_point> mLastAccess;
     std::string mInitError;
 };
 

@@ -54,6 +54,14 @@ public:
     bool validate();
     bool acquireMemory(unsigned long n);
     void addRangeHeader();
+    // The last byte, and "first-last", of the bytes still to come.
+    long long rangeLast() const;
+    std::string rangeText() const;
+    // A file:// URL (a local container): the range goes as CURLOPT_RANGE,
+    // and the answer, which has no status line, is described as the 206 a
+    // server would give.
+    bool isLocalFile() const { return mUrl.compare(0, 7, "file://") == 0; }
+    void describeLocalAnswer();
     void curlError(char const* what, CURLcode code);
     void prepareForRetry();
 

@@ -3,6 +3,7 @@
 #include "CloudReaderPrivate.h"
 
 #include <mdxlib/cloudauth/LmAwsAuth.h>
+#include <mdxlib/cloudreader/CloudContainer.h>
 #include <mdxlib/cloudreader/Container.h>
 #include <mdxlib/cloudreader/DownloadStreambuf.h>
 #include <mdxlib/cloudreader/File.h>
@@ -64,6 +65,7 @@ CloudReaderPrivate::CloudReaderPrivate(CloudReader* owner, Config const& configu
     getTheLogInstance();
     lmRedactSecrets(std::string());
     pool.setReleaseListener([this] { onPageReleased(); });
+    containerFactory = &CloudContainer::make;
     McLogFile* log = getTheLogInstance();
     CURLcode code = curl_easy_setopt(spareHandle.get(), CURLOPT_SHARE, helper->share());
     if (code != CURLE_OK)
@@ -157,6 +159,10 @@ void CloudReaderPrivate::initRequest(std::shared_ptr<Request> const& request, st
         helper->addAzureAuthorizationHeader(finalUrl, lines);
     } else if (url.compare(0, 2, "s3") == 0) {
         finalUrl = helper->awsAuth()->prepareRequest("GET", url, lines);
+    } else if (url.compare(0, 7, "file://") == 0) {
+        // A local container's object (CloudContainer): no session and no
+        // credentials belong in a file name.
+        finalUrl = url;
     } else if (url.compare(0, 1, "w") == 0) {
         // Only the first letter is looked at: plain URLs of the system begin
         // with a scheme, and every WADO form begins with "w".

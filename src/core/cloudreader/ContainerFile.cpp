@@ -22,21 +22,50 @@ void traceError(char const* text)
 } // namespace
 
 ContainerFile::ContainerFile(std::string url, ByteReader reader, long long objectLength)
+    : ContainerFile(std::move(url), std::move(reader), LengthSource([objectLength] { return objectLength; }))
+{
+}
+
+ContainerFile::ContainerFile(std::string url, ByteReader reader, LengthSource objectLength)
     : mUrl(std::move(url))
     , mReader(std::move(reader))
-    , mObjectLength(objectLength)
+    , mLengthSource(std::move(objectLength))
     , mLastAccess(std::chrono::steady_clock::now())
 {
 }
 
-bool ContainerFile::ensureInitialized()
+bool ContainerFile::ensureInitialized(std::unique_lock<std::mutex>& lock)
 {
-    // With the mutex held by the caller: concurrent first users wait here for
-    // the one read of the table.
+    // Concurrent first users wait here for the one reading of the table,
+    // which runs with the mutex released: nobody holds it across a network
+    // wait, so removeContext and the reader's expiry never block on one.
+    mInitDone.wait(lock, [this] { return !mInitializing; });
     if (mInitialized)
         return mInitResult;
-    mInitResult = init();
+    mInitializing = true;
+    lock.unlock();
+    Table table;
+    try {
+        table = init();
+    } catch (...) {
+        // Out of memory, say: the waiters must not wait for ever.
+        lock.lock();
+        mInitializing = false;
+        mInitDone.notify_all();
+        throw;
+    }
+    lock.lock();
+    mEntries = std::move(table.entries);
+    // A name that occurs twice keeps its first entry. Names are compared
+    // whole: one holding a zero byte is never taken for its first part.
+    for (std::shared_ptr<Entry> const& entry : mEntries)
+        mIndex.emplace(std::string_view(entry->name), entry);
+    mInitError = std::move(table.error);
+    mObjectLength = table.objectLength;
+    mInitResult = table.ok;
     mInitialized = true;
+    mInitializing = false;
+    mInitDone.notify_all();
     return mInitResult;
 }
 
@@ -54,20 +83,24 @@ long long ContainerFile::readFully(long long offset, char* data, long long lengt
     return done;
 }
 
-bool ContainerFile::init()
+ContainerFile::Table ContainerFile::init()
 {
+    Table result;
     char header[kContainerHeaderSize];
     long long const got = readFully(0, header, sizeof header);
     // A failing read was traced by the reader; a short one is the object's
     // end, which the header check reports.
-    if (got < 0)
-        return false;
+    if (got < 0) {
+        result.error = "cannot be read";
+        return result;
+    }
+    result.objectLength = mLengthSource ? mLengthSource() : -1;
     try {
         std::uint32_t const tableBytes = checkContainerHeader(header, static_cast<std::size_t>(got));
         long long const tableEnd = static_cast<long long>(kContainerHeaderSize) + tableBytes;
         // A table the object cannot hold is as invalid as one whose entries
         // overrun it; the read below would only find out later.
-        if (mObjectLength >= 0 && tableEnd > mObjectLength)
+        if (result.objectLength >= 0 && tableEnd > result.objectLength)
             throw std::runtime_error("Invalid offset table");
         std::vector<char> table;
         while (table.size() < tableBytes) {
@@ -76,32 +109,30 @@ bool ContainerFile::init()
             table.resize(static_cast<std::size_t>(have + want));
             long long const read =
                 readFully(static_cast<long long>(kContainerHeaderSize) + have, table.data() + have, want);
-            if (read < 0)
-                return false;
+            if (read < 0) {
+                result.error = "cannot be read";
+                return result;
+            }
             if (read < want)
                 throw std::runtime_error("Invalid offset table");
         }
-        return parseOffsetTable(table);
+        result.ok = parseOffsetTable(table, result);
     } catch (std::runtime_error const& error) {
-        mInitError = error.what();
+        result.error = error.what();
         traceError(error.what());
-        return false;
     }
+    return result;
 }
 
-bool ContainerFile::parseOffsetTable(std::vector<char> const& table)
+bool ContainerFile::parseOffsetTable(std::vector<char> const& table, Table& result)
 {
     try {
-        mEntries = parseOffsetTableEntries(table);
+        result.entries = parseOffsetTableEntries(table);
     } catch (std::runtime_error const& error) {
-        mInitError = error.what();
+        result.error = error.what();
         traceError(error.what());
         return false;
     }
-    // A name that occurs twice keeps its first entry. Names are compared
-    // whole: one holding a zero byte is never taken for its first part.
-    for (std::shared_ptr<Entry> const& entry : mEntries)
-        mIndex.emplace(std::string_view(entry->name), entry);
     return true;
 }
 
@@ -134,8 +165,8 @@ std::shared_ptr<ContainerFile::Entry> ContainerFile::findMember(char const* memb
 
 std::optional<ContainerFile::Range> ContainerFile::openMember(char const* member, LmSessionContextID context)
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!ensureInitialized())
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!ensureInitialized(lock))
         return std::nullopt;
     std::shared_ptr<Entry> const entry = findMember(member);
     if (!entry)
@@ -149,8 +180,8 @@ std::optional<ContainerFile::Range> ContainerFile::openMember(char const* member
 std::optional<ContainerFile::Range> ContainerFile::openMemberRange(char const* member, long long first,
                                                                    long long last)
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!ensureInitialized())
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!ensureInitialized(lock))
         return std::nullopt;
     std::shared_ptr<Entry> const entry = findMember(member);
     if (!entry)
@@ -161,8 +192,8 @@ std::optional<ContainerFile::Range> ContainerFile::openMemberRange(char const* m
 
 long long ContainerFile::fileLength(char const* member)
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!ensureInitialized())
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!ensureInitialized(lock))
         return -1;
     std::shared_ptr<Entry> const entry = findMember(member);
     if (!entry)
@@ -180,8 +211,8 @@ bool ContainerFile::removeContext(LmSessionContextID context)
 
 bool ContainerFile::load()
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return ensureInitialized();
+    std::unique_lock<std::mutex> lock(mMutex);
+    return ensureInitialized(lock);
 }
 
 std::string ContainerFile::initError() const
@@ -192,9 +223,9 @@ std::string ContainerFile::initError() const
 
 std::vector<ContainerFile::Entry> ContainerFile::entries()
 {
-    std::lock_guard<std::mutex> lock(mMutex);
+    std::unique_lock<std::mutex> lock(mMutex);
     std::vector<Entry> result;
-    if (!ensureInitialized())
+    if (!ensureInitialized(lock))
         return result;
     result.reserve(mEntries.size());
     for (std::shared_ptr<Entry> const& entry : mEntries)
@@ -204,8 +235,7 @@ std::vector<ContainerFile::Entry> ContainerFile::entries()
 
 std::chrono::steady_clock::time_point ContainerFile::lastAccess() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mLastAccess;
+    return mLastAccess.load();
 }
 
 } // namespace Kz

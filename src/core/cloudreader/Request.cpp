@@ -93,6 +93,21 @@ size_t Request::handleHeaderCallback(char* data, size_t size, size_t nmemb, void
     return static_cast<Request*>(request)->handleHeader(data, size * nmemb);
 }
 
+long long Request::rangeLast() const
+{
+    if (mStart + mReceived <= mEnd)
+        return mEnd;
+    // The stored bytes overran the chunk (a server that sent more than
+    // asked): stretch by whole chunk lengths, so the range is never empty.
+    long long const n = mEnd - mStart + 1;
+    return mStart + (mReceived / n + 1) * n - 1;
+}
+
+std::string Request::rangeText() const
+{
+    return std::to_string(mStart + mReceived) + "-" + std::to_string(rangeLast());
+}
+
 void Request::addRangeHeader()
 {
     if (mEnd < 0)
@@ -100,14 +115,25 @@ void Request::addRangeHeader()
     mHeaders.erase(std::remove_if(mHeaders.begin(), mHeaders.end(),
                                   [](std::string const& line) { return line.rfind("Range:", 0) == 0; }),
                    mHeaders.end());
-    long long last = mEnd;
-    if (mStart + mReceived > mEnd) {
-        // The stored bytes overran the chunk (a server that sent more than
-        // asked): stretch by whole chunk lengths, so the range is never empty.
-        long long const n = mEnd - mStart + 1;
-        last = mStart + (mReceived / n + 1) * n - 1;
-    }
-    mHeaders.push_back("Range: bytes=" + std::to_string(mStart + mReceived) + "-" + std::to_string(last));
+    if (!isLocalFile())
+        mHeaders.push_back("Range: bytes=" + rangeText());
+}
+
+void Request::describeLocalAnswer()
+{
+    // curl's file protocol gives the whole file's size as a Content-Length
+    // header line and no status: the answer is the range asked for, cut at
+    // the end of the file, as a server's 206 would say.
+    std::string const* size = mStatus->header("content-length");
+    long long const total = size ? std::atoll(size->c_str()) : mController->length();
+    long long const first = mStart + mReceived;
+    long long last = mEnd < 0 ? total - 1 : rangeLast();
+    if (total >= 0)
+        last = std::min(last, total - 1);
+    mStatus->responseCode = 206;
+    mStatus->headers.erase("content-range");
+    mStatus->headers.emplace("content-range", "bytes " + std::to_string(first) + "-" + std::to_string(last) +
+                                                  "/" + (total >= 0 ? std::to_string(total) : "*"));
 }
 
 bool Request::setOptions(std::string& url, std::vector<std::string>& headers)
@@ -133,6 +159,9 @@ bool Request::setOptions(std::string& url, std::vector<std::string>& headers)
         }
         mHeaderList = list;
     }
+    std::string const range = rangeText();
+    if (ok && isLocalFile() && mEnd >= 0)
+        ok = setOption(CURLOPT_RANGE, range.c_str()); // copied by curl
     ok = ok && (!mHeaderList || setOption(CURLOPT_HTTPHEADER, mHeaderList)) &&
          setOption(CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
          setOption(CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
@@ -233,6 +262,8 @@ size_t Request::write(char const* data, size_t size, size_t nmemb)
     // memory and connection back now rather than after the whole chunk.
     if (mController->stopped())
         return 0;
+    if (mStatus->bytesReceived == 0 && mStatus->responseCode == 0 && isLocalFile())
+        describeLocalAnswer();
     if (!isSuccess(mStatus->responseCode) || mStatus->curlError)
         return total; // the body of an error answer is dropped
     if (mStatus->bytesReceived == 0 && !validate())
@@ -340,7 +371,8 @@ bool Request::setFinished(CURLcode code)
         }
     }
     if (!mController->stopped()) {
-        bool const unrecoverable = mStatus->unrecoverable();
+        // A local file that can't be read won't be readable a moment later.
+        bool const unrecoverable = mStatus->unrecoverable() || isLocalFile();
         if (unrecoverable)
             log->tracef(3, kCategory, "%s %s unrecoverable error %d", "GET", url.c_str(),
                         mStatus->responseCode);

@@ -15,6 +15,7 @@
 #include <mdxlib/cloudreader/File.h>
 #include <mdxlib/cloudreader/FileController.h>
 #include <mdxlib/cloudreader/Statistics.h>
+#include <mdxlib/cloudreader/Writer.h>
 #include <mdxlib/curl/LmCurlClient.h>
 #include <mdxlib/curl/LmCurlHelper.h>
 #include <mdxlib/curl/LmCurlRawClient.h>
@@ -22,9 +23,12 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRandomGenerator>
 
 #include <curl/curl.h>
 
@@ -558,6 +562,128 @@ TEST_F(CloudReaderPeers, containersGoBySessionOrAgeWithoutDeadlockingTheReader)
     EXPECT_EQ(r.fileLength("http://h/old.kz/m"), 42);
     EXPECT_EQ(made, before + 2) << "expired while the reader was idle";
     EXPECT_EQ(r.openFile("http://h/none.kz", -1)->state(), Kz::File::FILE_BAD) << "no member: a plain object";
+}
+
+// A container our writer made, in nginx's folder: member names and bytes. Sizes cross the
+// 16 KiB pages and the 256 KiB chunks, and one member is empty.
+struct Container
+{
+    std::string path; // on disk; nginx serves it as kz/<name>
+    std::vector<std::pair<std::string, QByteArray>> members;
+};
+
+Container writeContainer(char const* name)
+{
+    Container made;
+    QString const folder = QString::fromStdString(env("MDX_PEER_DATA")) + "/kz";
+    QDir().mkpath(folder + "/in");
+    QRandomGenerator random(7);
+    std::vector<QString> inputs;
+    int const sizes[] = {1000, 0, 300000, 16384, 1, 70000, 5000, 600000, 17, 40000};
+    for (int i = 0; i < 10; ++i) {
+        QByteArray bytes(sizes[i], '\0');
+        for (char& c : bytes)
+            c = static_cast<char>(random.bounded(256));
+        std::string const member = "m" + std::to_string(i) + ".dcm";
+        QFile file(folder + "/in/" + QString::fromStdString(member));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+        inputs.push_back(file.fileName());
+        made.members.emplace_back(member, bytes);
+    }
+    made.path = (folder + "/" + name).toStdString();
+    EXPECT_TRUE(Kz::Writer().write(QString::fromStdString(made.path), inputs));
+    return made;
+}
+
+TEST_F(CloudReaderPeers, containerMembersOverHttpAndOnDiskAreByteExactAndAMissingMemberIsNone)
+{
+    Container const c = writeContainer("members.kz");
+    Kz::CloudReader& r = make();
+    LogCapture log;
+    for (std::string const& container : {nginx("kz/members.kz"), nginx("kz/members.kz", true), c.path}) {
+        for (auto const& [name, bytes] : c.members) {
+            std::shared_ptr<Kz::File> file = r.openFile(container + "/" + name, 5);
+            ASSERT_NE(file, nullptr) << container << "/" << name;
+            EXPECT_EQ(file->length(), bytes.size());
+            EXPECT_EQ(readAll(*file, 7001), bytes) << container << "/" << name;
+            EXPECT_EQ(file->state(), Kz::File::FILE_CLOSED);
+        }
+        EXPECT_EQ(r.fileLength(container + "/m7.dcm"), 600000);
+        auto range = r.openFileRange(container + "/m7.dcm", 299990, 300009);
+        ASSERT_NE(range, nullptr);
+        EXPECT_EQ(readAll(*range), c.members[7].second.mid(299990, 20));
+        EXPECT_EQ(r.openFile(container + "/none.dcm", 5), nullptr);
+        EXPECT_EQ(r.fileLength(container + "/none.dcm"), -1);
+    }
+    EXPECT_EQ(log.count(3, "does not include none.dcm"), 6);
+    EXPECT_EQ(r.statistics().totalNumContainerFiles.load(), 3);
+    EXPECT_EQ(r.statistics().totalNumFilesInContainer.load(), 33);
+    EXPECT_EQ(r.statistics().failedRequests.load(), 0);
+    r.releaseMemory(5); // the session's containers go; opening again makes a new one
+    EXPECT_NE(r.openFile(c.path + "/m0.dcm", -1), nullptr);
+    EXPECT_EQ(r.statistics().totalNumContainerFiles.load(), 4);
+}
+
+TEST_F(CloudReaderPeers, aBadOrTruncatedRemoteTableGivesNoMemberAndItsReason)
+{
+    Container const c = writeContainer("good.kz");
+    QFile good(QString::fromStdString(c.path));
+    ASSERT_TRUE(good.open(QIODevice::ReadOnly));
+    QByteArray const bytes = good.readAll();
+    QByteArray badMagic = bytes;
+    badMagic[33] = 'X';
+    struct Case
+    {
+        char const* name;
+        QByteArray bytes;
+        char const* reason;
+    } const cases[] = {
+        {"truncated.kz", bytes.left(80), "Invalid offset table"},
+        {"magic.kz", badMagic, "Invalid magic number"},
+        {"short.kz", bytes.left(20), "Unexpected length of header data"},
+        {"missing.kz", QByteArray(), "unrecoverable error 404"},
+    };
+    Kz::CloudReader& r = make();
+    for (Case const& bad : cases) {
+        if (!bad.bytes.isEmpty()) {
+            QFile file(QString::fromStdString(env("MDX_PEER_DATA")) + "/kz/" + bad.name);
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bad.bytes) == bad.bytes.size());
+        }
+        LogCapture log;
+        std::string const url = nginx("kz/") + bad.name;
+        EXPECT_EQ(r.openFile(url + "/m0.dcm", -1), nullptr) << bad.name;
+        EXPECT_EQ(r.openFile(url + "/m1.dcm", -1), nullptr) << bad.name;
+        EXPECT_EQ(log.count(3, bad.reason), 1) << bad.name << ": once, at the first access";
+    }
+}
+
+// Readers on several threads open members of one container at once: one table read, one
+// controller, every member byte-exact. (Also run under ThreadSanitizer.)
+TEST_F(CloudReaderPeers, concurrentOpensOfOneContainerShareItsTableAndController)
+{
+    Container const c = writeContainer("shared.kz");
+    Kz::CloudReader& r = make();
+    std::string const url = nginx("kz/shared.kz");
+    std::vector<std::shared_ptr<Kz::FileController>> controllers(6);
+    std::vector<std::thread> threads;
+    std::atomic<int> wrong{0};
+    for (size_t t = 0; t < controllers.size(); ++t)
+        threads.emplace_back([&, t] {
+            for (size_t i = 0; i < c.members.size(); ++i) {
+                auto const& [name, bytes] = c.members[(i + t) % c.members.size()];
+                std::shared_ptr<Kz::File> file = r.openFile(url + "/" + name, static_cast<int>(t));
+                if (!file || readAll(*file, 4096 + static_cast<long long>(t)) != bytes)
+                    ++wrong;
+                else
+                    controllers[t] = file->controller();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(r.statistics().totalNumContainerFiles.load(), 1);
+    for (auto const& controller : controllers)
+        EXPECT_EQ(controller, controllers[0]);
 }
 
 TEST_F(CloudReaderPeers, theReaderThreadIsJoinedPromptlyWithTransfersInFlight)
