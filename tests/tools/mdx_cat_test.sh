@@ -19,6 +19,12 @@ for src in "$HTTP/medium.bin" "$MDX_PEER_DATA/medium.bin"; do
   run 0 "cat --range of $src" cat --range 1048570-2097160 "$src"
   cmp -s range.bin out || fail "range of $src"
 done
+mkdir in && head -c 300000 /dev/urandom >in/m.dcm && "$MDX" kz create -q c.kz in/m.dcm || fail "kz create"
+for r in 100- 5-9; do
+  run 0 "cat --range $r of a member" cat --range "$r" c.kz/m.dcm
+  python3 -c "import sys; a,b=sys.argv[1].split('-'); d=open('in/m.dcm','rb').read()[int(a):int(b)+1 if b else None]; \
+sys.exit(d != open('out','rb').read())" "$r" || fail "cat --range $r of a member"
+done
 run 0 "cat of a local file" cat "$MDX_PEER_DATA/small.bin"
 cmp -s out "$MDX_PEER_DATA/small.bin" || fail "cat of a local file"
 run 3 "cat broken off" cat "http://127.0.0.1:$MDX_FAULT_PORT/o?id=catcut&size=3000000&close_after=1500000"
