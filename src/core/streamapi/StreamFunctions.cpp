@@ -54,9 +54,11 @@ int openCurl(LmCurlDownloadStream&& download, void** handle)
     return 0;
 }
 
+// A member the container doesn't hold comes as null; an object that failed
+// to open as a file already bad, which is no stream to hand out either.
 int openCloud(std::shared_ptr<Kz::File> file, void** handle)
 {
-    if (!file)
+    if (!file || file->state() == Kz::File::FILE_BAD)
         return -1;
     auto* record = new CloudStreamRecord;
     record->file = std::move(file);

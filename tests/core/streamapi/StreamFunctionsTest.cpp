@@ -129,6 +129,15 @@ TEST_F(StreamFunctionsTest, ReadsObjectsAndRanges)
     EXPECT_EQ(handle, reinterpret_cast<void*>(&handle)) << "a failed open wrote the handle";
 }
 
+TEST_F(StreamFunctionsTest, DeletesObjects)
+{
+    ASSERT_TRUE(writeFile(served("upload/gone.bin"), "bytes"));
+    EXPECT_TRUE(SendDeleteRequest(nginx("upload/gone.bin").c_str()));
+    EXPECT_FALSE(QFileInfo::exists(served("upload/gone.bin")));
+    EXPECT_FALSE(SendDeleteRequest(nginx("upload/gone.bin").c_str()));
+    EXPECT_FALSE(SendDeleteRequest(nullptr));
+}
+
 TEST_F(StreamFunctionsTest, BrokenTransferIsNoEnd)
 {
     void* handle = nullptr;
