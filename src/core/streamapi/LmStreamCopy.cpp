@@ -109,15 +109,16 @@ LmStreamCopy::Outcome LmStreamCopy::copy()
         log->warnf("%s: %s", lmRedactSecrets(mSource).c_str(), fault.c_str());
         mReason = "cannot read " + lmRedactSecrets(mSource) + ": " + fault;
         outcome = SourceFailed;
+    } else if (!out) {
+        // The pump stopped at the target's failure: the sizes can't match.
+        mReason = "cannot write " + lmRedactSecrets(mTarget);
+        outcome = TargetFailed;
     } else if (mSize > 0 && mBytes != mSize) {
         mReason = "size " + std::to_string(mBytes) + " differs from the expected " + std::to_string(mSize);
         outcome = CheckFailed;
     } else if (md5 && md5->result().toHex().toStdString() != mHash) {
         mReason = "MD5 " + md5->result().toHex().toStdString() + " differs from the expected " + mHash;
         outcome = CheckFailed;
-    } else if (!out) {
-        mReason = "cannot write " + lmRedactSecrets(mTarget);
-        outcome = TargetFailed;
     }
     std::string targetFault;
     if (!target.finish(outcome == Copied, targetFault) && outcome == Copied) {

@@ -129,12 +129,12 @@ TEST_F(StreamFunctionsTest, ReadsObjectsAndRanges)
     EXPECT_EQ(handle, reinterpret_cast<void*>(&handle)) << "a failed open wrote the handle";
 }
 
-TEST_F(StreamFunctionsTest, DeletesObjects)
+TEST_F(StreamFunctionsTest, DeleteGivesTheClientsAnswer)
 {
-    ASSERT_TRUE(writeFile(served("upload/gone.bin"), "bytes"));
-    EXPECT_TRUE(SendDeleteRequest(nginx("upload/gone.bin").c_str()));
-    EXPECT_FALSE(QFileInfo::exists(served("upload/gone.bin")));
-    EXPECT_FALSE(SendDeleteRequest(nginx("upload/gone.bin").c_str()));
+    // The client deletes cloud objects only: a plain URL is refused, untouched.
+    ASSERT_TRUE(writeFile(served("upload/kept.bin"), "bytes"));
+    EXPECT_FALSE(SendDeleteRequest(nginx("upload/kept.bin").c_str()));
+    EXPECT_TRUE(QFileInfo::exists(served("upload/kept.bin")));
     EXPECT_FALSE(SendDeleteRequest(nullptr));
 }
 
