@@ -159,9 +159,8 @@ bool Request::setOptions(std::string& url, std::vector<std::string>& headers)
         }
         mHeaderList = list;
     }
-    std::string const range = rangeText();
     if (ok && isLocalFile() && mEnd >= 0)
-        ok = setOption(CURLOPT_RANGE, range.c_str()); // copied by curl
+        ok = setOption(CURLOPT_RANGE, rangeText().c_str()); // copied by curl
     ok = ok && (!mHeaderList || setOption(CURLOPT_HTTPHEADER, mHeaderList)) &&
          setOption(CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
          setOption(CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
