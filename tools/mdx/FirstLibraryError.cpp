@@ -17,7 +17,7 @@ FirstLibraryError::FirstLibraryError()
             std::fprintf(stderr, "%s\n", message.c_str());
         std::lock_guard<std::mutex> lock(mMutex);
         if (level >= McLogFile::LevelError && mText.empty())
-            mText = message;
+            mText = message.substr(0, message.find('\n')); // one line for the command's one line
     });
 }
 

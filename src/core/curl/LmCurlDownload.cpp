@@ -531,7 +531,9 @@ LmCurlDownloadRequest* LmCurlDownloadStreambuf::request()
     LmCurlDownloadRequest* front = mRequests.front().get();
     if (front->mStatus->curlError)
         return front;
-    if (!mMultiGetStarted && front->mStatus->responseCode == 206)
+    // Parallel ranges follow only a first range of our own: a 206 to a
+    // caller's Range header is the whole answer, not a first chunk.
+    if (!mMultiGetStarted && front->mStatus->responseCode == 206 && front->mTo >= 0)
         startMultiGet();
     if (!front->mDone || front->hasSpilledBytes() || front->mIsHead)
         return front;
