@@ -33,10 +33,11 @@ TEST(ElementPool, elementsFreedOnAnotherThreadAreReused)
         for (TagElement* element : elements)
             delete element;
         EXPECT_EQ(TagElement::pooledBytesInUse(), inUse);
-        if (round == 1)
+        if (round == 1) {
             settled = TagElement::pooledBytesReserved();
-        else if (round > 1)
+        } else if (round > 1) {
             EXPECT_EQ(TagElement::pooledBytesReserved(), settled) << "round " << round;
+        }
     }
 }
 
