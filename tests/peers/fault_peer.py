@@ -17,6 +17,8 @@ Any path serves the stream of peerlib.py, shaped and broken as the query string 
     reset_after=K   (uploads) read K bytes of the request body, then reset the connection
     error200=1      answer 200 with an S3 <Error> document
     blocks=A,B      the committed block list (Azure Get Block List) names these blocks
+    file=PATH       serve the bytes of this local file instead of the stream (parsers need real
+                    content to be cut off in the middle of a value)
 Options may also stand in the path, as "/q/<options>/rest", for clients that add a query of
 their own (upload sessions). The test id is the options' "id". PUT answers 201 with an ETag, POST
 200, both with {"length", "sha256"} of the body, but the S3 and Azure control calls get the XML
@@ -121,7 +123,10 @@ class FaultHandler(peerlib.Handler):
         total = int(number("size", 1000))
         multipart = "multipart/related" in self.headers.get("Accept", "")
         whole = multipart_body(total) if multipart else None
-        total = len(whole) if multipart else total
+        if query.get("file") and not multipart:
+            with open(query["file"], "rb") as f:
+                whole = f.read()
+        total = len(whole) if whole is not None else total
         code, start, end = 200, 0, total  # [start, end)
         asked = self.headers.get("Range", "")
         if asked.startswith("bytes=") and not (faulty and query.get("ignore_range")):
@@ -147,7 +152,7 @@ class FaultHandler(peerlib.Handler):
         close_at = number("close_after") if faulty else None
         stall_at = number("stall_after") if faulty else None
         sent = 0
-        pieces = ([whole[i:min(i + 4096, end)] for i in range(start, end, 4096)] if multipart
+        pieces = ([whole[i:min(i + 4096, end)] for i in range(start, end, 4096)] if whole is not None
                   else peerlib.chunks(start, end, 4096))
         for data in pieces:
             if stall_at is not None and sent + len(data) > stall_at:

@@ -2,7 +2,8 @@
 """Debian's nginx as a throw-away loopback HTTP + HTTPS peer.
 
 `with NginxPeer(data_dir) as peer:` serves data_dir at / on peer.http_port and peer.https_port
-(ranges, HEAD, 416: nginx does all of that), with WebDAV PUT/DELETE under /upload/.
+(ranges, HEAD, 416: nginx does all of that), with WebDAV PUT/DELETE under /upload/, and data_dir/dcm/
+again under /ffs/ for requests with "Authorization: Bearer mdx-ffs-token" alone (a file server).
 """
 
 import os
@@ -38,6 +39,11 @@ http {{
         ssl_certificate {cert};
         ssl_certificate_key {key};
         location / {{ root {data}; }}
+        # A file server: the folder dcm/ again, for the bearer token "mdx-ffs-token" only.
+        location /ffs/ {{
+            alias {data}/dcm/;
+            if ($http_authorization != "Bearer mdx-ffs-token") {{ return 401; }}
+        }}
         location /upload/ {{
             root {data};
             dav_methods PUT DELETE MKCOL;
