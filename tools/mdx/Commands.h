@@ -27,5 +27,6 @@ int updateCommand(Arguments const& args);
 int cpCommand(Arguments const& args);
 int catCommand(Arguments const& args);
 int suvCommand(Arguments const& args);
+int volumeCommand(Arguments const& args);
 
 } // namespace mdxtool

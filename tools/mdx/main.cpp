@@ -51,6 +51,8 @@ void printUsage(std::FILE* out)
                "  cat URL               write a remote object to standard output through the\n"
                "                        cloud reader\n"
                "  suv FILE...           print the SUV parameters and factors of PET images\n"
+               "  volume SERIES_PATH OUT\n"
+               "                        write a volume file from a series of DICOM images\n"
                "  version               print the version\n"
                "\n"
                "Tag files lie in the meta folder: --meta=DIR, else MDX_META_FOLDER, else ./meta/.\n"
@@ -83,6 +85,7 @@ int main(int argc, char** argv)
         {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
         {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
         {"cat", mdxtool::catCommand},         {"suv", mdxtool::suvCommand},
+        {"volume", mdxtool::volumeCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

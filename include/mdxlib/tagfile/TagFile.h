@@ -35,6 +35,7 @@ class SeriesInfo;
 namespace Mdx {
 
 struct VolumeInfo;
+class Item;
 struct QAData;
 struct QASeriesMove;
 
@@ -92,6 +93,14 @@ public:
 
     TagMap* findImage(QByteArray const& sopInstanceUID);
     TagMap const* findImage(QByteArray const& sopInstanceUID) const;
+    // The image as stored under suffix (an empty suffix is not checked),
+    // with the QA corrections of qaVersion applied once (none below 1).
+    // Null for an unknown image or, with a warning, a suffix that differs.
+    TagMap* findImage(QByteArray const& sopInstanceUID, QByteArray const& suffix, int qaVersion);
+    // The same as an item view that shares the study's tree, so that it may
+    // outlive this tag file; empty when the image or its study is unknown.
+    std::shared_ptr<Item> findImageEx(QByteArray const& sopInstanceUID, QByteArray const& suffix,
+                                      int qaVersion);
     TagMap* findSeries(QByteArray const& seriesInstanceUID);
     TagMap const* findSeries(QByteArray const& seriesInstanceUID) const;
     // In order of SOP Instance UID.
