@@ -3,11 +3,17 @@
 #include <mdxlib/platform/McTypedData2D.h>
 
 LmVolumeData::LmVolumeData(McVec3i dims, int primType, std::vector<unsigned char> bytes)
-    : mDims(dims), mPrimType(primType), mBytes(std::move(bytes))
+    : mDims(dims)
+    , mPrimType(primType)
+    , mBytes(std::move(bytes))
 {
 }
 
-LmVolumeData::ReadLock::ReadLock(LmVolumeData const& data) : mData(data), mLock(data.mMutex) {}
+LmVolumeData::ReadLock::ReadLock(LmVolumeData const& data)
+    : mData(data)
+    , mLock(data.mMutex)
+{
+}
 
 void const* LmVolumeData::ReadLock::block() const
 {

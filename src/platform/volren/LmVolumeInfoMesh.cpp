@@ -45,8 +45,7 @@ double firstNumber(HxParamBundle const* dicom, char const* name, bool& found)
     return found ? std::atof(text.c_str()) : 0.0;
 }
 
-template <typename T>
-void valueRange(unsigned char const* pixels, size_t count, float& low, float& high)
+template <typename T> void valueRange(unsigned char const* pixels, size_t count, float& low, float& high)
 {
     for (size_t i = 0; i < count; ++i) {
         T value;
@@ -102,7 +101,8 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(OndraMesh* mesh, int 
     int slice = fullSlices > 0 ? static_cast<int>(static_cast<long long>(index) * dims[2] / fullSlices) : 0;
     slice = std::clamp(slice, 0, dims[2] - 1);
     if (!data->isLoaded() && !data->readData().ok()) {
-        log->tracef(McLogFile::LevelDebug, "TagFile", "Voxels of %s could not be read", printable.constData());
+        log->tracef(McLogFile::LevelDebug, "TagFile", "Voxels of %s could not be read",
+                    printable.constData());
         return nullptr;
     }
     auto info = std::make_unique<LmVolumeInfo>();

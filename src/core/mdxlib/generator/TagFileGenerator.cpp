@@ -122,7 +122,8 @@ bool TagFileGenerator::createTagFile(TagFile& tagFile, int studyId, char const* 
         report("read", ++done, mCounts.dicomFiles);
         LmDcmFileLoader loader(LmDcmFileLoader::MODE_DEFAULT);
         mLoadTimer.run();
-        OFCondition const status = loader.loadFile(path.c_str(), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);
+        OFCondition const status =
+            loader.loadFile(path.c_str(), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);
         if (status.good())
             loader.readUntilEnd(); // logs its own failure; the header is there
         mLoadTimer.stop();
@@ -146,7 +147,8 @@ bool TagFileGenerator::createTagFile(TagFile& tagFile, int studyId, char const* 
                 sopUID = printable(path);
             std::string const expected =
                 studyUID ? std::string(studyUID)
-                         : (tagFile.studies().isEmpty() ? std::string() : tagFile.studies().firstKey().toStdString());
+                         : (tagFile.studies().isEmpty() ? std::string()
+                                                        : tagFile.studies().firstKey().toStdString());
             if (uidOf(*dataset, DCM_StudyInstanceUID) == expected)
                 log->warnf("Image %s could not be added to tag map", sopUID.c_str());
             else

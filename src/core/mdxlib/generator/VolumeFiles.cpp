@@ -170,7 +170,8 @@ VolumeInfo* TagFileGenerator::createVolumeInfo(char const* path, QByteArray& ser
         info->hasPaddingValue = true;
     int paddingMin = 0;
     int paddingMax = 0;
-    if (mesh->findNum("PaddingRangeMin", 1, &paddingMin) && mesh->findNum("PaddingRangeMax", 1, &paddingMax)) {
+    if (mesh->findNum("PaddingRangeMin", 1, &paddingMin) &&
+        mesh->findNum("PaddingRangeMax", 1, &paddingMax)) {
         info->paddingValue = paddingMin;
         info->paddingRangeMax = paddingMax;
         info->hasPaddingValue = info->hasPaddingRangeMax = true;
@@ -224,8 +225,8 @@ VolumeInfo* TagFileGenerator::createVolumeInfo(char const* path, QByteArray& ser
 
     std::string const modality = dicomValue(dicom, "G0008-0060");
     mPreviewTimer.run();
-    QImage const image = PreviewGenerator::createPreviewImage(mesh.get(), file.c_str(), TagFile::sPreviewSize[0],
-                                                              TagFile::sPreviewSize[1], info->dims.z / 2);
+    QImage const image = PreviewGenerator::createPreviewImage(
+        mesh.get(), file.c_str(), TagFile::sPreviewSize[0], TagFile::sPreviewSize[1], info->dims.z / 2);
     if (!image.isNull()) {
         info->previewData = PreviewGenerator::createPreviewData(image);
         if (modality == "MG" && mesh->dicomAll())
@@ -268,8 +269,9 @@ void TagFileGenerator::recomputeSUVBox(LmVolume* volume, McBox3i& box)
     void const* block = lock.block();
     if (!block || low->primType() != McTypedData2D::UInt16)
         return;
-    box = LmSUVStatistics::computeSUVBox(volume->parameters(), full->dims(), low->dims(), volume->boundingBox(),
-                                         static_cast<unsigned short*>(const_cast<void*>(block)));
+    box =
+        LmSUVStatistics::computeSUVBox(volume->parameters(), full->dims(), low->dims(), volume->boundingBox(),
+                                       static_cast<unsigned short*>(const_cast<void*>(block)));
 }
 
 } // namespace Mdx

@@ -138,8 +138,8 @@ std::shared_ptr<TagFile> Loader::tagFileForStudy(QByteArray const& studyUID)
     return entry;
 }
 
-std::shared_ptr<Item> Loader::loadMetaData(char const* path, QByteArray const& sopUID, QByteArray const& studyUID,
-                                           LmSessionContextID session)
+std::shared_ptr<Item> Loader::loadMetaData(char const* path, QByteArray const& sopUID,
+                                           QByteArray const& studyUID, LmSessionContextID session)
 {
     if (!studyUID.isEmpty()) {
         std::shared_ptr<TagFile> const tagFile = tagFileForStudy(studyUID);
