@@ -41,11 +41,17 @@ std::string printable(std::string path)
     return path;
 }
 
+// A UID as the tree indexes it: its bytes whatever the VR, so that a file
+// that wrote its UIDs as UN is compared by the UID and not by DCMTK's hex
+// rendering of UN values.
 std::string uidOf(DcmDataset& dataset, DcmTagKey const& key)
 {
-    OFString value;
-    dataset.findAndGetOFString(key, value);
-    return std::string(value.c_str());
+    DcmElement* element = nullptr;
+    if (dataset.findAndGetElement(key, element).bad() || !element)
+        return std::string();
+    TagMap map;
+    map.setElement(element);
+    return TagFile::uidOf(&map, key).toStdString();
 }
 
 double nowSeconds()
@@ -175,8 +181,10 @@ bool TagFileGenerator::createTagFile(TagFile& tagFile, int studyId, char const* 
     for (QByteArray const& uid : previewUIDs) {
         report("previews", ++done, previewUIDs.size());
         auto const found = datasets.find(uid);
-        if (found != datasets.end() &&
-            tagFile.addPreview(found->second.dataset.get(), QString::fromStdString(found->second.path)))
+        // By the image itself: the dataset's own UID text may differ from the
+        // tree's key (UN values).
+        if (found != datasets.end() && tagFile.addPreview(tagFile.findImage(uid), found->second.dataset.get(),
+                                                          QString::fromStdString(found->second.path)))
             ++mCounts.previews;
     }
     mPreviewTimer.stop();
