@@ -322,4 +322,28 @@ TEST_F(GeneratorTest, SuvBoxOfPetVolume)
     EXPECT_EQ(box, expected);
 }
 
+// Volume files behind URLs, from nginx (run through run_with_peers.py; the
+// plain run skips).
+TEST_F(GeneratorTest, VolumeFilesByUrl)
+{
+    char const* port = std::getenv("MDX_NGINX_HTTP_PORT");
+    char const* data = std::getenv("MDX_PEER_DATA");
+    if (!port || !data)
+        GTEST_SKIP() << "needs the nginx peer";
+    std::unique_ptr<OndraMesh> mesh = makeMesh(McVec3i(8, 8, 2), {"1.5", "1.6"}, {{"G0020-000E", "7.7"}});
+    ASSERT_TRUE(mesh->write((std::string(data) + "/x-abc.exm").c_str()));
+    std::string const base = std::string("http://127.0.0.1:") + port + "/";
+    mdxtest::LogCapture log;
+    QByteArray series;
+    std::unique_ptr<Mdx::VolumeInfo> info(
+        generator.createVolumeInfo((base + "x-abc.exm?QA=0&x=1").c_str(), series));
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->fileName, "x-abc.exm");
+    EXPECT_EQ(info->imageUIDs.size(), 2u);
+    EXPECT_EQ(series, "7.7");
+    EXPECT_FALSE(info->previewData.isEmpty());
+    EXPECT_FALSE(generator.createVolumeInfo((base + "none-abc.exm").c_str(), series));
+    EXPECT_EQ(log.count(3, "failed: HTTP response code 404"), 1);
+}
+
 } // namespace
