@@ -209,8 +209,15 @@ Volume* Loader::loadVolume(char const* path, QByteArray const& seriesUID, TagFil
         log->tracef(0, kCategory, "Series %s not found in tag map", seriesUID.constData());
         return nullptr;
     }
+    // The part number lies in the file's name; a folder called "x_part2"
+    // says nothing about the volume.
+    char const* name = path;
+    for (char const* c = path; *c; ++c) {
+        if (isSeparator(*c))
+            name = c + 1;
+    }
     int index = 0;
-    if (char const* part = std::strstr(path, "_part"))
+    if (char const* part = std::strstr(name, "_part"))
         index = std::atoi(part + 5) - 1;
     if (index < 0 || index >= series->volumes().size()) {
         log->tracef(2, kCategory, "Illegal volume index. Cannot load volume from tag file (%s).", path);

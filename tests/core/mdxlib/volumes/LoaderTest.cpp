@@ -73,6 +73,7 @@ TEST_F(LoaderTest, VolumesByFileName)
         char const* trace;
     } const rows[] = {
         {"/v/s-abc_part001.exm", 0, nullptr},
+        {"/v_part2/s-abc_part001.exm", 0, nullptr},
         {"/v/s-abc.exm", -1, "does not match"},
         {"/v/s-anything_part002.exm", 1, nullptr}, // a stored "0" takes any name
         {"/v/plain_part003.exm", -1, "No filename suffix"},
