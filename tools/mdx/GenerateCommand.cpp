@@ -136,7 +136,7 @@ int generateCommand(Arguments const& args)
     } else if (!parsed.has("--quiet")) {
         std::printf("%s  %s\n", studyUID.c_str(), path.toLocal8Bit().constData());
         std::printf("  %d of %d DICOM files read into %d series (%d skipped), %d of %d volume files, "
-                    "%d previews\n",
+                    "%d 2D previews\n",
                     counts.images, counts.dicomFiles, tagFile.series().size(), counts.skipped, counts.volumes,
                     counts.volumeFiles, counts.previews);
         std::printf("  reading %d ms, volume files %d ms, previews %d ms, total %lld ms\n", loadMs, volumeMs,
