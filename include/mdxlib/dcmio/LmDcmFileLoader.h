@@ -96,6 +96,8 @@ public:
 private:
     OFCondition readStream(DcmInputStream& stream, E_TransferSyntax readXfer, E_GrpLenEncoding groupLength,
                            unsigned int maxReadLength, ReadCallback callback);
+    // Empties meta header and dataset: a failed transfer adds nothing.
+    void dropAll();
 
     Mode mMode;
     DcmFileFormat mFileFormat;

@@ -14,6 +14,7 @@
 
 #include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcistrmf.h"
+#include "dcmtk/dcmdata/dcmetinf.h"
 #include "dcmtk/dcmdata/dcpixel.h"
 #include "dcmtk/dcmdata/dcpixseq.h"
 #include "dcmtk/dcmdata/dcpxitem.h"
@@ -115,11 +116,17 @@ LmDcmFileLoader::LmDcmFileLoader(Mode mode)
 
 LmDcmFileLoader::~LmDcmFileLoader() = default;
 
+void LmDcmFileLoader::dropAll()
+{
+    mFileFormat.getMetaInfo()->clear();
+    mFileFormat.getDataset()->clear();
+}
+
 OFCondition LmDcmFileLoader::readStream(DcmInputStream& stream, E_TransferSyntax readXfer,
                                         E_GrpLenEncoding groupLength, unsigned int maxReadLength,
                                         ReadCallback callback)
 {
-    mFileFormat.clear();
+    dropAll();
     mFileFormat.transferInit();
     OFCondition cond;
     if (!callback) {
@@ -182,7 +189,7 @@ OFCondition LmDcmFileLoader::loadFile(OFFilename const& fileName, E_TransferSynt
         cond = readStream(stream, readXfer, groupLength, kWholeValues, callback);
         if (cloudTransferFailed(stream.producer(), !callback)) {
             log->errorf("Reading %s failed", name.c_str());
-            mFileFormat.clear();
+            dropAll();
             cond = EC_InvalidStream;
         }
     };
@@ -201,7 +208,7 @@ OFCondition LmDcmFileLoader::loadFile(OFFilename const& fileName, E_TransferSynt
             if (curlTransferFailed(stream.producer(), !callback)) {
                 log->errorf("Reading %s failed: the transfer broke off after %lld bytes", name.c_str(),
                             static_cast<long long>(stream.producer().position()));
-                mFileFormat.clear();
+                dropAll();
                 cond = EC_InvalidStream;
             }
         } else {
@@ -227,7 +234,7 @@ OFCondition LmDcmFileLoader::loadFile(OFFilename const& fileName, E_TransferSynt
                 cond = readStream(stream, readXfer, groupLength, kWholeValues, callback);
                 if (httpTransferFailed(stream.producer())) {
                     log->errorf("Reading %s failed: %s", name.c_str(), stream.producer().get().errorText());
-                    mFileFormat.clear();
+                    dropAll();
                     cond = EC_InvalidStream;
                 }
             } else {

@@ -19,10 +19,14 @@ bool McHttpGet::request(char const* url)
     mHttpStatus = 0;
     mError.clear();
     std::vector<std::string> headers;
-    if (!mBearerToken.empty())
+    // The client already sends the file server's token for its URLs; a
+    // second Authorization line makes servers refuse the request.
+    std::string const target = url ? url : "";
+    LmCurlHelper const& helper = *LmCurlClient::instance()->helper();
+    bool const sentByClient = helper.sessionID().empty() && helper.getFFS2BearerToken(target) == mBearerToken;
+    if (!mBearerToken.empty() && !sentByClient)
         headers.push_back("Authorization: Bearer " + mBearerToken);
-    mStream = std::make_unique<LmCurlDownloadStream>(
-        LmCurlClient::instance()->read(url ? url : "", headers, false));
+    mStream = std::make_unique<LmCurlDownloadStream>(LmCurlClient::instance()->read(target, headers, false));
     LmHttpStatus const& status = mStream->httpStatus();
     mHttpStatus = status.responseCode;
     if (status.curlError || mHttpStatus == 0) {
