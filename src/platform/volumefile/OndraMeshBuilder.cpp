@@ -187,6 +187,12 @@ McResult OndraMeshBuilder::build(int numParts, std::vector<std::unique_ptr<Ondra
         spacing = (slices.back()->normalPosition - slices.front()->normalPosition) / (numSlices - 1);
         if (!(spacing > 1e-6))
             return fail("the images share one position");
+        // Two images at one place would make the slices uneven, and the
+        // volume's geometry wrong from there on.
+        for (int i = 1; i < numSlices; ++i)
+            if (slices[size_t(i)]->normalPosition - slices[size_t(i) - 1]->normalPosition < spacing * 0.01)
+                return fail("images " + slices[size_t(i) - 1]->sopUID + " and " + slices[size_t(i)]->sopUID +
+                            " lie at the same position");
     }
     int begin = 0;
     for (int part = 0; part < numParts; ++part) {
