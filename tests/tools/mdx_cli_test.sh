@@ -156,7 +156,7 @@ run 0 "rm study" rm --meta meta $STUDY
 # ---- catalog (SQLite): idempotent add, a moved file keeps one row, ls and
 # --json, MDX_CATALOG and the default file under XDG_DATA_HOME
 run 0 "catalog add" catalog add --catalog="$W/c.sqlite" part "$PYDICOM"
-has out "^recorded [0-9]+ images of [0-9]+ series in [0-9]+ studies; skipped [0-9]+ files$" "catalog add reports"
+has out "^recorded [0-9]+ images of [0-9]+ series in [0-9]+ studies and 0 volume files; skipped [0-9]+ files$" "catalog add reports"
 run 0 "catalog add again" catalog add -q --catalog="sqlite:$W/c.sqlite" part "$PYDICOM"
 [ ! -s out ] || fail "catalog add -q prints nothing"
 mkdir moved && mv part/brain_001.dcm moved/
@@ -248,6 +248,16 @@ run 0 "volume in parts" volume -q --parts 3 "$BRAIN" vol/brain-abc.exm
 run 1 "volume with too many parts" volume --parts 21 "$BRAIN" vol/x.exm
 one_line "volume with too many parts"
 run 4 "volume of no images" volume "$W/vol" vol/none.exm
+
+# generate: the study's tag file from the catalog, with its volume files
+run 0 "catalog add volumes" catalog add --catalog="$W/g.sqlite" "$BRAIN" vol
+has out " and 4 volume files;" "catalog add records volume files"
+run 0 "generate" generate --json --meta gmeta --catalog="$W/g.sqlite" $STUDY
+json "d['images'] == 20 and d['volumes'] == 4 and d['skipped'] == 0 and d['written']" "generate --json"
+run 0 "ls of a generated study" ls --meta gmeta $STUDY
+has out "1 series, 20 images, 4 volumes" "generate attaches the volumes"
+run 2 "generate of a study the catalog lacks" generate --meta gmeta --catalog="$W/g.sqlite" 1.2.3
+one_line "generate of a study the catalog lacks"
 
 [ "$FAILS" -eq 0 ] || { echo "$FAILS mdx command-line checks failed" >&2; exit 1; }
 echo "mdx command-line checks passed"

@@ -7,6 +7,7 @@
 #include "Scanner.h"
 
 #include <mdxlib/platform/Catalog.h>
+#include <mdxlib/platform/volumefile/OndraMesh.h>
 #include <mdxlib/tagfile/OrderedImageLoader.h>
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tags/TagMap.h>
@@ -15,6 +16,7 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -37,7 +39,8 @@ CommandSyntax const& addSyntax()
         "catalog add",
         "PATH...",
         "Records the DICOM files in the given files and folders (recursively) in the study\n"
-        "catalog: their studies, series and images with each image's path and suffix. Adding\n"
+        "catalog: their studies, series and images with each image's path and suffix, and\n"
+        "volume files (mdx volume) under the series they name. Adding\n"
         "a file again changes nothing; a file found under a new path gets that path. Files\n"
         "that are not DICOM images are counted and skipped.",
         {helpOption(), quietOption(), verboseOption(), catalogOption()}};
@@ -111,6 +114,40 @@ McResult record(Catalog& catalog, Mdx::TagMap const& image, QByteArray const& pa
     return result;
 }
 
+// A volume file starts with its magic.
+bool isVolumeFile(QByteArray const& path)
+{
+    QFile file(QString::fromUtf8(path));
+    return file.open(QIODevice::ReadOnly) && file.read(8) == "OndraVol";
+}
+
+// Records a volume file under the series its header names; known is false
+// when the catalog has no such series (nothing is recorded then). Its place
+// in the series is its part number.
+McResult recordVolumeFile(Catalog& catalog, QByteArray const& path, bool& known)
+{
+    known = false;
+    std::unique_ptr<OndraMesh> mesh(OndraMesh::read(path.constData(), true, nullptr));
+    HxParamBundle const* dicom = mesh ? mesh->dicomAll() : nullptr;
+    std::string studyUID, seriesUID;
+    if (!dicom || !dicom->findString("G0020-000D", studyUID) || !dicom->findString("G0020-000E", seriesUID))
+        return McResult();
+    std::optional<Lmg::CatalogStudy> study;
+    std::vector<Lmg::CatalogSeries> series;
+    McResult result = catalog.findStudy(studyUID, study);
+    if (result.ok() && study)
+        result = catalog.seriesOfStudy(study->id, series);
+    int part = 0;
+    mesh->findNum("Part", 1, &part);
+    for (Lmg::CatalogSeries const& one : series) {
+        if (result.ok() && one.uid == seriesUID) {
+            known = true;
+            return catalog.addVolumeFile({path.toStdString(), one.id, part});
+        }
+    }
+    return result;
+}
+
 int addCommand(Arguments const& args)
 {
     CommandSyntax const& syntax = addSyntax();
@@ -133,6 +170,7 @@ int addCommand(Arguments const& args)
         paths.push_back(QFileInfo(file).absoluteFilePath().toUtf8());
     progress.phase("read", static_cast<int64_t>(paths.size()), "files");
     std::map<QByteArray, int64_t> studies, series;
+    std::vector<QByteArray> volumeFiles;
     int64_t images = 0, done = 0;
     SkipCounts skipped;
     McResult result = catalog->begin();
@@ -140,6 +178,10 @@ int addCommand(Arguments const& args)
                            [&](int index, std::unique_ptr<Mdx::TagMap> image, Mdx::TagFile::AddResult why) {
                                progress.update(++done);
                                QByteArray const& path = paths[static_cast<size_t>(index)];
+                               if (!image && why == Mdx::TagFile::AddResult::NotDicom && isVolumeFile(path)) {
+                                   volumeFiles.push_back(path);
+                                   return true;
+                               }
                                if (!image) {
                                    skipped.count(why);
                                    if (parsed.has("--verbose"))
@@ -151,6 +193,15 @@ int addCommand(Arguments const& args)
                                return result.ok();
                            });
     progress.finish();
+    // Volume files after the images, so that their series are known.
+    int64_t volumes = 0;
+    for (size_t i = 0; result.ok() && i < volumeFiles.size(); ++i) {
+        bool known = false;
+        result = recordVolumeFile(*catalog, volumeFiles[i], known);
+        volumes += known ? 1 : 0;
+        if (result.ok() && !known)
+            warn("skipped %s: a volume file of a series not in the catalog", volumeFiles[i].constData());
+    }
     if (result.ok())
         result = catalog->commit();
     else
@@ -158,12 +209,14 @@ int addCommand(Arguments const& args)
     if (!result.ok())
         return fail(ExitCode::OutputError, "cannot write to the catalog: %s", result.message().c_str());
     if (!parsed.has("--quiet"))
-        std::printf("recorded %lld images of %zu series in %zu %s; skipped %lld files\n",
-                    static_cast<long long>(images), series.size(), studies.size(),
-                    studies.size() == 1 ? "study" : "studies", static_cast<long long>(done - images));
+        std::printf(
+            "recorded %lld images of %zu series in %zu %s and %lld volume files; skipped %lld files\n",
+            static_cast<long long>(images), series.size(), studies.size(),
+            studies.size() == 1 ? "study" : "studies", static_cast<long long>(volumes),
+            static_cast<long long>(done - images - volumes));
     if (images == 0 && files.isEmpty() && missing.size() == parsed.positional.size())
         return status(ExitCode::NoInput);
-    if (images == 0)
+    if (images == 0 && volumes == 0)
         return fail(ExitCode::NothingFound, "no DICOM image found (%lld files read)",
                     static_cast<long long>(done));
     return status(ExitCode::Ok);

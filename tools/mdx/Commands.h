@@ -19,6 +19,7 @@ int dumpCommand(Arguments const& args);
 int rmCommand(Arguments const& args);
 int catalogCommand(Arguments const& args);
 int syncCommand(Arguments const& args);
+int generateCommand(Arguments const& args);
 int jsonCommand(Arguments const& args);
 int mergeCommand(Arguments const& args);
 int kzCommand(Arguments const& args);

@@ -32,6 +32,8 @@ void printUsage(std::FILE* out)
                "  catalog add PATH...   record the studies, series and images of DICOM files in\n"
                "                        the study catalog\n"
                "  catalog ls [STUDYUID] list the catalog's studies, or one study's series\n"
+               "  generate STUDYUID     build a study's tag file from the files the catalog lists:\n"
+               "                        images, volume files, previews\n"
                "  sync STUDYUID         make a study's tag file agree with the catalog\n"
                "  merge TAGFILE...      fold partial tag files into their studies' tag files\n"
                "  kz create OUT.kz FILE...\n"
@@ -88,6 +90,7 @@ int main(int argc, char** argv)
         {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
         {"cat", mdxtool::catCommand},         {"suv", mdxtool::suvCommand},
         {"volume", mdxtool::volumeCommand},
+        {"generate", mdxtool::generateCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

@@ -16,6 +16,7 @@
 
 class DcmDataset;
 class LmVolumeInfo;
+class OndraMesh;
 
 namespace Mdx {
 
@@ -26,6 +27,14 @@ public:
     // Null when its pixels cannot be read or shown.
     static QImage createPreviewImage(DcmDataset* dataset, unsigned long maxWidth, unsigned long maxHeight,
                                      QString const& filePath);
+    // Slice index of a volume file's voxels, windowed and fitted into the
+    // box; name is the file's, for messages. Null for a null mesh or name,
+    // or a file without voxels to show.
+    static QImage createPreviewImage(OndraMesh* mesh, char const* name, unsigned long maxWidth,
+                                     unsigned long maxHeight, int index);
+    // A picture already taken from a volume (a rendering, a media frame),
+    // fitted into the tag file's preview box. Null for an empty picture.
+    static QImage createPreviewImage(OndraMesh* mesh, McTypedData2D const& image);
     // A representative picture of the media file at path (a still image;
     // videos need a decoder the build lacks), reduced to fit width by
     // height. Empty when path is not a readable regular file.

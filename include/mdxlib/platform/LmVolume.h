@@ -6,9 +6,12 @@
 
 #include <mdxlib/Export.h>
 #include <mdxlib/platform/HxParamBundle.h>
+#include <mdxlib/platform/LmVolumeData.h>
+#include <mdxlib/platform/McBox3f.h>
 
 #include <functional>
 #include <map>
+#include <memory>
 
 class MDX_EXPORT LmVolume
 {
@@ -40,6 +43,14 @@ public:
     bool dataLevels(float& min, float& max) const;
     void setDataLevels(float min, float max);
 
+    // The voxels of resolution level 0 (full) or 1 (coarser), null when not
+    // loaded; the volume owns them.
+    LmVolumeData* data(int level) const;
+    void setData(int level, std::unique_ptr<LmVolumeData> data);
+    // World-space box of the voxel centres of level 0.
+    McBox3f const& boundingBox() const { return mBoundingBox; }
+    void setBoundingBox(McBox3f const& box) { mBoundingBox = box; }
+
     // Tells the observers that what (kRescaleChanged, ...) changed.
     virtual void update(int what);
     // Returns an id for removeObserver.
@@ -51,5 +62,7 @@ private:
     float mRescaleSlope = 1.0f;
     float mRescaleIntercept = 0.0f;
     std::map<int, Observer> mObservers;
+    std::unique_ptr<LmVolumeData> mData[2];
+    McBox3f mBoundingBox;
     int mNextObserver = 1;
 };

@@ -17,6 +17,7 @@
 class DcmDataset;
 class DicomImage;
 class McTypedData2D;
+class OndraMesh;
 
 class MDX_EXPORT LmVolumeInfo
 {
@@ -50,6 +51,15 @@ public:
                                                         unsigned long maxWidth, unsigned long maxHeight,
                                                         QString const& filePath,
                                                         std::unique_ptr<DicomImage>* pixelData);
+
+    // Slice index of a volume file's voxels (counted on its full-resolution
+    // level), taken from its coarser level when the file has one, since a
+    // preview needs few pixels and that level is an eighth of the bytes.
+    // The window is the first Window Center/Width of its DICOM attributes
+    // brought to stored values, else the slice's range. Null when the file
+    // has no voxels of a type the preview can show, or they cannot be read.
+    static std::unique_ptr<LmVolumeInfo> readVolumeInfo(OndraMesh* mesh, int index, unsigned long maxWidth,
+                                                        unsigned long maxHeight, QString const& name);
 
     // A view of image with the window 0..255, as for 8-bit pictures; image
     // must outlive the result.

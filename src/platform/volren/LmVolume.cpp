@@ -47,3 +47,14 @@ void LmVolume::removeObserver(int id)
 {
     mObservers.erase(id);
 }
+
+LmVolumeData* LmVolume::data(int level) const
+{
+    return level == 0 || level == 1 ? mData[level].get() : nullptr;
+}
+
+void LmVolume::setData(int level, std::unique_ptr<LmVolumeData> data)
+{
+    if (level == 0 || level == 1)
+        mData[level] = std::move(data);
+}

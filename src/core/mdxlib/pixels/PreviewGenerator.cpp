@@ -2,6 +2,7 @@
 #include <mdxlib/platform/LmCompressedDataMedia.h>
 #include <mdxlib/platform/LmVolumeInfo.h>
 #include <mdxlib/platform/McLogFile.h>
+#include <mdxlib/tagfile/TagFile.h>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmimgle/dcmimage.h"
@@ -186,6 +187,26 @@ QImage PreviewGenerator::createPreviewImage(DcmDataset* dataset, unsigned long m
     int const limitW = static_cast<int>(std::min<unsigned long>(maxWidth, INT_MAX));
     int const limitH = static_cast<int>(std::min<unsigned long>(maxHeight, INT_MAX));
     return convertToQImage(info.get(), limitW, limitH);
+}
+
+QImage PreviewGenerator::createPreviewImage(OndraMesh* mesh, char const* name, unsigned long maxWidth,
+                                            unsigned long maxHeight, int index)
+{
+    if (!mesh || !name)
+        return QImage();
+    std::unique_ptr<LmVolumeInfo> info =
+        LmVolumeInfo::readVolumeInfo(mesh, index, maxWidth, maxHeight, QString::fromLocal8Bit(name));
+    int const limitW = static_cast<int>(std::min<unsigned long>(maxWidth, INT_MAX));
+    int const limitH = static_cast<int>(std::min<unsigned long>(maxHeight, INT_MAX));
+    return convertToQImage(info.get(), limitW, limitH);
+}
+
+QImage PreviewGenerator::createPreviewImage(OndraMesh* /*mesh*/, McTypedData2D const& image)
+{
+    if (image.isEmpty())
+        return QImage();
+    std::unique_ptr<LmVolumeInfo> info = LmVolumeInfo::fromTypedData(image);
+    return convertToQImage(info.get(), TagFile::sPreviewSize[0], TagFile::sPreviewSize[1]);
 }
 
 McTypedData2D PreviewGenerator::createPreviewImage(QString const& path, int width, int height)
