@@ -1,5 +1,6 @@
-// How item views load the DICOM file behind a tag map: one function, so that
-// the source of objects (local files today) can change in one place.
+// How item views load the DICOM file behind a tag map: one function over the
+// file loader, which reads local files, URLs, file-server paths and
+// container members alike.
 #pragma once
 
 #include "dcmtk/config/osconfig.h"

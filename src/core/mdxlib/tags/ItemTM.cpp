@@ -7,6 +7,7 @@
 
 #include "DicomFileLoad.h"
 
+#include <mdxlib/dcmio/LmDcmFileLoader.h>
 #include <mdxlib/platform/McLogFile.h>
 
 #include "dcmtk/dcmdata/dcdatset.h"
@@ -21,12 +22,19 @@ namespace Mdx {
 
 OFCondition loadDicomDataset(char const* path, std::shared_ptr<DcmDataset>& dataset)
 {
-    DcmFileFormat file;
+    // Through the file loader, so that a path may name a URL, a file-server
+    // path or a container member as well as a local file. Values above 4 KB
+    // stay on disk until read where the road can reopen its file: a view
+    // asks for one omitted value, not for the pixel data.
+    LmDcmFileLoader::Mode const mode = LmDcmFileLoader::defaultMode() == LmDcmFileLoader::MODE_SUSPEND_FILE
+                                           ? LmDcmFileLoader::MODE_FILE
+                                           : LmDcmFileLoader::MODE_DEFAULT;
+    LmDcmFileLoader loader(mode);
     OFCondition const status =
-        file.loadFile(OFFilename(path), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);
+        loader.loadFile(OFFilename(path), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);
     if (status.bad())
         return status;
-    dataset.reset(file.getAndRemoveDataset());
+    dataset.reset(loader.fileFormat().getAndRemoveDataset());
     return dataset ? status : OFCondition(EC_IllegalCall);
 }
 

@@ -43,8 +43,9 @@ protected:
         std::optional<Lmg::CatalogStudy> found;
         EXPECT_TRUE(catalog->findStudy(uid, found).ok());
         Lmg::CatalogStudy study = found ? *found : Lmg::CatalogStudy{0, uid, "", "", ""};
-        if (!found)
+        if (!found) {
             EXPECT_TRUE(catalog->addStudy(study).ok());
+        }
         for (QString const& file : files) {
             std::unique_ptr<Mdx::TagMap> image(Mdx::TagFile::loadImage(QFile::encodeName(file)));
             Lmg::CatalogSeries series;
