@@ -9,19 +9,8 @@
 # Environment: MDX_BENCH_BUILD (build folder, default build/bench).
 set -euo pipefail
 
-here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-build=${MDX_BENCH_BUILD:-$root/build/bench}
-bench=$build/bench/streamapi/bench_streamapi
-if [ ! -x "$bench" ]; then
-  echo "run.sh: $bench is missing; build it first:" >&2
-  echo "  cmake -S $root -B $build -G Ninja -DCMAKE_BUILD_TYPE=Release -DMDX_BUILD_BENCH=ON -DMDX_BUILD_TESTS=OFF" >&2
-  echo "  cmake --build $build --target bench_streamapi" >&2
-  exit 2
-fi
-base=${TMPDIR:-/tmp}
-[ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
-data=$(mktemp -d "$base/mdx-bench-streamapi.XXXXXX")
+source "$(dirname "$0")/../support/bench_lib.sh"
+bench_setup streamapi -
 config=$(mktemp -d)
 trap 'rm -rf "$data" "$config"' EXIT
 mkdir -p "$config/exconverter.x64"
