@@ -89,8 +89,7 @@ int main(int argc, char** argv)
         {"update", mdxtool::updateCommand},   {"cp", mdxtool::cpCommand},
         {"preview", mdxtool::previewCommand}, {"json", mdxtool::jsonCommand},
         {"cat", mdxtool::catCommand},         {"suv", mdxtool::suvCommand},
-        {"volume", mdxtool::volumeCommand},
-        {"generate", mdxtool::generateCommand},
+        {"volume", mdxtool::volumeCommand},   {"generate", mdxtool::generateCommand},
     };
     if (argc < 2) {
         printUsage(stderr);

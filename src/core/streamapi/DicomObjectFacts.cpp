@@ -56,10 +56,11 @@ bool isItemTag(QByteArray const& bytes, int at)
 int behindPixelDataHeader(QByteArray const& bytes)
 {
     static char const tag[4] = {'\xE0', '\x7F', '\x10', '\x00'};
-    for (int at = bytes.indexOf(QByteArray(tag, 4)); at >= 0; at = bytes.indexOf(QByteArray(tag, 4), at + 1)) {
+    for (int at = bytes.indexOf(QByteArray(tag, 4)); at >= 0;
+         at = bytes.indexOf(QByteArray(tag, 4), at + 1)) {
         QByteArray const vr = bytes.mid(at + 4, 2);
-        if ((vr == "OB" || vr == "OW") && bytes.size() >= at + 12 && littleEndian32(bytes, at + 8) == 0xFFFFFFFFu &&
-            isItemTag(bytes, at + 12))
+        if ((vr == "OB" || vr == "OW") && bytes.size() >= at + 12 &&
+            littleEndian32(bytes, at + 8) == 0xFFFFFFFFu && isItemTag(bytes, at + 12))
             return at + 12;
     }
     return -1;
@@ -68,7 +69,8 @@ int behindPixelDataHeader(QByteArray const& bytes)
 // The first fragment of encapsulated pixel data whose header lies at or a
 // little behind estimate: the item behind the basic offset table, which is
 // the first item.
-bool findFirstFragment(std::string const& path, long long estimate, unsigned long long& offset, unsigned int& length)
+bool findFirstFragment(std::string const& path, long long estimate, unsigned long long& offset,
+                       unsigned int& length)
 {
     long long const from = std::max(0LL, estimate - kSlack);
     QByteArray head;
@@ -90,9 +92,8 @@ bool findFirstFragment(std::string const& path, long long estimate, unsigned lon
 // before it: preamble, magic, meta header, the elements before it.
 long long pixelDataEstimate(DcmMetaInfo* meta, DcmDataset& dataset)
 {
-    long long const metaLength = meta && !meta->isEmpty()
-                                     ? 132 + meta->getLength(EXS_LittleEndianExplicit, EET_ExplicitLength)
-                                     : 0;
+    long long const metaLength =
+        meta && !meta->isEmpty() ? 132 + meta->getLength(EXS_LittleEndianExplicit, EET_ExplicitLength) : 0;
     return metaLength + dataset.getLength(dataset.getOriginalXfer(), EET_ExplicitLength);
 }
 
@@ -119,7 +120,8 @@ int videoMetaInfo(char const* path, char* sopInstanceUid, unsigned long long* nu
     *cineRate = static_cast<unsigned long long>(value);
     if (!tStoppedAtPixelData)
         return 1;
-    return findFirstFragment(path, pixelDataEstimate(loader.getMetaInfo(), *dataset), *dataOffset, *dataLength)
+    return findFirstFragment(path, pixelDataEstimate(loader.getMetaInfo(), *dataset), *dataOffset,
+                             *dataLength)
                ? 0
                : 1;
 }
