@@ -1,6 +1,9 @@
 // Elements made on threads that end and freed on another, as a parallel
 // build makes and frees them, are reused: rounds of the same size leave the
-// pool where the first rounds left it. Runs under ThreadSanitizer as well.
+// pool near where the first rounds left it. Near, not at: the freeing
+// thread keeps up to two batches (512 blocks) in its own list, and how many
+// it holds when a round starts depends on what ran before in the process.
+// Without reuse each round would add its 20,000 elements again. Runs under ThreadSanitizer as well.
 // (AddressSanitizer builds take every element from the heap: both figures
 // stay 0 there.)
 #include <mdxlib/tags/TagElement.h>
@@ -20,7 +23,8 @@ TEST(ElementPool, elementsFreedOnAnotherThreadAreReused)
     constexpr int kCount = 20000;
     size_t const inUse = TagElement::pooledBytesInUse();
     size_t settled = 0;
-    for (int round = 0; round < 4; ++round) {
+    size_t const slack = 512 * sizeof(TagElement);
+    for (int round = 0; round < 6; ++round) {
         std::vector<TagElement*> elements;
         std::thread worker([&] {
             for (int i = 0; i < kCount; ++i)
@@ -36,7 +40,7 @@ TEST(ElementPool, elementsFreedOnAnotherThreadAreReused)
         if (round == 1) {
             settled = TagElement::pooledBytesReserved();
         } else if (round > 1) {
-            EXPECT_EQ(TagElement::pooledBytesReserved(), settled) << "round " << round;
+            EXPECT_LE(TagElement::pooledBytesReserved(), settled + slack) << "round " << round;
         }
     }
 }
