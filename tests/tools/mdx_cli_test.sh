@@ -238,15 +238,16 @@ echo "<Job" > broken.xml
 run 6 "update with broken XML" update --meta meta $STUDY broken.xml
 has err "Error reading OMA job XML" "the job's own failure line"
 
-# volume: a volume file from the brain series, and the same split into parts.
+# volume: a volume file from the brain series, and the same written as three
+# slab files.
 run 0 "volume help" volume --help
 run 0 "volume" volume --json "$BRAIN" vol/brain-abc.exm
 json "d['images'] == 20 and d['files'][0]['slices'] == 20" "volume --json"
-run 0 "volume in parts" volume -q --parts 3 "$BRAIN" vol/brain-abc.exm
-[ -s vol/brain-abc_part001.exm ] && [ -s vol/brain-abc_part003.exm ] && [ ! -e vol/brain-abc_part004.exm ] ||
-  fail "volume --parts 3: not the files _part001 to _part003"
-run 1 "volume with too many parts" volume --parts 21 "$BRAIN" vol/x.exm
-one_line "volume with too many parts"
+run 0 "volume split" volume -q --split=3 "$BRAIN" vol/brain-abc.exm
+slab() { printf 'vol/brain-abc_part%03d.exm' "$1"; }
+[ -s "$(slab 1)" ] && [ -s "$(slab 3)" ] && [ ! -e "$(slab 4)" ] || fail "volume --split=3: not three slab files"
+run 1 "volume split too fine" volume --split=21 "$BRAIN" vol/x.exm
+one_line "volume split too fine"
 run 4 "volume of no images" volume "$W/vol" vol/none.exm
 
 # generate: the study's tag file from the catalog, with its volume files

@@ -35,15 +35,15 @@ CommandSyntax const& volumeSyntax()
         "Reads the DICOM images of one series (a folder, searched recursively, or\n"
         "single files) and writes the volume file OUT: slices sorted along their\n"
         "normal, geometry from Image Position and Orientation (Patient), the voxels at\n"
-        "full and at half resolution, and a histogram. With --parts N the volume is\n"
-        "split into N slabs of consecutive slices, written as OUT with _part001 (the\n"
+        "full and at half resolution, and a histogram. With --split N the volume is\n"
+        "cut into N slabs of consecutive slices, written as OUT with _part001 (the\n"
         "first slab) to _partNNN put before its extension. Files that are no DICOM\n"
         "image are skipped with a warning; an image that does not fit the series\n"
         "(another series, size or orientation) ends the command.",
         {helpOption(),
          quietOption(),
          jsonOption(),
-         {"--parts", 0, "N", "split into N part files (default 1)"}}};
+         {"--split", 0, "N", "write N files of consecutive slices (default 1)"}}};
     return syntax;
 }
 
@@ -81,12 +81,12 @@ int volumeCommand(Arguments const& args)
     if (parsed.positional.size() != 2)
         return usageError(volumeSyntax(), "give SERIES_PATH and OUT");
     int parts = 1;
-    if (parsed.values.count("--parts")) {
-        std::string const text = parsed.value("--parts");
+    if (parsed.values.count("--split")) {
+        std::string const text = parsed.value("--split");
         char* end = nullptr;
         long const n = std::strtol(text.c_str(), &end, 10);
         if (text.empty() || *end != '\0' || n < 1 || n > 999)
-            return fail(ExitCode::Usage, "--parts takes a number from 1 to 999, not '%s'", text.c_str());
+            return fail(ExitCode::Usage, "--split takes a number from 1 to 999, not '%s'", text.c_str());
         parts = static_cast<int>(n);
     }
     QString const input = QString::fromLocal8Bit(parsed.positional[0].c_str());
@@ -123,7 +123,7 @@ int volumeCommand(Arguments const& args)
     if (builder.numImages() == 0)
         return fail(ExitCode::NothingFound, "no DICOM image in %s", parsed.positional[0].c_str());
     if (parts > builder.numImages())
-        return fail(ExitCode::Usage, "--parts %d is more than the %d images", parts, builder.numImages());
+        return fail(ExitCode::Usage, "--split %d is more than the %d images", parts, builder.numImages());
 
     std::vector<std::unique_ptr<OndraMesh>> meshes;
     McResult const built = builder.build(parts, meshes);
