@@ -81,6 +81,11 @@ public:
     static bool setCloudReaderEnabled(bool enabled);
     static Mode defaultMode();
     static bool cloudReaderEnabled();
+    // The mode for a reader that wants values above its maximum read length
+    // left on disk (headers, omitted values): the plain file stream, the one
+    // road that honours that length, where the default is the suspendable
+    // local file; otherwise the default, as a path may then not be local.
+    static Mode leaveLargeValuesMode();
 
     // A file-server path ("/Storage/host/..." or "//host/...", backslashes
     // allowed) becomes "http://host:<port>/..." in place; false, with path

@@ -78,14 +78,14 @@ bool LmBearerToken::fetchFromEndpoint(LmCurlClient& client, std::string const& u
 {
     LmHttpStatus status;
     QJsonDocument const answer = client.postBytes(url, payload, "application/x-www-form-urlencoded", status);
-    QByteArray const text = answer.toJson(QJsonDocument::Compact);
+    auto const text = [&answer] { return redacted(answer.toJson(QJsonDocument::Compact)); };
     if (!ok(status)) {
         log().errorf("Could not get authorization header from %s, response code %d. %s", url.c_str(),
-                     status.responseCode, redacted(text).c_str());
+                     status.responseCode, text().c_str());
         return false;
     }
     if (!store(answer.object(), now)) {
-        log().errorf("Invalid authorization response. %s", redacted(text).c_str());
+        log().errorf("Invalid authorization response. %s", text().c_str());
         return false;
     }
     return true;

@@ -342,6 +342,11 @@ LmDcmFileLoader::Mode LmDcmFileLoader::defaultMode()
     return sDefaultMode.load();
 }
 
+LmDcmFileLoader::Mode LmDcmFileLoader::leaveLargeValuesMode()
+{
+    return defaultMode() == MODE_SUSPEND_FILE ? MODE_FILE : MODE_DEFAULT;
+}
+
 bool LmDcmFileLoader::cloudReaderEnabled()
 {
     return sCloudReaderEnabled.load();

@@ -59,19 +59,6 @@ double nowSeconds()
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// Local files are read with the plain file stream, the one road that
-// honours the maximum read length: values above 4 KB (pixels above all)
-// stay on disk until a preview asks for them, instead of every image of a
-// study being held whole in memory until the previews are made (gigabytes
-// for a large study). Where the process reads through a file server or the
-// cloud reader its default stays, as a path there may not be local.
-LmDcmFileLoader::Mode readMode()
-{
-    LmDcmFileLoader::Mode const mode = LmDcmFileLoader::defaultMode();
-    return mode == LmDcmFileLoader::MODE_SUSPEND_FILE ? LmDcmFileLoader::MODE_FILE
-                                                      : LmDcmFileLoader::MODE_DEFAULT;
-}
-
 } // namespace
 
 void TagFileGenerator::Timer::run()
@@ -139,7 +126,10 @@ bool TagFileGenerator::createTagFile(TagFile& tagFile, int studyId, char const* 
     int done = 0;
     for (std::string const& path : dicomFiles) {
         report("read", ++done, mCounts.dicomFiles);
-        LmDcmFileLoader loader(readMode());
+        // Values above 4 KB (pixels above all) stay on disk until a preview
+        // asks for them, instead of every image of a study being held whole
+        // in memory until the previews are made (gigabytes for a large study).
+        LmDcmFileLoader loader(LmDcmFileLoader::leaveLargeValuesMode());
         mLoadTimer.run();
         OFCondition const status =
             loader.loadFile(path.c_str(), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);

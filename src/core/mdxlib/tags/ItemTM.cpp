@@ -24,12 +24,9 @@ OFCondition loadDicomDataset(char const* path, std::shared_ptr<DcmDataset>& data
 {
     // Through the file loader, so that a path may name a URL, a file-server
     // path or a container member as well as a local file. Values above 4 KB
-    // stay on disk until read where the road can reopen its file: a view
-    // asks for one omitted value, not for the pixel data.
-    LmDcmFileLoader::Mode const mode = LmDcmFileLoader::defaultMode() == LmDcmFileLoader::MODE_SUSPEND_FILE
-                                           ? LmDcmFileLoader::MODE_FILE
-                                           : LmDcmFileLoader::MODE_DEFAULT;
-    LmDcmFileLoader loader(mode);
+    // stay on disk where the road allows: a view asks for one omitted
+    // value, not for the pixel data.
+    LmDcmFileLoader loader(LmDcmFileLoader::leaveLargeValuesMode());
     OFCondition const status =
         loader.loadFile(OFFilename(path), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect);
     if (status.bad())
