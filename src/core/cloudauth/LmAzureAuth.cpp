@@ -1,5 +1,6 @@
 #include <mdxlib/cloudauth/LmAzureAuth.h>
 
+#include "CredentialsFile.h"
 #include "MetadataProbe.h"
 
 #include <mdxlib/curl/LmCurlClient.h>
@@ -7,7 +8,6 @@
 #include <mdxlib/platform/McLogFile.h>
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <atomic>
 #include <cstdlib>
@@ -97,21 +97,9 @@ bool LmAzureAuth::loadCredentials()
 {
     if (!mClientSecret.isEmpty())
         return true; // the file is read once
-    char const* variable = std::getenv(kCredentialsVariable);
-    if (!variable) {
-        log().errorf("Environment variable %s not defined", kCredentialsVariable);
+    QFile file;
+    if (!openCredentialsFile(kCredentialsVariable, "Credentials file", true, file))
         return false;
-    }
-    QString const path = QString::fromLocal8Bit(variable);
-    if (!QFileInfo::exists(path)) {
-        log().errorf("Credentials file %s does not exist", variable);
-        return false;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        log().errorf("Could not open %s: %s", variable, file.errorString().toLocal8Bit().constData());
-        return false;
-    }
     LmAzureAuthInfo info;
     while (!file.atEnd()) {
         QByteArray const line = file.readLine();

@@ -1,5 +1,6 @@
 #include <mdxlib/cloudauth/LmGoogleAuth.h>
 
+#include "CredentialsFile.h"
 #include "MetadataProbe.h"
 
 #include <mdxlib/curl/LmCurlClient.h>
@@ -7,7 +8,6 @@
 #include <mdxlib/platform/McLogFile.h>
 
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QUrl>
 
@@ -117,31 +117,21 @@ bool LmGoogleAuth::loadCredentials()
 {
     if (!mTokenUri.empty() && !mPrivateKey.empty())
         return true; // read once
-    char const* variable = std::getenv(kCredentialsVariable);
-    if (!variable) {
-        log().errorf("Environment variable %s not defined", kCredentialsVariable);
+    QFile file;
+    if (!openCredentialsFile(kCredentialsVariable, "ADC file", false, file))
         return false;
-    }
-    QString const path = QString::fromLocal8Bit(variable);
-    if (!QFileInfo::exists(path)) {
-        log().errorf("ADC file %s does not exist", variable);
-        return false;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        log().errorf("Could not open %s: %s", variable, file.errorString().toLocal8Bit().constData());
-        return false;
-    }
+    QByteArray const path = file.fileName().toLocal8Bit();
+    char const* source = path.constData();
     QJsonDocument const document = QJsonDocument::fromJson(file.readAll());
     if (!document.isObject()) {
-        log().errorf("Could not read Json document from %s", variable);
+        log().errorf("Could not read Json document from %s", source);
         return false;
     }
     if (document.object().isEmpty()) {
-        log().errorf("Empty Json object in %s", variable);
+        log().errorf("Empty Json object in %s", source);
         return false;
     }
-    return loadCredentialsFromJson(document.object(), variable);
+    return loadCredentialsFromJson(document.object(), source);
 }
 
 bool LmGoogleAuth::loadCredentialsFromJson(QJsonObject const& object, char const* source)
