@@ -30,9 +30,23 @@ class TagElement;
 class MDX_EXPORT ElementMap
 {
 public:
+    // The key is packed into 32 bits: DCMTK's DcmTagKey carries a vtable
+    // and would make each entry half as large again.
     struct Entry
     {
-        DcmTagKey key;
+        Entry(DcmTagKey const& key, TagElement* element)
+            : tag(packed(key))
+            , value(element)
+        {
+        }
+        Entry(std::uint32_t packedKey, TagElement* element)
+            : tag(packedKey)
+            , value(element)
+        {
+        }
+        DcmTagKey key() const { return DcmTagKey(static_cast<Uint16>(tag >> 16), static_cast<Uint16>(tag)); }
+
+        std::uint32_t tag;
         TagElement* value;
     };
     using Storage = std::vector<Entry>;
@@ -52,7 +66,7 @@ public:
         {
         }
 
-        DcmTagKey const& key() const { return mPos->key; }
+        DcmTagKey key() const { return mPos->key(); }
         Ref value() const { return mPos->value; }
         Ref operator*() const { return mPos->value; }
         Iterator& operator++()
@@ -113,13 +127,13 @@ public:
     const_iterator find(DcmTagKey const& key) const { return constFind(key); }
     bool contains(DcmTagKey const& key) const { return constFind(key) != cend(); }
     TagElement* value(DcmTagKey const& key, TagElement* fallback = nullptr) const;
-    DcmTagKey const& lastKey() const { return mEntries.back().key; }
+    DcmTagKey lastKey() const { return mEntries.back().key(); }
     QList<DcmTagKey> keys() const;
 
     // Sets the element at key, replacing (not deleting) one that is there.
     iterator insert(DcmTagKey const& key, TagElement* value);
     // Appends behind the last entry; key must be above every key held.
-    void append(DcmTagKey const& key, TagElement* value) { mEntries.push_back({key, value}); }
+    void append(DcmTagKey const& key, TagElement* value) { mEntries.emplace_back(key, value); }
     // The slot of key, made (null) when absent.
     TagElement*& operator[](DcmTagKey const& key);
     // Removes the entry and hands back its element; null when absent.
@@ -129,11 +143,12 @@ public:
     Storage& entries() { return mEntries; }
     Storage const& entries() const { return mEntries; }
 
-private:
     static std::uint32_t packed(DcmTagKey const& key)
     {
         return (std::uint32_t(key.getGroup()) << 16) | key.getElement();
     }
+
+private:
     std::ptrdiff_t lowerIndex(DcmTagKey const& key) const;
 
     Storage mEntries;

@@ -2,15 +2,17 @@
 //
 // A TagElement is the raw value bytes plus the VR, nothing else: the key is
 // held by the TagMap that owns the element. Binary VRs are kept in the byte
-// order of the machine, string VRs as DCMTK's getString gives them. The value
-// is an implicitly shared QByteArray, so moving values between nodes of a
-// tree costs a reference count.
+// order of the machine, string VRs as DCMTK's getString gives them. Short
+// values sit inside the element, long ones are implicitly shared (see
+// TagValue.h), so moving values between nodes of a tree copies at most 20
+// bytes and a reference count. An element is one 32-byte pooled block.
 //
 // Nothing here throws or logs: bad input gives neutral results (false, 0,
 // null, an invalid QVariant, an empty text).
 #pragma once
 
 #include <mdxlib/Export.h>
+#include <mdxlib/tags/TagValue.h>
 #include <mdxlib/tags/VR.h>
 
 #include "dcmtk/config/osconfig.h"
@@ -32,7 +34,7 @@ class TagMap;
 class MDX_EXPORT TagElement
 {
 public:
-    TagElement();
+    TagElement() = default;
     virtual ~TagElement();
 
     TagElement(TagElement const&) = delete;
@@ -85,12 +87,8 @@ public:
     // Parses a (multi-valued) text into the binary form of the element's VR.
     bool putValueAsString(QByteArray const& text);
 
-    QByteArray mValue;
+    TagValue mValue;
     VR mVR = VR_UN;
-    // Merge statistics: how many children differed from / lacked this value
-    // when they were merged under the owning node. Neither stored nor cloned.
-    int32_t mDifferentCount = 0;
-    int32_t mMissingCount = 0;
 };
 
 // One field of a multi-valued text as a QVariant: DA to QDate, DT to

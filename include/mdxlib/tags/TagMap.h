@@ -31,6 +31,7 @@
 #include "dcmtk/dcmdata/dctagkey.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QList>
 #include <QMap>
 
@@ -90,7 +91,7 @@ public:
         bool operator!=(iterator const& other) const { return !(*this == other); }
 
         bool atEnd() const;
-        DcmTagKey const& key() const;
+        DcmTagKey key() const;
         TagElement* element() const;
 
     private:
@@ -121,6 +122,16 @@ public:
     // Merges child under this node: afterwards the child holds only what
     // differs from what it inherits. Takes ownership of child.
     void addChildMap(TagMap* child, Level level);
+    // What the merges under this node found for key: how many children
+    // differed from the node's value, and how many lacked the key. Counted
+    // by key beside the elements, not in them, so that an element stays one
+    // small block; neither stored nor cloned.
+    struct MergeCounts
+    {
+        int32_t different = 0;
+        int32_t missing = 0;
+    };
+    MergeCounts mergeCounts(DcmTagKey const& key) const;
     // Unlinks child from the children; deletes nothing.
     void removeChildMap(TagMap* child);
     TagElement* removeUID(Level level);
@@ -209,6 +220,7 @@ public:
     QList<TagMap*> mChildren;
     QList<Volume*> mVolumes;
     ElementMap mElements;
+    QHash<quint32, MergeCounts> mMergeCounts;
     bool mIsItem = false;
 
 private:

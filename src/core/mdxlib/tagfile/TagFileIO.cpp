@@ -39,6 +39,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <utility>
 #include <vector>
 
 namespace Mdx {
@@ -53,6 +54,41 @@ bool insertUnique(QMap<QByteArray, TagMap*>& index, QByteArray const& uid, TagMa
     if (pos != index.end() && pos.key() == uid)
         return false;
     index.insert(pos, uid, node);
+    return true;
+}
+
+using IndexEntries = std::vector<std::pair<QByteArray, TagMap*>>;
+
+// Fills an empty index from entries, all at once: sorted first, then added
+// behind the last key, which QMap does without a search. The UIDs of a study
+// share a long prefix, so the sort compares only what follows it; inserting
+// them one by one would compare every byte of the prefix a dozen times for
+// each. Fails, with the UID held twice, when a UID comes twice.
+bool fillIndex(IndexEntries& entries, QMap<QByteArray, TagMap*>& index, QByteArray* twice)
+{
+    size_t prefix = entries.empty() ? 0 : static_cast<size_t>(entries.front().first.size());
+    char const* first = entries.empty() ? nullptr : entries.front().first.constData();
+    for (auto const& entry : entries) {
+        char const* uid = entry.first.constData();
+        size_t const common = std::min(prefix, static_cast<size_t>(entry.first.size()));
+        prefix = static_cast<size_t>(std::mismatch(first, first + common, uid).first - first);
+    }
+    // QByteArray's order: bytes as unsigned, then the shorter first.
+    std::sort(entries.begin(), entries.end(), [prefix](auto const& a, auto const& b) {
+        size_t const sizeA = static_cast<size_t>(a.first.size());
+        size_t const sizeB = static_cast<size_t>(b.first.size());
+        int const c = std::memcmp(a.first.constData() + prefix, b.first.constData() + prefix,
+                                  std::min(sizeA, sizeB) - prefix);
+        return c != 0 ? c < 0 : sizeA < sizeB;
+    });
+    auto const same = std::adjacent_find(entries.begin(), entries.end(),
+                                         [](auto const& a, auto const& b) { return a.first == b.first; });
+    if (same != entries.end()) {
+        *twice = same->first;
+        return false;
+    }
+    for (auto const& entry : entries)
+        index.insert(index.cend(), entry.first, entry.second);
     return true;
 }
 
@@ -564,6 +600,9 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
     bool skipping = true;
     TagMap* study = nullptr;
     TagMap* series = nullptr;
+    // The images are indexed once all are read (see fillIndex).
+    IndexEntries images;
+    images.reserve(in.bytesAvailable() / 1024);
 
     while (in.bytesAvailable() > 0) {
         unsigned char type = 0;
@@ -630,11 +669,7 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
                 return false;
             QByteArray uid;
             node->findAndGetString(DCM_SOPInstanceUID, uid);
-            if (!insertUnique(mImages, uid, node)) {
-                log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice",
-                             uid.constData());
-                return false;
-            }
+            images.emplace_back(uid, node);
             break;
         }
         case RecordVolumes:
@@ -656,7 +691,14 @@ bool TagFile::readPayload(QByteArray const& payload, QList<QByteArray> const& pr
             break; // a record of a later version: skipped by its length
         }
     }
-    return !in.failed();
+    if (in.failed())
+        return false;
+    QByteArray twice;
+    if (!fillIndex(images, mImages, &twice)) {
+        log().tracef(McLogFile::LevelError, kCategory, "Tag file holds image %.64s twice", twice.constData());
+        return false;
+    }
+    return true;
 }
 
 } // namespace Mdx

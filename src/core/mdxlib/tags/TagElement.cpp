@@ -22,15 +22,15 @@ namespace Mdx {
 
 namespace {
 
-// Binary values live in QByteArrays without alignment guarantees.
-template <typename T> T unitAt(QByteArray const& bytes, int index)
+// Binary values live in byte arrays without alignment guarantees.
+template <typename T> T unitAt(TagValue const& bytes, int index)
 {
     T value;
     std::memcpy(&value, bytes.constData() + static_cast<size_t>(index) * sizeof(T), sizeof(T));
     return value;
 }
 
-template <typename T> int unitCount(QByteArray const& bytes)
+template <typename T> int unitCount(TagValue const& bytes)
 {
     return bytes.size() / static_cast<int>(sizeof(T));
 }
@@ -46,7 +46,7 @@ void appendSeparator(QByteArray& out, int index)
         out.append('\\');
 }
 
-template <typename T> void formatFloats(QByteArray& out, QByteArray const& value)
+template <typename T> void formatFloats(QByteArray& out, TagValue const& value)
 {
     int const n = unitCount<T>(value);
     for (int i = 0; i < n; ++i) {
@@ -55,7 +55,7 @@ template <typename T> void formatFloats(QByteArray& out, QByteArray const& value
     }
 }
 
-template <typename T> void formatIntegers(QByteArray& out, QByteArray const& value)
+template <typename T> void formatIntegers(QByteArray& out, TagValue const& value)
 {
     int const n = unitCount<T>(value);
     for (int i = 0; i < n; ++i) {
@@ -66,7 +66,7 @@ template <typename T> void formatIntegers(QByteArray& out, QByteArray const& val
     }
 }
 
-void formatAttributeTags(QByteArray& out, QByteArray const& value)
+void formatAttributeTags(QByteArray& out, TagValue const& value)
 {
     int const n = value.size() / 4;
     char text[16];
@@ -80,7 +80,7 @@ void formatAttributeTags(QByteArray& out, QByteArray const& value)
 
 // Long binary values are cut: at most the first 13 words, then "..." once
 // the value is 26 bytes or longer.
-void formatWords(QByteArray& out, QByteArray const& value)
+void formatWords(QByteArray& out, TagValue const& value)
 {
     int const n = qMin(unitCount<Uint16>(value), 13);
     char text[8];
@@ -94,7 +94,7 @@ void formatWords(QByteArray& out, QByteArray const& value)
 }
 
 // At most the first 22 bytes, then "..." once the value is 22 bytes or longer.
-void formatBytes(QByteArray& out, QByteArray const& value)
+void formatBytes(QByteArray& out, TagValue const& value)
 {
     int const n = qMin(value.size(), 22);
     char text[4];
@@ -110,6 +110,13 @@ void formatBytes(QByteArray& out, QByteArray const& value)
 QList<QByteArray> splitFields(QByteArray const& value)
 {
     return value.split('\\');
+}
+
+// A QByteArray over a value's bytes, for QByteArray's parsers; valid while
+// the value is unchanged.
+QByteArray view(TagValue const& value)
+{
+    return QByteArray::fromRawData(value.constData(), value.size());
 }
 
 } // namespace
@@ -135,8 +142,6 @@ std::size_t TagElement::pooledBytesReserved()
 {
     return ElementPool::bytesReserved();
 }
-
-TagElement::TagElement() = default;
 
 TagElement::~TagElement() = default;
 
@@ -218,9 +223,9 @@ int TagElement::valueAsInt(bool* ok, int index) const
     case VR_DS:
     case VR_IS:
         if (index == 0) {
-            result = mValue.toInt(&localOk, 10);
+            result = view(mValue).toInt(&localOk, 10);
         } else {
-            QList<QByteArray> const parts = splitFields(mValue);
+            QList<QByteArray> const parts = splitFields(view(mValue));
             if (index > 0 && parts.size() > index)
                 result = parts[index].toInt(&localOk, 10);
         }
@@ -259,7 +264,7 @@ int TagElement::numFields() const
     case VR_DA:
     case VR_DS:
     case VR_IS:
-        return mValue.count('\\') + 1;
+        return view(mValue).count('\\') + 1;
     case VR_FL:
     case VR_OF:
     case VR_SL:
@@ -338,17 +343,16 @@ void TagElement::putValue(QByteArray const& value)
 void TagElement::putValue(int value)
 {
     unsigned int const u = static_cast<unsigned int>(value);
-    mValue.clear();
-    if (u < 256) {
-        appendUnit<Uint8>(mValue, static_cast<Uint8>(u));
-        mVR = VR_OB;
-    } else if (u > 65535) {
-        appendUnit<Sint32>(mValue, value);
-        mVR = VR_SL;
-    } else {
-        appendUnit<Uint16>(mValue, static_cast<Uint16>(u));
-        mVR = VR_US;
-    }
+    auto store = [this](auto unit, VR vr) {
+        mValue.assign(reinterpret_cast<char const*>(&unit), sizeof unit);
+        mVR = vr;
+    };
+    if (u < 256)
+        store(static_cast<Uint8>(u), VR_OB);
+    else if (u > 65535)
+        store(static_cast<Sint32>(value), VR_SL);
+    else
+        store(static_cast<Uint16>(u), VR_US);
 }
 
 bool TagElement::putValueAsString(QByteArray const& text)
@@ -424,7 +428,7 @@ bool TagElement::compare(TagElement const& other, bool checkVR, std::string* dif
 DcmElement* TagElement::createDcmElement(DcmTagKey const& key) const
 {
     DcmTag const tag(key);
-    char const* text = mValue.constData(); // QByteArray keeps a terminating NUL
+    char const* text = mValue.constData(); // the value keeps a terminating NUL
     int const size = mValue.size();
     auto withString = [&](DcmElement* element) {
         element->putString(text);

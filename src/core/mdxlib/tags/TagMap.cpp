@@ -180,13 +180,13 @@ void TagMap::addChildMap(TagMap* child, Level level)
         iterator const parentEnd = end();
         auto childIt = own.begin();
         while (parentIt != parentEnd || childIt != own.end()) {
-            if (childIt == own.end() || (parentIt != parentEnd && parentIt.key() < childIt->key)) {
-                parentIt.element()->mMissingCount++;
+            if (childIt == own.end() || (parentIt != parentEnd && parentIt.key() < childIt->key())) {
+                mMergeCounts[ElementMap::packed(parentIt.key())].missing++;
                 auto* marker = new TagElement;
                 marker->mVR = VR_Missing;
                 merged.push_back({parentIt.key(), marker});
                 ++parentIt;
-            } else if (parentIt == parentEnd || childIt->key < parentIt.key()) {
+            } else if (parentIt == parentEnd || childIt->key() < parentIt.key()) {
                 merged.push_back(*childIt);
                 ++childIt;
             } else {
@@ -202,7 +202,7 @@ void TagMap::addChildMap(TagMap* child, Level level)
                         for (int i = 0; i < n; ++i)
                             parentSequence->mItems[i]->addChildMap(childSequence->mItems[i], LevelItem);
                     }
-                    parentElement->mDifferentCount++;
+                    mMergeCounts[ElementMap::packed(parentIt.key())].different++;
                     merged.push_back(*childIt);
                 }
                 ++childIt;
@@ -215,6 +215,11 @@ void TagMap::addChildMap(TagMap* child, Level level)
     child->insertUID(level, uid);
     mChildren.append(child);
     child->mParent = this;
+}
+
+TagMap::MergeCounts TagMap::mergeCounts(DcmTagKey const& key) const
+{
+    return mMergeCounts.value(ElementMap::packed(key));
 }
 
 void TagMap::removeChildMap(TagMap* child)

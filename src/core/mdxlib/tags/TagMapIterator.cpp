@@ -23,7 +23,7 @@ bool TagMap::iterator::atEnd() const
     return mPos[mLevel] == mEnd[mLevel];
 }
 
-DcmTagKey const& TagMap::iterator::key() const
+DcmTagKey TagMap::iterator::key() const
 {
     return mPos[mLevel].key();
 }

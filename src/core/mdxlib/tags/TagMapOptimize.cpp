@@ -27,7 +27,7 @@ int64_t storedSize(TagElement const* element)
 
 struct ValueKey
 {
-    QByteArray value;
+    TagValue value;
     VR vr;
 };
 
@@ -143,7 +143,7 @@ void TagMap::storeOptionB(DcmTagKey const& key, VR vr, QByteArray value)
     TagElement const* current = findElement(key);
     // current may be this node's own element, which is rewritten below: keep
     // what the children need of it first.
-    QByteArray const currentValue = current ? current->mValue : QByteArray();
+    TagValue const currentValue = current ? current->mValue : TagValue();
     for (TagMap* child : mChildren) {
         TagElement const* own = child->ownElement(key);
         if (own) {

@@ -5,6 +5,9 @@
 #include <mdxlib/tags/TagSequence.h>
 #include <mdxlib/volumes/Volume.h>
 
+#include <algorithm>
+#include <vector>
+
 namespace Mdx {
 
 namespace {
@@ -14,6 +17,7 @@ constexpr int kLongLength = 65535;
 // Sequences nest items in items; real data nests a handful of levels. The
 // bound keeps a hostile file from exhausting the stack.
 constexpr int kMaxNesting = 64;
+constexpr std::uint32_t kPreviewDataIndex = 0x00067106; // Tags::PreviewDataIndex, packed
 
 void writeHeader(LmMsg& out, DcmTagKey const& key, VR vr)
 {
@@ -86,15 +90,54 @@ private:
 };
 
 void deserializeBody(TagMap* node, Cursor& in, TagMap* parent, QList<QByteArray> const& previews, int depth);
-void store(TagMap* node, DcmTagKey const& key, TagElement* element);
 
-void readSequence(TagMap* node, DcmTagKey const& key, Cursor& in, TagMap* parent,
+// Entries gathered while a body is read, one array per nesting level, kept
+// by each thread: a node's own array is then allocated once at its final
+// size, without a first pass over the body to count its entries.
+ElementMap::Storage& scratchEntries(int depth)
+{
+    // Made at their full number once: a level's array is in use while the
+    // levels below it are filled, so the outer array must never move.
+    thread_local std::vector<ElementMap::Storage> levels(kMaxNesting + 1);
+    ElementMap::Storage& entries = levels[static_cast<size_t>(depth)];
+    entries.clear();
+    return entries;
+}
+
+// Sorts in an entry that does not go behind the last one: a later entry
+// with the same key replaces the earlier. Only a damaged or hand-made body
+// has such entries.
+void storeOutOfOrder(ElementMap::Storage& entries, ElementMap::Entry entry)
+{
+    auto const pos =
+        std::lower_bound(entries.begin(), entries.end(), entry.tag,
+                         [](ElementMap::Entry const& held, std::uint32_t tag) { return held.tag < tag; });
+    if (pos != entries.end() && pos->tag == entry.tag) {
+        delete pos->value;
+        pos->value = entry.value;
+    } else {
+        entries.insert(pos, entry);
+    }
+}
+
+// Stores element at key. Bodies are written in key order, so an entry
+// normally goes behind everything read so far.
+void store(ElementMap::Storage& entries, std::uint32_t tag, TagElement* element)
+{
+    if (entries.empty() || entries.back().tag < tag)
+        entries.push_back(ElementMap::Entry(tag, element));
+    else
+        storeOutOfOrder(entries, ElementMap::Entry(tag, element));
+}
+
+void readSequence(ElementMap::Storage& entries, std::uint32_t tag, Cursor& in, TagMap* parent,
                   QList<QByteArray> const& previews, int depth)
 {
     auto* sequence = new TagSequence;
     int const count = in.length();
     TagSequence const* parentSequence =
-        parent ? dynamic_cast<TagSequence const*>(parent->findElement(key)) : nullptr;
+        parent ? dynamic_cast<TagSequence const*>(parent->findElement(ElementMap::Entry(tag, nullptr).key()))
+               : nullptr;
     for (int i = 0; i < count && !in.failed(); ++i) {
         int const length = in.length();
         char const* bytes = in.bytes(static_cast<size_t>(length));
@@ -110,23 +153,7 @@ void readSequence(TagMap* node, DcmTagKey const& key, Cursor& in, TagMap* parent
         if (itemBytes.failed())
             in.markFailed();
     }
-    store(node, key, sequence);
-}
-
-// Stores element at key. Bodies are written in key order, so an entry
-// normally goes behind everything read so far and is appended with a hint,
-// without searching the map; a later entry with the same key (only a damaged
-// or hand-made body has one) replaces the earlier.
-void store(TagMap* node, DcmTagKey const& key, TagElement* element)
-{
-    TagMap::ElementMap& elements = node->mElements;
-    if (elements.isEmpty() || elements.lastKey() < key) {
-        elements.append(key, element);
-        return;
-    }
-    TagElement*& slot = elements[key];
-    delete slot;
-    slot = element;
+    store(entries, tag, sequence);
 }
 
 TagElement* newElement(VR vr, QByteArray const& value)
@@ -141,29 +168,8 @@ TagElement* newElement(VR vr, char const* bytes, int length)
 {
     auto* element = new TagElement;
     element->mVR = vr;
-    element->mValue = QByteArray(bytes, length); // null without bytes, as a marker's
+    element->mValue.assign(bytes, length); // null without bytes, as a marker's
     return element;
-}
-
-// How many entries the rest of a body holds, counted over their headers and
-// lengths only, so that a node's array is allocated once at its final size.
-int countEntries(Cursor in)
-{
-    int count = 0;
-    while (in.available() > 0) {
-        in.bytes(4);
-        VR const vr = static_cast<VR>(in.byte());
-        if (vr == VR_SQ) {
-            for (int items = in.length(); items > 0 && !in.failed(); --items)
-                in.bytes(static_cast<size_t>(in.length()));
-        } else if (vr != VR_Omitted && vr != VR_Missing) {
-            in.bytes(static_cast<size_t>(in.length()));
-        }
-        if (in.failed())
-            break;
-        ++count;
-    }
-    return count;
 }
 
 void deserializeBody(TagMap* node, Cursor& in, TagMap* parent, QList<QByteArray> const& previews, int depth)
@@ -171,34 +177,39 @@ void deserializeBody(TagMap* node, Cursor& in, TagMap* parent, QList<QByteArray>
     if (depth > kMaxNesting) {
         in.markFailed();
     } else {
-        node->mElements.reserve(node->mElements.size() + countEntries(in));
+        ElementMap::Storage& entries = scratchEntries(depth);
+        ElementMap::Storage& own = node->mElements.entries();
+        entries.insert(entries.end(), own.begin(), own.end());
         while (in.available() > 0 && !in.failed()) {
             unsigned short const group = in.word();
             unsigned short const element = in.word();
             unsigned char const code = in.byte();
             if (in.failed())
                 break;
-            DcmTagKey const key(group, element);
+            std::uint32_t const tag = std::uint32_t(group) << 16 | element;
             VR const vr = static_cast<VR>(code);
             if (vr == VR_SQ) {
-                readSequence(node, key, in, parent, previews, depth);
+                readSequence(entries, tag, in, parent, previews, depth);
             } else if (vr == VR_Omitted || vr == VR_Missing) {
-                store(node, key, newElement(vr, nullptr, 0));
+                store(entries, tag, newElement(vr, nullptr, 0));
             } else {
                 int const length = in.length();
                 char const* bytes = in.bytes(static_cast<size_t>(length));
                 if (!bytes)
                     break;
-                if (key == Tags::PreviewDataIndex) {
+                if (tag == kPreviewDataIndex) {
                     bool ok = false;
                     int const index = QByteArray::fromRawData(bytes, length).toInt(&ok);
                     if (ok && index >= 0 && index < previews.size())
-                        store(node, Tags::PreviewData, newElement(VR_OB, previews[index]));
+                        store(entries, ElementMap::packed(Tags::PreviewData),
+                              newElement(VR_OB, previews[index]));
                 } else {
-                    store(node, key, newElement(vr, bytes, length));
+                    store(entries, tag, newElement(vr, bytes, length));
                 }
             }
         }
+        own.assign(entries.begin(), entries.end());
+        entries.clear();
     }
     if (parent)
         parent->mChildren.append(node);

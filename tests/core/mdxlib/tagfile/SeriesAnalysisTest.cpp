@@ -65,7 +65,7 @@ std::string displayNumber(TagFile const& file, std::string const& series)
     Mdx::TagElement const* element =
         file.findSeries(QByteArray::fromStdString(series))->findElement(Mdx::Tags::AbstractSeriesNumber);
     EXPECT_TRUE(!element || element->mVR == Mdx::VR_LO);
-    return element ? element->mValue.toStdString() : "<none>";
+    return element ? element->mValue.toByteArray().toStdString() : "<none>";
 }
 
 // The selection, into a list that is not empty before.

@@ -105,7 +105,7 @@ TEST(TagElementTest, PutValueAndPutValueAsString)
     // clang-format on
     for (auto const& [value, vr, bytes] : ints) {
         element.putValue(value);
-        EXPECT_EQ(std::make_pair(element.mVR, element.mValue), std::make_pair(vr, bytes)) << value;
+        EXPECT_EQ(std::make_pair(element.mVR, element.mValue.toByteArray()), std::make_pair(vr, bytes)) << value;
     }
     for (auto const& [vr, value, size, shown] : texts) {
         auto e = make(vr, "old");
@@ -115,7 +115,7 @@ TEST(TagElementTest, PutValueAndPutValueAsString)
     for (VR vr : {VR_OB, VR_OW, VR_AT, VR_SQ, VR_ox, VR_xs, VR_UN, VR_na, VR_Omitted}) {
         auto other = make(vr, "\x01\x02");
         EXPECT_FALSE(other->putValueAsString("3")) << vr;
-        EXPECT_EQ(std::make_pair(other->mVR, other->mValue), std::make_pair(vr, QByteArray("\x01\x02")));
+        EXPECT_EQ(std::make_pair(other->mVR, other->mValue.toByteArray()), std::make_pair(vr, QByteArray("\x01\x02")));
     }
 }
 

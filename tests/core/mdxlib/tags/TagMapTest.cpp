@@ -22,7 +22,7 @@ TagSequence* putSequence(TagMap* map, DcmTagKey const& key, int count)
 
 QByteArray text(TagElement const* e, char const* none)
 {
-    return !e ? QByteArray(none) : e->isMissingMarker() ? "~" : e->isOmittedMarker() ? "!" : e->mValue;
+    return !e ? QByteArray(none) : e->isMissingMarker() ? "~" : e->isOmittedMarker() ? "!" : e->mValue.toByteArray();
 }
 
 // What a node holds itself ("-": nothing).

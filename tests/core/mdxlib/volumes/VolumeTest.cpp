@@ -63,7 +63,7 @@ QByteArray indices(TagFile const& file, int i)
 {
     Mdx::TagElement const* element = image(file, i)->findElement(Mdx::Tags::VolumeIndices);
     EXPECT_TRUE(!element || element->mVR == Mdx::VR_OB) << i;
-    return element ? element->mValue : "absent";
+    return element ? element->mValue.toByteArray() : QByteArray("absent");
 }
 
 std::vector<std::string> uidsOf(QVector<TagMap*> const& images)
@@ -365,7 +365,7 @@ TEST(VolumeAssembly, perImageValuesAndMultiFrameVolumes)
         Mdx::TagElement const* found =
             image(file, i)->findElementPrivate(DcmTagKey(0x0071, element), "Lumora");
         EXPECT_TRUE(!found || found->mVR == vr) << i;
-        return found ? found->mValue : QByteArray("absent");
+        return found ? found->mValue.toByteArray() : QByteArray("absent");
     };
     for (int i : {0, 1}) {
         EXPECT_EQ(value(i, 0x75, Mdx::VR_DS) + value(i, 0x76, Mdx::VR_DS) + value(i, 0x77, Mdx::VR_DS),
