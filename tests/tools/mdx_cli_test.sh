@@ -22,6 +22,7 @@ while IFS='|' read -r want what args; do
 done <<'EOF'
 1|unknown command|nonsense
 1|option without a value|build --meta
+1|short option without a value|build -q -j
 1|unknown option|scan --bogus "$BRAIN"
 1|flag with a value|scan --quiet=yes "$BRAIN"
 1|rm with both lists|rm $STUDY --series a --images b
@@ -114,7 +115,7 @@ has out '^\(0008,0060\) CS \[MR\]' "dump shows inherited attributes"
 has out '^\(0006,7101\) LO \[.*# [0-9]+ MDX_FileSuffix$' "reserved attributes are named"
 run 0 "dump tree" dump --meta meta $STUDY
 has out "^# image $SOP" "dump without a UID lists every node"
-run 0 "build long values" build -q --meta=long "$PYDICOM/693_J2KI.dcm"
+run 0 "build long values" build -qj1 --meta=long "$PYDICOM/693_J2KI.dcm"
 run 0 "dump cut" dump long/*/*/*.tc
 has out '\.\.\.\]' "dump cuts long values"
 run 0 "dump full" dump --full long/*/*/*.tc
@@ -129,7 +130,7 @@ json "d['failures'] == 0 and d['written'][0]['width'] == 64 and d['written'][0][
 run 4 "preview of JPEG 2000" preview --out shots "$PYDICOM/JPEG2000.dcm"
 has err "^mdx: no preview of .*JPEG2000.dcm: " "JPEG 2000 fails cleanly"
 run 3 "preview of a truncated file" preview --out shots "$PYDICOM/MR_truncated.dcm"
-run 0 "build with paths" build -q --store-paths --meta=pmeta "$BRAIN"
+run 0 "build with paths" build -q -j 2 --store-paths --meta=pmeta "$BRAIN"
 run 4 "preview of a study without previews" preview --meta pmeta --out none $STUDY
 run 0 "preview --add" preview --add --meta pmeta --out study $STUDY
 [ "$(find study -name '*_Series_2_Image_*.jpg' | wc -l)" -eq 20 ] || fail "preview --add exports 20 previews"

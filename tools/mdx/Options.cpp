@@ -117,11 +117,25 @@ std::string parse(CommandSyntax const& command, std::vector<std::string> const& 
             while (option->multiValued && i + 1 < args.size() && !startsOption(args[i + 1]))
                 values.push_back(args[++i]);
         } else {
+            // As getopt does: flags may be grouped ("-qv"), and an option
+            // that takes a value takes the rest of the group ("-j4") or the
+            // next argument ("-j 4").
             for (size_t k = 1; k < arg.size(); ++k) {
                 OptionSyntax const* option = findShort(command, arg[k]);
-                if (!option || option->valueName)
+                if (!option)
                     return std::string("unknown option '-") + arg[k] + "'";
-                parsed.flags.insert(option->name);
+                if (!option->valueName) {
+                    parsed.flags.insert(option->name);
+                    continue;
+                }
+                std::vector<std::string>& values = parsed.values[option->name];
+                if (k + 1 < arg.size())
+                    values.push_back(arg.substr(k + 1));
+                else if (i + 1 < args.size())
+                    values.push_back(args[++i]);
+                else
+                    return std::string("option '-") + arg[k] + "' needs a value";
+                break;
             }
         }
     }

@@ -67,6 +67,8 @@ public:
         }
 
         DcmTagKey key() const { return mPos->key(); }
+        // The key packed as in Entry, cheaper to compare.
+        std::uint32_t tag() const { return mPos->tag; }
         Ref value() const { return mPos->value; }
         Ref operator*() const { return mPos->value; }
         Iterator& operator++()

@@ -90,8 +90,10 @@ public:
         bool operator==(iterator const& other) const;
         bool operator!=(iterator const& other) const { return !(*this == other); }
 
-        bool atEnd() const;
+        bool atEnd() const { return mPos[mLevel] == mEnd[mLevel]; }
         DcmTagKey key() const;
+        // The key packed as ElementMap::packed does, cheaper to compare.
+        std::uint32_t tag() const { return mPos[mLevel].tag(); }
         TagElement* element() const;
 
     private:

@@ -52,12 +52,15 @@ public:
     // Becomes null, as QByteArray::clear does.
     void clear();
 
-    int size() const;
+    int size() const
+    {
+        return isShared() ? shared()->size : static_cast<int>(mMeta & ~(kSharedBit | kNullBit));
+    }
     int length() const { return size(); }
     bool isEmpty() const { return size() == 0; }
     bool isNull() const { return (mMeta & kNullBit) != 0; }
     // The bytes, followed by a NUL; valid while the value is unchanged.
-    char const* constData() const;
+    char const* constData() const { return isShared() ? static_cast<char const*>(shared()->data()) : mBytes; }
     char const* data() const { return constData(); }
     char at(int index) const { return constData()[index]; }
     char operator[](int index) const { return constData()[index]; }
@@ -84,7 +87,12 @@ private:
 
     static bool equalBytes(TagValue const& value, char const* bytes, int size);
     bool isShared() const { return (mMeta & kSharedBit) != 0; }
-    QByteArray::DataPtr shared() const;
+    QByteArray::DataPtr shared() const
+    {
+        QByteArray::DataPtr data;
+        std::memcpy(&data, mBytes, sizeof data);
+        return data;
+    }
     void clearInline(bool null) noexcept
     {
         mBytes[0] = '\0';

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace Mdx {
 
@@ -26,6 +29,23 @@ bool isLargeByNature(DcmTagKey const& key)
            (group == 0x0029 && low == 0x00) ||
            (group == 0x0071 && (low == 0x21 || low == 0x62 || low == 0x64)) ||
            (element == 0x3000 && group >= 0x5000 && group <= 0x501E);
+}
+
+// dynamic_cast through DCMTK's deep class tree costs a few hundred
+// instructions, and a build asks it several times for every attribute of
+// every file. A dataset holds objects of a few dozen classes only, so the
+// answer is kept per class, by each thread; the cast stays exact.
+template <typename Target> Target* castByClass(DcmObject* object)
+{
+    thread_local std::vector<std::pair<std::type_info const*, bool>> known;
+    std::type_info const* const type = &typeid(*object);
+    for (auto const& [seen, derives] : known) {
+        if (seen == type)
+            return derives ? static_cast<Target*>(object) : nullptr;
+    }
+    auto* const target = dynamic_cast<Target*>(object);
+    known.emplace_back(type, target != nullptr);
+    return target;
 }
 
 Uint32 storedLength(DcmObject* object)
@@ -91,18 +111,19 @@ TagMap* TagMap::createTagMap(DcmItem* item, unsigned int maxSize)
     auto* map = new TagMap;
     if (!item)
         return map;
+    map->mElements.reserve(static_cast<int>(item->card()));
     for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
         DcmTagKey const key = object->getTag().getXTag();
         if (key.getGroup() == 0 || key.getElement() == 0)
             continue;
-        if (auto* sequence = dynamic_cast<DcmSequenceOfItems*>(object)) {
+        if (auto* sequence = castByClass<DcmSequenceOfItems>(object)) {
             if ((key.getGroup() & 1) && storedLength(sequence) > maxSize) {
                 map->markAsOmitted(key);
                 continue;
             }
             bool const large = key == DcmTagKey(0x2050, 0x0010) || key == DcmTagKey(0x0028, 0x3010);
             map->setSequence(sequence, large ? kLargeValueLimit : maxSize);
-        } else if (auto* element = dynamic_cast<DcmElement*>(object)) {
+        } else if (auto* element = castByClass<DcmElement>(object)) {
             Uint32 const limit = isLargeByNature(key) ? kLargeValueLimit : maxSize;
             if (storedLength(element) <= limit)
                 map->setElement(element);
@@ -146,14 +167,22 @@ void TagMap::setElement(DcmElement* element)
         target = new TagElement;
     }
     target->mVR = fromDcmEVR(element->getTag().getEVR());
-    if (auto* text = dynamic_cast<DcmByteString*>(element)) {
+    if (auto* text = castByClass<DcmByteString>(element)) {
         char* value = nullptr;
         Uint32 length = 0;
         if (text->getString(value, length).good())
-            target->mValue = value ? QByteArray(value, static_cast<int>(length)) : QByteArray();
+            target->mValue.assign(value, static_cast<int>(length)); // null without a value
         return;
     }
     Uint32 const length = element->getLength();
+    if (length <= TagValue::kInlineCapacity) {
+        // Read straight into the element: no heap block for a short value.
+        char bytes[TagValue::kInlineCapacity];
+        bool const read =
+            length == 0 || element->getPartialValue(bytes, 0, length, nullptr, gLocalByteOrder).good();
+        target->mValue.assign(read ? bytes : nullptr, static_cast<int>(length));
+        return;
+    }
     QByteArray bytes(static_cast<int>(length), Qt::Uninitialized);
     if (length > 0 && element->getPartialValue(bytes.data(), 0, length, nullptr, gLocalByteOrder).bad())
         bytes.clear();
@@ -173,20 +202,26 @@ void TagMap::addChildMap(TagMap* child, Level level)
         // builds its new array: a value equal to the inherited one goes, a
         // different one stays, and an inherited key the child lacks gets a
         // missing marker.
-        ElementMap::Storage& own = child->mElements.entries();
+        // The merge goes through an array kept by the thread; the child's
+        // own array is then made anew at its final, usually far smaller,
+        // size instead of keeping the capacity of a whole flat image. The
+        // kept array is taken out while in use: merging sequence items
+        // below calls this again.
+        thread_local ElementMap::Storage spare;
         ElementMap::Storage merged;
-        merged.reserve(own.size() + 4);
+        merged.swap(spare);
+        merged.clear();
+        ElementMap::Storage& own = child->mElements.entries();
         iterator parentIt = begin();
-        iterator const parentEnd = end();
         auto childIt = own.begin();
-        while (parentIt != parentEnd || childIt != own.end()) {
-            if (childIt == own.end() || (parentIt != parentEnd && parentIt.key() < childIt->key())) {
-                mMergeCounts[ElementMap::packed(parentIt.key())].missing++;
+        while (!parentIt.atEnd() || childIt != own.end()) {
+            if (childIt == own.end() || (!parentIt.atEnd() && parentIt.tag() < childIt->tag)) {
+                mMergeCounts[parentIt.tag()].missing++;
                 auto* marker = new TagElement;
                 marker->mVR = VR_Missing;
-                merged.push_back({parentIt.key(), marker});
+                merged.push_back(ElementMap::Entry(parentIt.tag(), marker));
                 ++parentIt;
-            } else if (parentIt == parentEnd || childIt->key() < parentIt.key()) {
+            } else if (parentIt.atEnd() || childIt->tag < parentIt.tag()) {
                 merged.push_back(*childIt);
                 ++childIt;
             } else {
@@ -202,14 +237,19 @@ void TagMap::addChildMap(TagMap* child, Level level)
                         for (int i = 0; i < n; ++i)
                             parentSequence->mItems[i]->addChildMap(childSequence->mItems[i], LevelItem);
                     }
-                    mMergeCounts[ElementMap::packed(parentIt.key())].different++;
+                    mMergeCounts[parentIt.tag()].different++;
                     merged.push_back(*childIt);
                 }
                 ++childIt;
                 ++parentIt;
             }
         }
-        own.swap(merged);
+        ElementMap::Storage fresh;
+        fresh.reserve(merged.size() + 1); // with room for the UID, put back below
+        fresh.assign(merged.begin(), merged.end());
+        fresh.swap(own);
+        merged.clear();
+        spare.swap(merged);
     }
 
     child->insertUID(level, uid);

@@ -12,15 +12,10 @@ void TagMap::iterator::selectLevel()
         if (mPos[i] == mEnd[i])
             continue;
         // Strictly smaller only: on a tie the nearer level (lower index) wins.
-        if (best < 0 || mPos[i].key() < mPos[best].key())
+        if (best < 0 || mPos[i].tag() < mPos[best].tag())
             best = i;
     }
     mLevel = best < 0 ? 0 : best;
-}
-
-bool TagMap::iterator::atEnd() const
-{
-    return mPos[mLevel] == mEnd[mLevel];
 }
 
 DcmTagKey TagMap::iterator::key() const
@@ -35,9 +30,9 @@ TagElement* TagMap::iterator::element() const
 
 void TagMap::iterator::step()
 {
-    DcmTagKey const current = key();
+    std::uint32_t const current = tag();
     for (int i = 0; i < NumLevels; ++i) {
-        if (mPos[i] != mEnd[i] && !(current < mPos[i].key()))
+        if (mPos[i] != mEnd[i] && !(current < mPos[i].tag()))
             ++mPos[i];
     }
     selectLevel();

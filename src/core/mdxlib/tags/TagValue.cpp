@@ -49,16 +49,6 @@ void TagValue::clear()
     clearInline(true);
 }
 
-int TagValue::size() const
-{
-    return isShared() ? shared()->size : static_cast<int>(mMeta & ~(kSharedBit | kNullBit));
-}
-
-char const* TagValue::constData() const
-{
-    return isShared() ? static_cast<char const*>(shared()->data()) : mBytes;
-}
-
 QByteArray TagValue::toByteArray() const
 {
     if (isShared()) {
@@ -74,13 +64,6 @@ QByteArray TagValue::toByteArray() const
 bool TagValue::equalBytes(TagValue const& value, char const* bytes, int size)
 {
     return value.size() == size && std::memcmp(value.constData(), bytes, static_cast<size_t>(size)) == 0;
-}
-
-QByteArray::DataPtr TagValue::shared() const
-{
-    QByteArray::DataPtr data;
-    std::memcpy(&data, mBytes, sizeof data);
-    return data;
 }
 
 void TagValue::setBytes(char const* bytes, int size)

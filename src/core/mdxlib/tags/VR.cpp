@@ -55,16 +55,23 @@ DcmEVR toDcmEVR(VR vr)
 
 VR fromDcmEVR(DcmEVR evr)
 {
-    if (evr == EVR_px)
-        return VR_px;
-    // DCMTK reads a pixel-data element with the VR of the file; the internal
-    // EVR_PixelData only appears as an element's ident, store it as ox.
-    if (evr == EVR_PixelData)
-        return VR_ox;
-    for (VRPair const& p : kVRs)
-        if (p.evr == evr)
-            return p.code;
-    return VR_UNKNOWN;
+    // Asked once for every attribute of every file a build reads: a table
+    // by DCMTK's VR, made once, instead of a search of the pairs.
+    constexpr int kCount = EVR_UNKNOWN2B + 1;
+    static std::array<VR, kCount> const table = [] {
+        std::array<VR, kCount> made;
+        made.fill(VR_UNKNOWN);
+        for (auto it = kVRs.rbegin(); it != kVRs.rend(); ++it) // the first pair of a VR wins
+            if (it->evr >= 0 && it->evr < kCount)
+                made[static_cast<size_t>(it->evr)] = it->code;
+        made[EVR_px] = VR_px;
+        // DCMTK reads a pixel-data element with the VR of the file; the
+        // internal EVR_PixelData only appears as an element's ident, store
+        // it as ox.
+        made[EVR_PixelData] = VR_ox;
+        return made;
+    }();
+    return evr >= 0 && evr < kCount ? table[static_cast<size_t>(evr)] : VR_UNKNOWN;
 }
 
 char const* vrName(VR vr)

@@ -105,7 +105,8 @@ TEST(TagElementTest, PutValueAndPutValueAsString)
     // clang-format on
     for (auto const& [value, vr, bytes] : ints) {
         element.putValue(value);
-        EXPECT_EQ(std::make_pair(element.mVR, element.mValue.toByteArray()), std::make_pair(vr, bytes)) << value;
+        EXPECT_EQ(std::make_pair(element.mVR, element.mValue.toByteArray()), std::make_pair(vr, bytes))
+            << value;
     }
     for (auto const& [vr, value, size, shown] : texts) {
         auto e = make(vr, "old");
@@ -115,7 +116,8 @@ TEST(TagElementTest, PutValueAndPutValueAsString)
     for (VR vr : {VR_OB, VR_OW, VR_AT, VR_SQ, VR_ox, VR_xs, VR_UN, VR_na, VR_Omitted}) {
         auto other = make(vr, "\x01\x02");
         EXPECT_FALSE(other->putValueAsString("3")) << vr;
-        EXPECT_EQ(std::make_pair(other->mVR, other->mValue.toByteArray()), std::make_pair(vr, QByteArray("\x01\x02")));
+        EXPECT_EQ(std::make_pair(other->mVR, other->mValue.toByteArray()),
+                  std::make_pair(vr, QByteArray("\x01\x02")));
     }
 }
 
@@ -194,4 +196,34 @@ TEST(TagSequenceTest, RebuildAndCloneSeeInheritedValuesButNoMarkers)
     EXPECT_EQ(item->ownElement(DCM_CodeValue), nullptr);
     EXPECT_TRUE(item->ownElement(DCM_CodeMeaning)->isOmittedMarker());
     EXPECT_TRUE(clone->compare(lower, true, nullptr));
+}
+
+// Values up to 15 bytes sit in the element, longer ones share a QByteArray;
+// either way a value reads, compares, hashes and copies as the QByteArray it
+// stands for, and what a caller takes out outlives the element.
+TEST(TagValueTest, InlineAndSharedValuesReadAsTheirBytes)
+{
+    for (int size : {0, 1, 15, 16, 64}) {
+        QByteArray const bytes(size, 'x');
+        TagValue value(bytes);
+        EXPECT_TRUE(value == bytes && bytes == value && !value.isNull()) << size;
+        EXPECT_EQ(value.constData()[size], '\0') << size; // a C string, as QByteArray's
+        EXPECT_EQ(qHash(value, 7), qHash(bytes, 7)) << size;
+        // Longer values share the caller's bytes instead of copying them
+        // (every empty QByteArray shares one block).
+        bool const shared = value.toByteArray().constData() == bytes.constData();
+        EXPECT_EQ(shared, size == 0 || size > TagValue::kInlineCapacity) << size;
+        TagValue copy(value);
+        value = QByteArray("other");
+        QByteArray const taken = copy.toByteArray();
+        copy.clear();
+        EXPECT_TRUE(taken == bytes && copy.isNull() && value == QByteArray("other")) << size;
+    }
+    TagValue value(QByteArray(40, 'y'));
+    value = value;               // self-assignment keeps the bytes
+    value = value.toByteArray(); // so does assigning its own QByteArray form
+    EXPECT_EQ(value, QByteArray(40, 'y'));
+    EXPECT_TRUE(TagValue().isNull() && TagValue(nullptr, 3).isNull() && !TagValue("", 0).isNull());
+    EXPECT_TRUE(TagValue().toByteArray().isNull() && !TagValue("", 0).toByteArray().isNull());
+    EXPECT_NE(TagValue("abc", 3), QByteArray("abd"));
 }

@@ -22,7 +22,10 @@ TagSequence* putSequence(TagMap* map, DcmTagKey const& key, int count)
 
 QByteArray text(TagElement const* e, char const* none)
 {
-    return !e ? QByteArray(none) : e->isMissingMarker() ? "~" : e->isOmittedMarker() ? "!" : e->mValue.toByteArray();
+    return !e                     ? QByteArray(none)
+           : e->isMissingMarker() ? "~"
+           : e->isOmittedMarker() ? "!"
+                                  : e->mValue.toByteArray();
 }
 
 // What a node holds itself ("-": nothing).
@@ -156,6 +159,25 @@ std::string optimized(char const* rootValue, std::vector<char const*> const& chi
 }
 
 } // namespace
+
+// The merge counts what children brought under a node: the first child's
+// values become the node's, later ones differ from them or lack them.
+TEST(TagMapTest, MergeCountsDifferingAndMissingChildren)
+{
+    TagMap series;
+    char const* const values[] = {"A", "A", "B", nullptr, "C"};
+    int uid = 0;
+    for (char const* value : values) {
+        auto* image = new TagMap;
+        image->putAndInsertValue(DCM_SOPInstanceUID, VR_UI, QByteArray::number(++uid));
+        if (value)
+            image->putAndInsertValue(kKey, VR_LO, value);
+        series.addChildMap(image, TagMap::LevelImage);
+    }
+    TagMap::MergeCounts const counts = series.mergeCounts(kKey);
+    EXPECT_EQ(std::make_pair(counts.different, counts.missing), std::make_pair(2, 1));
+    EXPECT_EQ(series.mergeCounts(DCM_PatientName).different, 0);
+}
 
 TEST(TagMapOptimizeTest, ThresholdsTiesAndKeysMissingEverywhere)
 {
