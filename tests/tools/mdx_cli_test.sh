@@ -230,6 +230,15 @@ run 0 "qa show" qa show --json --catalog="$W/c.sqlite" 12
 json "d['steps'][0]['id'] == '20240102030405 admin' and d['steps'][0]['tags']['(0008,103e)'] == 'a\`b'" "qa show --json"
 run 2 "qa show of a missing record" qa show --catalog="$W/c.sqlite" 13
 run 1 "qa put with a bad id" qa put --catalog="$W/c.sqlite" x record.txt
+# dump finds an image as a viewer asks for it: with its QA applied, and only
+# under the suffix it was stored with.
+printf '20240102030405 admin\n0008,103e=checked\n\n' > qa14.txt
+run 0 "qa put 14" qa put --catalog="$W/c.sqlite" 14 qa14.txt
+run 0 "dump with QA" dump --meta pmeta --catalog="$W/c.sqlite" --qa=14 $STUDY "$SOP"
+has out '^\(0008,103e\) LO \[checked\]' "dump --qa shows the record's correction"
+run 4 "dump under another suffix" dump --meta pmeta --suffix=nope $STUDY "$SOP"
+has err "is not stored with suffix nope$" "dump --suffix names the mismatch"
+run 1 "dump --qa without a SOPUID" dump --meta meta --qa=14 $STUDY
 printf '<Job><Substitutions><Tag Group="0008" Element="103E"><Value>edited</Value></Tag></Substitutions></Job>' > job.xml
 run 0 "update --all" update --json --all --meta meta $STUDY job.xml
 json "d['done'] and d['images'] == 9" "update --json"

@@ -133,7 +133,8 @@ int mergeCommand(Arguments const& args)
                 if (!json && !parsed.has("--quiet"))
                     std::printf("%s: %d series, %d images merged into %s (now %d series, %d images)\n",
                                 name.c_str(), series, images, QFile::encodeName(part.path()).constData(),
-                                static_cast<int>(part.series().size()), static_cast<int>(part.images().size()));
+                                static_cast<int>(part.series().size()),
+                                static_cast<int>(part.images().size()));
                 result["seriesAfter"] = static_cast<int>(part.series().size());
                 result["imagesAfter"] = static_cast<int>(part.images().size());
                 if (remove && !QFile::remove(path)) {

@@ -1,7 +1,9 @@
 #include "Options.h"
 #include "Exit.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace mdxtool {
@@ -143,6 +145,19 @@ std::string parse(CommandSyntax const& command, std::vector<std::string> const& 
 }
 
 } // namespace
+
+bool parsePositive(std::string const& text, int& value, int most)
+{
+    if (text.empty() || text[0] < '0' || text[0] > '9')
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    long long const parsed = std::strtoll(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || parsed < 1 || parsed > most)
+        return false;
+    value = static_cast<int>(parsed);
+    return true;
+}
 
 int usageError(CommandSyntax const& command, char const* problem)
 {

@@ -83,16 +83,6 @@ std::unique_ptr<Catalog> openCatalog(ParsedArguments const& parsed, ExitCode onF
     return catalog;
 }
 
-bool parseId(std::string const& text, int& id)
-{
-    char* end = nullptr;
-    long const value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || value < 1 || value > 0x7FFFFFFF)
-        return false;
-    id = static_cast<int>(value);
-    return true;
-}
-
 QByteArray readInput(std::string const& path, bool& ok)
 {
     QFile file;
@@ -119,7 +109,7 @@ int putCommand(Arguments const& args)
     int id = 0;
     if (parsed.positional.size() != 2)
         return usageError(putSyntax(), "give ID and FILE");
-    if (!parseId(parsed.positional[0], id))
+    if (!parsePositive(parsed.positional[0], id))
         return usageError(putSyntax(), "ID must be a number from 1");
     bool ok = false;
     QByteArray const text = readInput(parsed.positional[1], ok);
@@ -143,7 +133,7 @@ int showCommand(Arguments const& args)
     int id = 0;
     if (parsed.positional.size() != 1)
         return usageError(showSyntax(), "give one ID");
-    if (!parseId(parsed.positional[0], id))
+    if (!parsePositive(parsed.positional[0], id))
         return usageError(showSyntax(), "ID must be a number from 1");
     int exitStatus = status(ExitCode::Ok);
     std::unique_ptr<Catalog> catalog = openCatalog(parsed, ExitCode::UnreadableInput, exitStatus);

@@ -137,14 +137,8 @@ std::optional<int> parseScan(CommandSyntax const& syntax, Arguments const& args,
     options.verbose = parsed.has("--verbose");
     options.storeFilePaths = parsed.has("--store-paths");
     options.jobs = Mdx::defaultLoadJobs();
-    std::string const jobs = parsed.value("--jobs");
-    if (!jobs.empty()) {
-        char* end = nullptr;
-        long const value = std::strtol(jobs.c_str(), &end, 10);
-        if (*end != '\0' || value < 1 || value > 256)
-            return usageError(syntax, "--jobs takes a count from 1 to 256");
-        options.jobs = static_cast<int>(value);
-    }
+    if (!parsed.value("--jobs").empty() && !parsePositive(parsed.value("--jobs"), options.jobs, 256))
+        return usageError(syntax, "--jobs takes a count from 1 to 256");
     return std::nullopt;
 }
 

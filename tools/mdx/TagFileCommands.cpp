@@ -5,6 +5,7 @@
 #include "Scanner.h"
 #include "TagFileLookup.h"
 
+#include <mdxlib/platform/WebService.h>
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tagfile/TagFileFunctions.h>
 #include <mdxlib/tags/TagMap.h>
@@ -51,10 +52,18 @@ CommandSyntax const& dumpSyntax()
     static CommandSyntax const syntax{
         "dump",
         "TAGFILE|STUDYUID [SOPUID]",
-        "With a SOP Instance UID: every attribute that image shows, inherited ones included.\n"
+        "With a SOP Instance UID: every attribute that image shows, inherited ones included,\n"
+        "found as a viewer asks for it: --suffix names the file suffix the caller expects (an\n"
+        "image stored with another is not found), --qa the QA record whose corrections the\n"
+        "image is shown with (read from the catalog, applied to the tree in memory only).\n"
         "Without: what each node of the tree stores itself (study, series, images), with\n"
         "missing (--) and omitted (..) markers. Values of 61 characters and more are cut.",
-        {helpOption(), metaOption(), {"--full", 0, nullptr, "show long values whole"}}};
+        {helpOption(),
+         metaOption(),
+         catalogOption(),
+         {"--full", 0, nullptr, "show long values whole"},
+         {"--suffix", 0, "SUFFIX", "with SOPUID: only an image stored with this file suffix"},
+         {"--qa", 0, "ID", "with SOPUID: show the image with QA record ID applied"}}};
     return syntax;
 }
 
@@ -343,7 +352,17 @@ int dumpCommand(Arguments const& args)
         return *done;
     if (parsed.positional.empty() || parsed.positional.size() > 2)
         return usageError(dumpSyntax(), "a TAGFILE or STUDYUID, and at most one SOPUID");
+    QByteArray const suffix = QByteArray::fromStdString(parsed.value("--suffix"));
+    int qaVersion = 0;
+    if (!parsed.value("--qa").empty() && !parsePositive(parsed.value("--qa"), qaVersion))
+        return usageError(dumpSyntax(), "--qa takes a record ID from 1");
+    if ((!suffix.isEmpty() || qaVersion > 0) && parsed.positional.size() != 2)
+        return usageError(dumpSyntax(), "--suffix and --qa need a SOPUID");
     applyMeta(parsed);
+    // QA records come through the database functions, which reach the
+    // catalog through the configured connection, as in a server process.
+    if (!parsed.value("--catalog").empty())
+        SetDatabaseServer(parsed.value("--catalog").c_str());
 
     Mdx::TagFile file;
     if (std::optional<int> const failed = openTagFile(parsed.positional[0], file))
@@ -351,9 +370,13 @@ int dumpCommand(Arguments const& args)
     bool const full = parsed.has("--full");
     QTextStream out(stdout);
     if (parsed.positional.size() == 2) {
-        Mdx::TagMap const* image = file.findImage(QByteArray::fromStdString(parsed.positional[1]));
+        QByteArray const sop = QByteArray::fromStdString(parsed.positional[1]);
+        Mdx::TagMap const* image = file.findImage(sop, suffix, qaVersion);
+        if (!image && !suffix.isEmpty() && file.findImage(sop))
+            return fail(ExitCode::NothingFound, "image %s in tag file %s is not stored with suffix %s",
+                        sop.constData(), local(file.path()).constData(), suffix.constData());
         if (!image)
-            return fail(ExitCode::NothingFound, "no image %s in tag file %s", parsed.positional[1].c_str(),
+            return fail(ExitCode::NothingFound, "no image %s in tag file %s", sop.constData(),
                         local(file.path()).constData());
         image->dump(out, 0, full);
         return status(ExitCode::Ok);
