@@ -88,7 +88,6 @@ TEST(CloudReaderConfig, fileEntriesAreReadAdjustedAndTraced)
     EXPECT_EQ(config.connectionMaxAgeSec, 2);
     EXPECT_EQ(config.memoryPurgeSec, 0);
     EXPECT_EQ(config.verbosity, 2); // elements other than Entry are skipped
-    EXPECT_FALSE(config.watchConfigFile);
     EXPECT_EQ(log.count(2, "[Kzip] Unknown config parameter 'Bogus' in " + folder.file.toStdString()), 1);
     EXPECT_EQ(log.count(1, "[Kzip] Read config file " + folder.file.toStdString()), 1);
 }
