@@ -54,24 +54,12 @@ QByteArray entry(char const* key, char const* value)
     return QByteArray("<Entry key=\"") + key + "\" value=\"" + value + "\"/>";
 }
 
-TEST(CloudReaderConfig, withoutDicomwebPathEveryDefaultStandsAndNoMemoryApiIsChosen)
+TEST(CloudReaderConfig, withoutDicomwebPathNoFileIsReadAndNoMemoryApiIsChosen)
 {
     ScopedEnv vars;
     vars.unset("DICOMWEB_PATH");
     Kz::Config const config;
     EXPECT_EQ(config.memoryAPI, Kz::Config::MEMORY_API_UNSET);
-    EXPECT_EQ(config.maxMemory, 2048 * kMB);
-    EXPECT_EQ(config.memoryPageSize, 16384u);
-    EXPECT_EQ(config.memoryPagesInPool, 32768);
-    EXPECT_EQ(config.chunkSize, 12 * kMB);
-    EXPECT_EQ(config.numRequestsPerFile, 8);
-    EXPECT_EQ(config.maxRequestsTotal, 100);
-    EXPECT_EQ(config.maxReadAheadRequests, 75);
-    EXPECT_EQ(config.containerFileMaxAgeSec, 60);
-    EXPECT_EQ(config.connectionMaxAgeSec, 30);
-    EXPECT_EQ(config.memoryPurgeSec, 6);
-    EXPECT_EQ(config.verbosity, 0);
-    EXPECT_FALSE(config.watchConfigFile);
     EXPECT_TRUE(config.configFile.isEmpty());
     EXPECT_EQ(Kz::Config::filePath("C:\\dicomweb"), "C:/dicomweb/exconverter.x64/cloud-reader.xml");
 }
@@ -100,7 +88,6 @@ TEST(CloudReaderConfig, fileEntriesAreReadAdjustedAndTraced)
     EXPECT_EQ(config.connectionMaxAgeSec, 2);
     EXPECT_EQ(config.memoryPurgeSec, 0);
     EXPECT_EQ(config.verbosity, 2); // elements other than Entry are skipped
-    EXPECT_FALSE(config.watchConfigFile);
     EXPECT_EQ(log.count(2, "[Kzip] Unknown config parameter 'Bogus' in " + folder.file.toStdString()), 1);
     EXPECT_EQ(log.count(1, "[Kzip] Read config file " + folder.file.toStdString()), 1);
 }
@@ -193,9 +180,6 @@ TEST(CloudReaderStatistics, retriesAreClassedLatenciesKeepTheirExtremesAndTheLin
         EXPECT_EQ(stats.requestsWith2Retries, r.two) << r.n;
         EXPECT_EQ(stats.requestsWith3OrMoreRetries, r.more) << r.n;
     }
-    stats.addRequestLatency(42);
-    EXPECT_EQ(stats.minLatency, 42);
-    EXPECT_EQ(stats.maxLatency, 42);
     stats.reset();
     // Many threads at once lose nothing.
     std::vector<std::thread> threads;

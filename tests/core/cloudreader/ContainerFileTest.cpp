@@ -5,7 +5,6 @@
 
 #include <mdxlib/cloudreader/ContainerFile.h>
 #include <mdxlib/cloudreader/LocalObject.h>
-#include <mdxlib/cloudreader/Writer.h>
 
 #include <gtest/gtest.h>
 
@@ -27,18 +26,19 @@ struct TableEntry
     quint32 size;
 };
 
+template <typename T> QByteArray little(T value)
+{
+    char raw[sizeof value];
+    qToLittleEndian(value, raw);
+    return QByteArray(raw, sizeof value);
+}
 QByteArray le16(quint16 value)
 {
-    char raw[2];
-    qToLittleEndian(value, raw);
-    return QByteArray(raw, 2);
+    return little(value);
 }
-
 QByteArray le32(quint32 value)
 {
-    char raw[4];
-    qToLittleEndian(value, raw);
-    return QByteArray(raw, 4);
+    return little(value);
 }
 
 // The first bytes of a container, made here from the format and not by the
@@ -72,15 +72,6 @@ ContainerFile::ByteReader memoryReader(QByteArray const& bytes, std::atomic<int>
     };
 }
 
-// Opening a member: the trace lines at error level it gave.
-int errorLines(mdxtest::LogCapture& log)
-{
-    int count = 0;
-    for (auto const& [level, text] : log.messages)
-        count += level == 3;
-    return count;
-}
-
 } // namespace
 
 TEST(KzContainer, refusalsOfInitGiveOneTraceLineAndNoMember)
@@ -93,17 +84,13 @@ TEST(KzContainer, refusalsOfInitGiveOneTraceLineAndNoMember)
         QByteArray bytes;
         char const* message;
     } const cases[] = {
+        // (Streamed, deflated, other names, extra fields and another magic: the archives of
+        // zipArchivesWithoutTheTableAreRefusedForTheRightReason.)
         {"an empty object", QByteArray(), "Unexpected length of header data"},
         {"35 bytes", good.left(35), "Unexpected length of header data"},
         {"another signature", patched(good, 0, le32(0x08074B50)), "Wrong file entry header"},
-        {"flag bit 3", patched(good, 6, le16(8)), "Sizes marked invalid"},
-        {"deflated", patched(good, 8, le16(8)), "Excpecting umcompressed data"},
-        {"a longer name", patched(good, 26, le16(3)), "Unexpected filename length"},
-        {"an extra field", patched(good, 28, le16(4)), "Unexpected extra field length"},
         {"sizes that differ", patched(good, 22, le32(99)), "Inconsistent size"},
         {"a table of 7 bytes", patched(patched(good, 18, le32(7)), 22, le32(7)), "Inconsistent size"},
-        {"another magic", patched(good, 32, "KZ02"), "Invalid magic number"},
-        {"70,000 members", patched(good, 36, le32(70000)), "Illegal number of files"},
         {"65,536 members", patched(good, 36, le32(65536)), "Illegal number of files"},
         {"more members than entries", lying, "Invalid offset table"},
         {"a name running out of the table", patched(good, 40, le16(200)), "Invalid offset table"},
@@ -118,13 +105,13 @@ TEST(KzContainer, refusalsOfInitGiveOneTraceLineAndNoMember)
             ContainerFile container("mem://c.kz", memoryReader(test.bytes), length);
             EXPECT_FALSE(container.openMember("a.dcm", 7));
             EXPECT_EQ(log.count(3, test.message), 1);
-            EXPECT_EQ(errorLines(log), 1);
+            EXPECT_EQ(log.count(3), 1);
             EXPECT_EQ(container.initError(), test.message);
             // Later accesses see the stored outcome and say nothing.
             EXPECT_EQ(container.fileLength("a.dcm"), -1);
             EXPECT_FALSE(container.openMemberRange("a.dcm", 0, 1));
             EXPECT_TRUE(container.entries().empty());
-            EXPECT_EQ(errorLines(log), 1);
+            EXPECT_EQ(log.count(3), 1);
             EXPECT_TRUE(container.removeContext(7)); // refused opens record no context
         }
     }
@@ -158,7 +145,7 @@ TEST(KzContainer, zipArchivesWithoutTheTableAreRefusedForTheRightReason)
         ContainerFile container(archive.toStdString(), object->reader(), object->length());
         EXPECT_FALSE(container.openMember("a.dcm", -1));
         EXPECT_EQ(log.count(3, test.message), 1);
-        EXPECT_EQ(errorLines(log), 1);
+        EXPECT_EQ(log.count(3), 1);
     }
 }
 
@@ -182,12 +169,12 @@ TEST(KzContainer, membersAreFoundByTheirWholeNameAndTheFirstOfTwinsWins)
     ASSERT_TRUE(range);
     EXPECT_EQ(range->start, 207);
     EXPECT_EQ(range->length, 2);
-    EXPECT_EQ(errorLines(log), 0);
+    EXPECT_EQ(log.count(3), 0);
 
     EXPECT_FALSE(container.openMember("c.dcm", -1));
     EXPECT_EQ(container.fileLength("c.dcm"), -1);
     EXPECT_EQ(log.count(3, "Container file mem://c.kz does not include c.dcm"), 2);
-    EXPECT_EQ(errorLines(log), 2);
+    EXPECT_EQ(log.count(3), 2);
 }
 
 TEST(KzContainer, aMemberRunningPastTheEndOfTheObjectIsRefusedAlone)
@@ -202,25 +189,7 @@ TEST(KzContainer, aMemberRunningPastTheEndOfTheObjectIsRefusedAlone)
     EXPECT_FALSE(container.openMember("out.dcm", -1));
     EXPECT_EQ(container.fileLength("out.dcm"), -1);
     EXPECT_EQ(log.count(3, "Member out.dcm of container file mem://c.kz runs past the end of the object"), 2);
-    EXPECT_EQ(errorLines(log), 2);
-}
-
-TEST(KzContainer, anEmptyContainerOpensAndHasNoMember)
-{
-    QTemporaryDir dir;
-    QString const path = dir.path() + "/empty.kz";
-    Kz::Writer writer;
-    ASSERT_TRUE(writer.write(path, {}));
-    std::string error;
-    std::shared_ptr<Kz::LocalObject> object = Kz::LocalObject::open(path.toStdString(), error);
-    ASSERT_TRUE(object) << error;
-    mdxtest::LogCapture log;
-    ContainerFile container(path.toStdString(), object->reader(), object->length());
-    EXPECT_TRUE(container.load());
-    EXPECT_TRUE(container.entries().empty());
-    EXPECT_FALSE(container.openMember("x", 1));
-    EXPECT_EQ(log.count(3, "does not include x"), 1);
-    EXPECT_EQ(errorLines(log), 1);
+    EXPECT_EQ(log.count(3), 2);
 }
 
 TEST(KzContainer, contextsAreKeptOnceAndForgottenOneByOne)

@@ -3,7 +3,6 @@
 // it leaves behind when it fails.
 #include "support/TestSupport.h"
 
-#include <mdxlib/cloudreader/CRC32.h>
 #include <mdxlib/cloudreader/ContainerFile.h>
 #include <mdxlib/cloudreader/LocalObject.h>
 #include <mdxlib/cloudreader/Writer.h>
@@ -18,12 +17,10 @@
 #include <QTemporaryDir>
 
 #include <sstream>
-#include <type_traits>
 
 namespace {
 
 using Kz::Writer;
-static_assert(std::is_base_of_v<Writer::MD5File, Writer> && std::is_base_of_v<QFile, Writer::MD5File>);
 using Member = std::pair<QString, QByteArray>;
 
 QByteArray noise(int size, quint32 seed)
@@ -86,6 +83,19 @@ Written writeContainer(QString const& path, std::vector<QString> const& inputs,
     return result;
 }
 
+// The table the reader finds in a container on disk.
+std::vector<Kz::ContainerFile::Entry> tableOf(QString const& path)
+{
+    std::string error;
+    std::shared_ptr<Kz::LocalObject> object = Kz::LocalObject::open(path.toStdString(), error);
+    EXPECT_TRUE(object) << error;
+    if (!object)
+        return {};
+    Kz::ContainerFile container(path.toStdString(), object->reader(), object->length());
+    EXPECT_TRUE(container.load()) << container.initError();
+    return container.entries();
+}
+
 struct ArchiveCase
 {
     char const* what;
@@ -134,18 +144,13 @@ TEST(KzWriter, archivesPassPythonsZipfileAndUnzipWithEveryMemberInPlace)
             << "bad CRC in " << oracle.value("testzip").toString().toStdString();
         EXPECT_EQ(written.hash, oracle.value("md5").toString().toLatin1());
         EXPECT_EQ(written.size, qint64(oracle.value("size").toDouble()));
-        EXPECT_EQ(written.size, QFileInfo(path).size());
         if (haveUnzip) {
             EXPECT_TRUE(unzipAccepts(path));
         }
 
         // The table the reader sees names the bytes zipfile finds, member for
         // member; ".0" is in no directory.
-        std::string error;
-        std::shared_ptr<Kz::LocalObject> object = Kz::LocalObject::open(path.toStdString(), error);
-        ASSERT_TRUE(object) << error;
-        Kz::ContainerFile container(path.toStdString(), object->reader(), object->length());
-        std::vector<Kz::ContainerFile::Entry> const entries = container.entries();
+        std::vector<Kz::ContainerFile::Entry> const entries = tableOf(path);
         QJsonArray const members = oracle.value("members").toArray();
         ASSERT_EQ(members.size(), int(test.members.size()));
         ASSERT_EQ(entries.size(), test.members.size());
@@ -163,12 +168,6 @@ TEST(KzWriter, archivesPassPythonsZipfileAndUnzipWithEveryMemberInPlace)
             EXPECT_EQ(qint64(entries[size_t(i)].offset), qint64(member.value("dataOffset").toDouble()));
             EXPECT_EQ(qint64(entries[size_t(i)].size), bytes.size());
         }
-        // The first member's data follows the table entry and its own header.
-        qint64 tableSize = 8;
-        for (auto const& member : test.members)
-            tableSize += member.first.toUtf8().size() + 12;
-        EXPECT_EQ(qint64(members[0].toObject().value("dataOffset").toDouble()),
-                  30 + 2 + tableSize + 30 + test.members[0].first.toUtf8().size());
         EXPECT_EQ(filesIn(dir.path()), QStringList{"out.kz"});
     }
 }
@@ -189,6 +188,7 @@ TEST(KzWriter, theEmptyContainerIsTheTableEntryAndTheEndRecord)
     // archive a warning, so it is not asked).
     ASSERT_TRUE(written.oracle.value("ok").toBool());
     EXPECT_TRUE(written.oracle.value("members").toArray().isEmpty());
+    EXPECT_TRUE(tableOf(path).empty());
 }
 
 TEST(KzWriter, refusesInputsBeforeWritingAnything)
@@ -235,49 +235,43 @@ TEST(KzWriter, refusesInputsBeforeWritingAnything)
               "Cannot open " + nowhere.toStdString() + " for writing: No such file or directory\n");
 }
 
-// A file that changes between its measurement and its copy: the progress
-// call after the first member is the moment in between.
-TEST(KzWriter, aMemberThatShrinksFailsAndLeavesTheOldContainerAsItWas)
+// A file that changes between its measurement and its copy (the progress call
+// after the first member is the moment in between): shrunk, the write fails and
+// the older container stays as it was; grown, it is stored as it was measured.
+TEST(KzWriter, aMemberThatShrinksFailsAndOneThatGrowsIsStoredAsMeasured)
 {
-    QTemporaryDir dir;
-    std::vector<QString> const inputs =
-        mdxtest::writeFiles(dir.path(), {{"first.dcm", noise(5000, 9)}, {"second.dcm", noise(40000, 10)}});
-    QString const path = dir.path() + "/out.kz";
-    ASSERT_TRUE(mdxtest::writeFile(path, "an older container"));
-    Written const written = writeContainer(path, inputs, [&](std::size_t done, std::size_t) {
-        if (done == 1) {
-            EXPECT_TRUE(QFile::resize(inputs[1], 30000));
-        }
-    });
-    EXPECT_FALSE(written.ok);
-    EXPECT_EQ(written.messages,
-              "Unexpected EOF " + inputs[1].toStdString() + ": expected 40000 bytes, got 30000\nI/O error\n");
-    EXPECT_EQ(mdxtest::fileContents(path), QByteArray("an older container"));
-    EXPECT_EQ(filesIn(dir.path()), (QStringList{"first.dcm", "out.kz", "second.dcm"}));
-}
-
-TEST(KzWriter, aMemberThatGrowsIsStoredAsItWasMeasured)
-{
-    QTemporaryDir dir;
-    QByteArray const second = noise(40000, 12);
-    std::vector<QString> const inputs =
-        mdxtest::writeFiles(dir.path(), {{"first.dcm", noise(5000, 11)}, {"second.dcm", second}});
-    QString const path = dir.path() + "/out.kz";
-    Written const written = writeContainer(path, inputs, [&](std::size_t done, std::size_t) {
-        if (done == 1) {
+    for (bool const grows : {false, true}) {
+        SCOPED_TRACE(grows ? "grows" : "shrinks");
+        QTemporaryDir dir;
+        QByteArray const second = noise(40000, 10);
+        std::vector<QString> const inputs =
+            mdxtest::writeFiles(dir.path(), {{"first.dcm", noise(5000, 9)}, {"second.dcm", second}});
+        QString const path = dir.path() + "/out.kz";
+        ASSERT_TRUE(mdxtest::writeFile(path, "an older container"));
+        Written const written = writeContainer(path, inputs, [&](std::size_t done, std::size_t) {
             QFile file(inputs[1]);
-            EXPECT_TRUE(file.open(QIODevice::Append));
-            EXPECT_EQ(file.write(noise(20000, 13)), 20000);
+            if (done == 1) {
+                EXPECT_TRUE(grows ? file.open(QIODevice::Append) && file.write(noise(20000, 13)) == 20000
+                                  : file.resize(30000));
+            }
+        });
+        if (!grows) {
+            EXPECT_FALSE(written.ok);
+            EXPECT_EQ(written.messages, "Unexpected EOF " + inputs[1].toStdString() +
+                                            ": expected 40000 bytes, got 30000\nI/O error\n");
+            EXPECT_EQ(mdxtest::fileContents(path), QByteArray("an older container"));
+            EXPECT_EQ(filesIn(dir.path()), (QStringList{"first.dcm", "out.kz", "second.dcm"}));
+            continue;
         }
-    });
-    ASSERT_TRUE(written.ok) << written.messages;
-    ASSERT_TRUE(written.oracle.value("ok").toBool());
-    EXPECT_TRUE(written.oracle.value("testzip").isNull());
-    QJsonObject const member = written.oracle.value("members").toArray()[1].toObject();
-    EXPECT_EQ(member.value("size").toInt(), 40000);
-    EXPECT_EQ(member.value("md5").toString(), md5(second));
-    if (mdxtest::haveProgram("unzip")) {
-        EXPECT_TRUE(unzipAccepts(path));
+        ASSERT_TRUE(written.ok) << written.messages;
+        ASSERT_TRUE(written.oracle.value("ok").toBool());
+        EXPECT_TRUE(written.oracle.value("testzip").isNull());
+        QJsonObject const member = written.oracle.value("members").toArray()[1].toObject();
+        EXPECT_EQ(member.value("size").toInt(), 40000);
+        EXPECT_EQ(member.value("md5").toString(), md5(second));
+        if (mdxtest::haveProgram("unzip")) {
+            EXPECT_TRUE(unzipAccepts(path));
+        }
     }
 }
 
@@ -339,33 +333,8 @@ TEST(KzWriter, datesOutsideWhatDosCanHoldAreKeptAtTheNearestEnd)
         EXPECT_EQ(members[i].toObject().value("dateTime").toArray(), cases[i].stored);
 }
 
-TEST(KzWriter, crc32IsZipsOwn)
-{
-    struct
-    {
-        QByteArray data;
-        unsigned int crc;
-    } const cases[] = {
-        {"", 0u}, {"123456789", 0xCBF43926u}, {"a", 0xE8B7BE43u}, {QByteArray(1000, '\0'), 0x060B1780u}};
-    for (auto const& test : cases) {
-        Kz::CRC32 whole, pieces;
-        whole.reset();
-        whole.addData(test.data.constData(), test.data.size());
-        EXPECT_EQ(whole.getCRC(), test.crc) << test.data.size();
-        pieces.reset();
-        for (char c : test.data)
-            pieces.addData(&c, 1);
-        EXPECT_EQ(pieces.getCRC(), test.crc);
-    }
-}
-
 TEST(KzWriter, namesOfContainers)
 {
-    std::pair<int, char> const letters[] = {{0, '0'},  {9, '9'},  {10, 'a'},  {35, 'z'},
-                                            {36, '-'}, {-1, '-'}, {1000, '-'}};
-    for (auto const& [value, letter] : letters)
-        EXPECT_EQ(Writer::letter36(value), letter) << value;
-
     EXPECT_EQ(Writer::generate36(0), "");
     EXPECT_EQ(Writer::generate36(-5), "");
     std::string const random = Writer::generate36(1000);
