@@ -3,12 +3,11 @@
 // and refuses a wrong one with 403 as the real service does (selftest.py proves the refusal).
 // Credentials come from a file or from the instance metadata peer (ec2_metadata_peer.py);
 // run_with_peers.py --with aws starts both.
+#include "support/PeerRequests.h"
 #include "support/TestSupport.h"
 
 #include <mdxlib/cloudauth/LmAwsAuth.h>
 #include <mdxlib/curl/LmCurlClient.h>
-#include <mdxlib/curl/LmCurlHandleFactory.h>
-#include <mdxlib/curl/LmCurlRawClient.h>
 #include <mdxlib/platform/McLogFile.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
 #include <QTemporaryDir>
@@ -31,6 +29,9 @@ namespace {
 
 using Strings = std::vector<std::string>;
 using mdxtest::LogCapture;
+using mdxtest::peerJson;
+using mdxtest::peerPort;
+using mdxtest::peerRequest;
 using mdxtest::ScopedEnv;
 
 char const kExampleSecret[] = "wJalrXUtnFEMI/K7MDENG+bPxRfiCYEXAMPLEKEY"; // from AWS's documentation
@@ -51,18 +52,6 @@ QDateTime utc(int y, int mo, int d, int h, int mi, int s)
     return QDateTime(QDate(y, mo, d), QTime(h, mi, s), Qt::UTC);
 }
 
-// One request outside the code under test, for the peers' control paths.
-LmCurlResponse rawRequest(std::string const& verb, std::string const& url)
-{
-    LmCurlRawClient client(std::make_shared<LmCurlHandleFactory>(1), nullptr);
-    return client.process(LmCurlRequest(url, verb));
-}
-
-QJsonObject rawJson(std::string const& url)
-{
-    return QJsonDocument::fromJson(QByteArray::fromStdString(rawRequest("GET", url).getPayload())).object();
-}
-
 class Aws : public ::testing::Test
 {
 protected:
@@ -79,7 +68,6 @@ protected:
         LmCurlClient::instance()->helper()->awsAuth()->setCredentials(nullptr);
         LmAwsAuth::resetInstanceProbe();
     }
-    static std::string env(char const* name) { return std::getenv(name) ? std::getenv(name) : ""; }
     // A file of the temporary folder, by default a new one.
     std::string configFile(QByteArray const& text, QString name = QString())
     {
@@ -245,28 +233,28 @@ protected:
     void SetUp() override
     {
         Aws::SetUp();
-        if (env("MDX_EC2_PORT").empty())
+        if (peerPort("MDX_EC2_PORT").empty())
             GTEST_SKIP() << "run through run_with_peers.py --with aws";
         vars.set("AWS_CONFIG_FILE", configFile("[default]\naws_access_key_id = FILEKEY\n"
                                                "aws_secret_access_key = file/secret\nregion = eu-west-1\n"));
-        vars.set("MDX_EC2_METADATA_ADDRESS", "127.0.0.1:" + env("MDX_EC2_PORT"));
+        vars.set("MDX_EC2_METADATA_ADDRESS", "127.0.0.1:" + peerPort("MDX_EC2_PORT"));
         LmCurlClient::instance()->setRetrySleeper([this](long long) { ++waits; });
         setMode("normal");
     }
 
     std::string peer(std::string const& path) const
     {
-        return "http://127.0.0.1:" + env("MDX_EC2_PORT") + path;
+        return "http://127.0.0.1:" + peerPort("MDX_EC2_PORT") + path;
     }
     void setMode(std::string const& name, std::string const& options = "")
     {
-        ASSERT_EQ(rawRequest("POST", peer("/__mode?name=" + name + "&" + options)).getResponseCode(), 200);
+        ASSERT_EQ(peerRequest("POST", peer("/__mode?name=" + name + "&" + options)).getResponseCode(), 200);
     }
     // How often the token, the region, the role list and the role were asked for.
     std::vector<int> counts(QJsonObject stats = QJsonObject()) const
     {
         QJsonObject const asked =
-            (stats.isEmpty() ? rawJson(peer("/__stats")) : stats).value("requests").toObject();
+            (stats.isEmpty() ? peerJson(peer("/__stats")) : stats).value("requests").toObject();
         std::vector<int> result;
         for (std::string path : {std::string("PUT /latest/api/token"), "GET " + kBase + "placement/region",
                                  "GET " + kBase + "iam/security-credentials", "GET " + kRole})
@@ -304,7 +292,7 @@ TEST_F(Metadata, eightThreadsAtOnceFetchTokenRegionAndRoleOnce)
         "Credential=ASIAMETADATAEXAMPLE/"; // the instance's region and key
     for (std::string const& line : found)
         EXPECT_EQ(line.substr(0, expected.size()), expected);
-    QJsonObject const stats = rawJson(peer("/__stats"));
+    QJsonObject const stats = peerJson(peer("/__stats"));
     EXPECT_EQ(counts(stats), (std::vector<int>{1, 1, 1, 1}));
     EXPECT_EQ(stats.value("ttl_headers").toArray(), QJsonArray{"21600"});
     auto const kept = auth.getCredentials(now());
@@ -344,7 +332,7 @@ TEST_F(Metadata, everyFailureModeFallsBackOrGoesOnAsItShouldAndKeepsSecretsOutOf
         auto const found = LmAwsAuth().getCredentials(now());
         ASSERT_TRUE(found);
         EXPECT_EQ(found->accessKeyId, keyId);
-        QJsonObject const stats = rawJson(peer("/__stats"));
+        QJsonObject const stats = peerJson(peer("/__stats"));
         EXPECT_EQ(counts(stats), asked);
         EXPECT_EQ(waits - waitsBefore, retries);
         for (std::string const& message : logs)
@@ -364,7 +352,7 @@ TEST_F(Metadata, aMissingOrSilentServiceIsGivenUpForTheProcess)
     auto const t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(LmAwsAuth().getCredentials(now())->accessKeyId, "FILEKEY");
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(500));
-    vars.set("MDX_EC2_METADATA_ADDRESS", "127.0.0.1:" + env("MDX_EC2_PORT"));
+    vars.set("MDX_EC2_METADATA_ADDRESS", "127.0.0.1:" + peerPort("MDX_EC2_PORT"));
     EXPECT_EQ(LmAwsAuth().getCredentials(now())->accessKeyId, "FILEKEY");
     EXPECT_EQ(counts(), (std::vector<int>{0, 0, 0, 0}));
     LmAwsAuth::resetInstanceProbe();
@@ -383,16 +371,16 @@ TEST_F(Metadata, aMissingOrSilentServiceIsGivenUpForTheProcess)
 
 TEST_F(Aws, theBotocorePeerTakesEveryS3OperationAndEveryRetryIsSignedAnew)
 {
-    std::string const port = env("MDX_SIGV4_PORT");
+    std::string const port = peerPort("MDX_SIGV4_PORT");
     if (port.empty())
         GTEST_SKIP() << "sigv4_peer.py did not start (python3-botocore missing?)";
     vars.set("MDX_S3_DOMAIN", "localhost:" + port);
     // The peer's control paths: forgetting, failing the next requests, and what it answered to whom.
     auto const control = [&](std::string const& path) {
-        EXPECT_EQ(rawRequest("POST", "https://127.0.0.1:" + port + path).getResponseCode(), 200) << path;
+        EXPECT_EQ(peerRequest("POST", "https://127.0.0.1:" + port + path).getResponseCode(), 200) << path;
     };
     auto const requests = [&] {
-        return rawJson("https://127.0.0.1:" + port + "/__stats").value("requests").toArray();
+        return peerJson("https://127.0.0.1:" + port + "/__stats").value("requests").toArray();
     };
     control("/__reset");
     LmCurlClient* client = LmCurlClient::instance();

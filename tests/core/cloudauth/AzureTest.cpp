@@ -1,7 +1,7 @@
-// Azure credentials: the credentials file and the form body offline, tokens from
-// azure_token_peer.py (run_with_peers.py --with azure) as the instance metadata service and as
-// the login endpoint, with the peer's failure modes, renewal and the one-per-process decision.
-// The form body is read back by the peer with Python's parse_qs.
+// Azure credentials: the credentials file offline, tokens from azure_token_peer.py
+// (run_with_peers.py --with azure) as the instance metadata service and as the login endpoint,
+// with the peer's failure modes, renewal and the one-per-process decision. The form body is read
+// back by the peer with Python's parse_qs.
 #include "support/PeerRequests.h"
 #include "support/TestSupport.h"
 
@@ -15,13 +15,13 @@
 #include <QTemporaryDir>
 
 #include <thread>
+#include <tuple>
 
 namespace {
 
 using mdxtest::peerJson;
 using mdxtest::peerPort;
 using mdxtest::peerRequest;
-using Clock = std::chrono::system_clock;
 
 char const kClientId[] = "00000000-mdx0-test-0000-client000id"; // as azure_token_peer.py knows them
 char const kSecret[] = "s3cr&t=/+ value";
@@ -75,36 +75,24 @@ QByteArray fileText(char const* tenant = "mdx-tenant")
 
 TEST_F(Azure, TheCredentialsFileIsReadWithAnyCaseAndBlanks)
 {
-    struct Case
-    {
-        QByteArray text;
-        bool ok;
-        char const* message;
-    };
-    std::vector<Case> const cases{
+    // The file, whether it is accepted, the error logged. The token URL and form it makes are checked
+    // by the token peer, which refuses any other tenant, client, secret or grant.
+    std::tuple<QByteArray, bool, char const*> const cases[] = {
         {fileText(), true, nullptr},
         {"tenant_id=t\nclient_id=c\n", false, "client_secret missing"},
         {"client_secret=s\n", false, "tenant_id missing"},
         {"tenant_id=t\nclient_secret=s\n", false, "client_id missing"},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.text.constData());
+    for (auto const& [text, ok, message] : cases) {
+        SCOPED_TRACE(text.constData());
         LmAzureAuth auth;
-        useFile(c.text);
+        useFile(text);
         mdxtest::LogCapture messages;
-        EXPECT_EQ(auth.loadCredentials(), c.ok);
-        if (c.message) {
-            EXPECT_EQ(messages.count(3, std::string("[Azure credentials] ") + c.message), 1);
+        EXPECT_EQ(auth.loadCredentials(), ok);
+        if (message) {
+            EXPECT_EQ(messages.count(3, std::string("[Azure credentials] ") + message), 1);
         }
     }
-    LmAzureAuth auth;
-    useFile(fileText());
-    ASSERT_TRUE(auth.loadCredentials());
-    EXPECT_EQ(auth.tokenUrl(), LmAzureAuth::loginEndpoint() + "mdx-tenant/oauth2/token");
-    // The client ID as it stands, the secret and the resource percent-encoded.
-    EXPECT_EQ(auth.tokenPayload(), QByteArray("grant_type=client_credentials&client_id=") + kClientId +
-                                       "&client_secret=s3cr%26t%3D%2F%2B%20value"
-                                       "&resource=https%3A%2F%2Fstorage.azure.com%2F");
 }
 
 TEST_F(Azure, MissingFilesSayWhatIsMissing)
@@ -121,29 +109,24 @@ TEST_F(Azure, MissingFilesSayWhatIsMissing)
 
 TEST_F(Azure, ExpiresInIsAStringOrANumber)
 {
-    struct Case
-    {
-        QJsonValue value;
-        int seconds;
-    };
-    for (Case const& c :
-         {Case{"3599", 3599}, Case{3599, 3599}, Case{3599.5, 3600}, Case{"x", 0}, Case{{}, 0}})
-        EXPECT_EQ(LmBearerToken::expiresInSeconds(QJsonObject{{"expires_in", c.value}}), c.seconds);
+    for (auto const& [value, seconds] : std::vector<std::pair<QJsonValue, int>>{
+             {"3599", 3599}, {3599, 3599}, {3599.5, 3600}, {"x", 0}, {QJsonValue(), 0}})
+        EXPECT_EQ(LmBearerToken::expiresInSeconds(QJsonObject{{"expires_in", value}}), seconds)
+            << value.toVariant().toString().toStdString();
 }
 
-TEST_F(Azure, TokensFromTheMetadataServiceOrTheLoginEndpointLastAlike)
+TEST_F(Azure, TokensComeFromTheMetadataServiceOrTheLoginEndpoint)
 {
     if (port.empty())
         GTEST_SKIP() << "no token peer";
-    LmAzureAuth fromMetadata; // "expires_in" as a string
+    LmAzureAuth fromMetadata;
     useMetadata();
-    auto const before = Clock::now();
     QByteArray const line = header(fromMetadata);
     EXPECT_TRUE(line.startsWith("Authorization: Bearer ey"));
     EXPECT_EQ(requests("GET /metadata/identity/oauth2/token"), 1);
     EXPECT_EQ(peerJson(peers + "/__stats")["metadata_headers"].toArray()[0], "true");
 
-    LmAzureAuth fromLogin; // "expires_in" as a number
+    LmAzureAuth fromLogin;
     vars.set("MDX_AZURE_METADATA_ADDRESS", "127.0.0.1:9");
     LmAzureAuth::resetMetadataDecision();
     useFile(fileText());
@@ -151,23 +134,14 @@ TEST_F(Azure, TokensFromTheMetadataServiceOrTheLoginEndpointLastAlike)
     QJsonObject const form = peerJson(peers + "/__stats")["forms"].toArray()[0].toObject();
     EXPECT_EQ(form["client_secret"], kSecret);
     EXPECT_EQ(form["resource"], "https://storage.azure.com/");
-    for (Clock::time_point const expiry : {fromMetadata.expiry(), fromLogin.expiry()}) {
-        EXPECT_GE(expiry, before + std::chrono::seconds(3599));
-        EXPECT_LE(expiry, Clock::now() + std::chrono::seconds(3599));
-    }
 }
 
 TEST_F(Azure, FailuresLogAndGiveAnEmptyLine)
 {
     if (port.empty())
         GTEST_SKIP() << "no token peer";
-    struct Case
-    {
-        char const* mode;
-        bool metadata;
-        std::string message;
-    };
-    std::vector<Case> const cases{
+    // The peer's mode, asked as the metadata service or as the login endpoint, the error logged.
+    std::tuple<char const*, bool, std::string> const cases[] = {
         {"error500", true, "Could not obtain access token from meta-data (500)"},
         {"hangup", true, "Could not obtain access token from meta-data (0)"},
         {"not_json", true, "Invalid meta-data response. <html>"},
@@ -176,11 +150,11 @@ TEST_F(Azure, FailuresLogAndGiveAnEmptyLine)
         {"no_token_type", false, "Invalid authorization response. {"},
         {"empty_token", false, "Invalid authorization response"},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + (c.metadata ? " metadata" : " login"));
-        mode(c.mode);
-        vars.set("MDX_AZURE_METADATA_ADDRESS", c.metadata ? "127.0.0.1:" + port : "127.0.0.1:9");
-        if (c.metadata)
+    for (auto const& [name, metadata, message] : cases) {
+        SCOPED_TRACE(std::string(name) + (metadata ? " metadata" : " login"));
+        mode(name);
+        vars.set("MDX_AZURE_METADATA_ADDRESS", metadata ? "127.0.0.1:" + port : "127.0.0.1:9");
+        if (metadata)
             vars.unset("AZURE_APPLICATION_CREDENTIALS");
         else
             useFile(fileText());
@@ -188,7 +162,7 @@ TEST_F(Azure, FailuresLogAndGiveAnEmptyLine)
         mdxtest::LogCapture messages;
         LmAzureAuth auth;
         EXPECT_TRUE(header(auth).isEmpty());
-        EXPECT_EQ(messages.count(3, c.message), 1);
+        EXPECT_EQ(messages.count(3, message), 1);
         EXPECT_EQ(messages.count(3, "access_token\":\"ey"), 0); // no token in the log
     }
 }

@@ -2,6 +2,7 @@
 // ranges over HTTP and HTTPS, and the fault peer for failures, retries and hostile answers. Run
 // through run_with_peers.py, which provides the ports in the environment.
 #include "PeerBody.h"
+#include "support/PeerRequests.h"
 #include "support/TestSupport.h"
 
 #include <mdxlib/curl/LmCurlClient.h>
@@ -15,41 +16,35 @@
 #include <QJsonObject>
 
 #include <atomic>
-#include <cstdlib>
 #include <thread>
+#include <tuple>
 
 namespace {
 
 using mdxpeer::firstMismatch;
 using mdxtest::LogCapture;
+using mdxtest::peerPort;
 
 constexpr size_t kMedium = 5u * 1024 * 1024;
 constexpr uint64_t kFirstSpill = 16384;
 
-std::string env(char const* name)
-{
-    char const* value = std::getenv(name);
-    return value ? value : "";
-}
-
 std::string nginx(char const* path, bool tls = false)
 {
     return std::string(tls ? "https" : "http") +
-           "://127.0.0.1:" + env(tls ? "MDX_NGINX_HTTPS_PORT" : "MDX_NGINX_HTTP_PORT") + "/" + path;
+           "://127.0.0.1:" + peerPort(tls ? "MDX_NGINX_HTTPS_PORT" : "MDX_NGINX_HTTP_PORT") + "/" + path;
 }
 
 std::string fault(std::string const& query, std::string const& id)
 {
-    return "http://127.0.0.1:" + env("MDX_FAULT_PORT") + "/object?id=" + id + "&" + query;
+    return "http://127.0.0.1:" + peerPort("MDX_FAULT_PORT") + "/object?id=" + id + "&" + query;
 }
 
 // Requests the fault peer saw for a test id.
 int peerRequests(std::string const& id)
 {
-    LmHttpStatus status;
-    QByteArray const json = LmCurlClient::instance()->readBytes(
-        "http://127.0.0.1:" + env("MDX_FAULT_PORT") + "/__stats?id=" + id, status);
-    return QJsonDocument::fromJson(json).object().value("requests").toInt(-1);
+    return mdxtest::peerJson("http://127.0.0.1:" + peerPort("MDX_FAULT_PORT") + "/__stats?id=" + id)
+        .value("requests")
+        .toInt(-1);
 }
 
 std::string readAll(std::istream& stream, size_t block = 65536)
@@ -80,7 +75,7 @@ class Download : public ::testing::Test
 protected:
     void SetUp() override
     {
-        if (env("MDX_NGINX_HTTP_PORT").empty())
+        if (peerPort("MDX_NGINX_HTTP_PORT").empty())
             GTEST_SKIP() << "run through run_with_peers.py";
         client = LmCurlClient::instance();
         client->setRetrySleeper([this](long long ms) { waits.push_back(ms); });
@@ -183,32 +178,26 @@ TEST_F(Download, theFirstRequestHoldsNoMoreThanItsSpillBufferWhileTheReaderIsAwa
 
 TEST_F(Download, retriesByStatusTransientUntilSuccessOrSixTriesUnrecoverableAtOnce)
 {
-    struct Case
-    {
-        std::string query;
-        int code, requests;
-        size_t waits;
-        char const* error; // in the error log
-    };
-    Case const cases[] = {
+    // The fault, the status seen, the requests, the retry waits, the error logged.
+    std::tuple<std::string, int, int, size_t, char const*> const cases[] = {
         {"status=503&times=2&size=5000", 200, 3, 2, nullptr},
         {"status=500", 500, 6, 5, "retry policy exhausted"},
         {"status=403", 403, 1, 0, "unrecoverable error 403"},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.query);
+    for (auto const& [query, code, requests, waited, error] : cases) {
+        SCOPED_TRACE(query);
         LogCapture log;
         waits.clear();
-        std::string const test = id + c.query;
-        LmCurlDownloadStream stream = client->read(fault(c.query, test), false);
-        EXPECT_EQ(stream.httpStatus().responseCode, c.code);
+        std::string const test = id + query;
+        LmCurlDownloadStream stream = client->read(fault(query, test), false);
+        EXPECT_EQ(stream.httpStatus().responseCode, code);
         std::string const data = readAll(stream);
-        EXPECT_EQ(data.size(), c.code == 200 ? 5000u : stream.httpStatus().bytesReceived);
-        EXPECT_EQ(firstMismatch(data.data(), c.code == 200 ? data.size() : 0), -1);
-        EXPECT_EQ(peerRequests(test), c.requests);
-        EXPECT_EQ(waits.size(), c.waits);
-        if (c.error) {
-            EXPECT_EQ(log.count(McLogFile::LevelError, c.error), 1);
+        EXPECT_EQ(data.size(), code == 200 ? 5000u : stream.httpStatus().bytesReceived);
+        EXPECT_EQ(firstMismatch(data.data(), code == 200 ? data.size() : 0), -1);
+        EXPECT_EQ(peerRequests(test), requests);
+        EXPECT_EQ(waits.size(), waited);
+        if (error) {
+            EXPECT_EQ(log.count(McLogFile::LevelError, error), 1);
         }
     }
     // A 404 of a HEAD is an answer, and is not logged.
@@ -236,33 +225,28 @@ TEST_F(Download, aConnectionDroppedMidBodyIsAFailureNotAnEndAndNotRetried)
 TEST_F(Download, chunkedBodiesServersThatIgnoreRangesAndWrongRanges)
 {
     client->setChunkSizeForPartialRequests(10000);
-    struct Case
-    {
-        char const* query;
-        bool partial;
-        size_t size;
-        bool failed;
-    };
-    // chunked: no length; ignore_range: a 200 to the first range, the whole body through one
-    // request; bad_range: a sibling range answered from the wrong offset is refused, not delivered.
-    Case const cases[] = {{"chunked=1&size=70000", false, 70000, false},
-                          {"ignore_range=1&size=200000", true, 200000, false},
-                          {"bad_range=7&size=100000", true, 0, true}};
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.query);
+    // The fault, ranged or not, the size read, whether a request failed. chunked: no length; ignore_range: a
+    // 200 to the first range, the whole body through one request; bad_range: a sibling range answered from
+    // the wrong offset is refused, not delivered.
+    std::tuple<char const*, bool, size_t, bool> const cases[] = {
+        {"chunked=1&size=70000", false, 70000, false},
+        {"ignore_range=1&size=200000", true, 200000, false},
+        {"bad_range=7&size=100000", true, 0, true}};
+    for (auto const& [query, partial, size, failed] : cases) {
+        SCOPED_TRACE(query);
         LogCapture log;
-        LmCurlDownloadStream stream = client->read(fault(c.query, id + c.query), c.partial);
+        LmCurlDownloadStream stream = client->read(fault(query, id + query), partial);
         std::string const data = readAll(stream);
         EXPECT_EQ(firstMismatch(data.data(), data.size()), -1);
-        bool failed = false;
+        bool anyFailed = false;
         for (LmHttpStatus const* s = &stream.httpStatus(); s; s = s->next.get())
-            failed = failed || s->curlError;
-        EXPECT_EQ(failed, c.failed);
-        if (c.failed) {
+            anyFailed = anyFailed || s->curlError;
+        EXPECT_EQ(anyFailed, failed);
+        if (failed) {
             EXPECT_LT(data.size(), 100000u);
             EXPECT_GE(log.count(McLogFile::LevelError, "asked for bytes"), 1);
         } else {
-            EXPECT_EQ(data.size(), c.size);
+            EXPECT_EQ(data.size(), size);
             EXPECT_EQ(stream.httpStatus().next, nullptr);
         }
     }
@@ -301,14 +285,6 @@ TEST_F(Download, destroyingAStreamWithRunningRangesReturnsEveryHandle)
     }
     EXPECT_EQ(factory->idleHandles(), 4u);
     EXPECT_EQ(factory->idleMultiHandles(), 1u);
-
-    // With one request at a time, each range starts when the one before is drained.
-    LmCurlDownloadStream one(
-        new LmCurlDownloadStreambuf(startRequest(factory, nginx("medium.bin", true), 999999), 1));
-    std::string const data = readAll(one);
-    ASSERT_EQ(data.size(), kMedium);
-    EXPECT_EQ(firstMismatch(data.data(), data.size()), -1);
-    EXPECT_EQ(one.streambuf()->numRequests(), 1u);
 }
 
 TEST_F(Download, independentStreamsOnManyThreads)

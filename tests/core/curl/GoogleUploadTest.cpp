@@ -18,8 +18,8 @@
 
 #include <QCryptographicHash>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QTemporaryDir>
+
+#include <tuple>
 
 namespace {
 
@@ -111,13 +111,8 @@ protected:
 
 TEST_F(GoogleUpload, ChunksCarryTheirRangesAndNoToken)
 {
-    struct Case
-    {
-        int chunks;
-        size_t last;
-        Strings expected;
-    };
-    std::vector<Case> const cases{
+    // Full chunks, the size of the last, the requests.
+    std::vector<std::tuple<int, size_t, Strings>> const cases{
         {0, 1000, {"PUT simple+"}},
         {2,
          1000,
@@ -125,29 +120,22 @@ TEST_F(GoogleUpload, ChunksCarryTheirRangesAndNoToken)
           "PUT session bytes 1048576-1049575/1049576"}},
         {1, 0, {"POST start+", "PUT session bytes 0-524287/*", "PUT session bytes */524288"}},
     };
-    for (Case const& c : cases) {
+    for (auto const& [chunks, last, expected] : cases) {
         mode(std::string("token=") + kToken);
-        auto s = session("dir/obj-" + std::to_string(c.chunks));
-        std::string const all = write(*s, c.chunks, c.last);
+        auto s = session("dir/obj-" + std::to_string(chunks));
+        std::string const all = write(*s, chunks, last);
         EXPECT_TRUE(s->done());
         EXPECT_TRUE(s->sessionUrl().empty());
-        EXPECT_EQ(requests(), c.expected);
-        EXPECT_EQ(stored("dir/obj-" + std::to_string(c.chunks)), all);
+        EXPECT_EQ(requests(), expected);
+        EXPECT_EQ(stored("dir/obj-" + std::to_string(chunks)), all);
         EXPECT_EQ(stats()["chunk_auth"].toInt(), 0);
     }
 }
 
 TEST_F(GoogleUpload, RecoverableFaultsEndInTheWholeObject)
 {
-    struct Case
-    {
-        char const* fault;
-        int count;
-        char const* hashMode;
-        int sleeps;
-        char const* warning;
-    };
-    std::vector<Case> const cases{
+    // The fault and how often, the peer's hash mode, the retry waits, a warning logged.
+    std::tuple<char const*, int, char const*, int, char const*> const cases[] = {
         {"short", 1, "combined", 0, "Short write to Google Cloud Storage"},
         {"norange", 1, "combined", 0, "Short write"}, // first chunk: byte 0 is next, resent at once
         // The same answer twice makes no progress: that costs a try, not an endless loop.
@@ -155,19 +143,19 @@ TEST_F(GoogleUpload, RecoverableFaultsEndInTheWholeObject)
         {"503", 2, "split", 2, ""},
         {"drop", 1, "twice", 1, ""},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.fault);
-        mode(std::string("token=") + kToken + "&hash=" + c.hashMode);
+    for (auto const& [fault, count, hashMode, waits, warning] : cases) {
+        SCOPED_TRACE(fault);
+        mode(std::string("token=") + kToken + "&hash=" + hashMode);
         mdxtest::LogCapture seen;
         sleeps = 0;
         auto s = session("f");
-        fail(c.fault, c.count); // on the first chunk (503: on the session start)
+        fail(fault, count); // on the first chunk (503: on the session start)
         std::string const all = write(*s, 2, 1000);
         EXPECT_TRUE(s->done());
         EXPECT_EQ(stored("f"), all);
-        EXPECT_EQ(sleeps, c.sleeps);
-        if (*c.warning) {
-            EXPECT_GE(seen.count(McLogFile::LevelWarning, c.warning), 1);
+        EXPECT_EQ(sleeps, waits);
+        if (*warning) {
+            EXPECT_GE(seen.count(McLogFile::LevelWarning, warning), 1);
         }
     }
 }
@@ -185,27 +173,21 @@ TEST_F(GoogleUpload, ALostAnswerToTheLastChunkIsFoundByTheStatusQuery)
 
 TEST_F(GoogleUpload, FailuresEndTheStreamAndOnlyAnOpenSessionIsDeleted)
 {
-    struct Case
-    {
-        char const* fault;
-        int count;
-        std::string what;
-        int deletes;
-    };
-    std::vector<Case> const cases{
+    // The fault on the second chunk and how often, the exception's text, the session DELETEs.
+    std::tuple<char const*, int, char const*, int> const cases[] = {
         {"404", 1, "unrecoverable error. Code: NoSuchUpload", 0},
         {"badmd5", 1, "MD5 mismatch, cannot validate", 0},
         {"norange", 1, "Server response contains invalid range header.", 1},
         {"503", 10, "Retry policy exhausted", 1},
     };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.fault);
+    for (auto const& [fault, count, expected, deletes] : cases) {
+        SCOPED_TRACE(fault);
         mode(std::string("token=") + kToken);
         std::string what;
         {
             auto s = session("bad");
             s->uploadChunk(body(kChunk), false);
-            fail(c.fault, c.count);
+            fail(fault, count);
             try {
                 s->uploadChunk(body(kChunk, kChunk), false);
                 s->uploadChunk(body(1000, 2 * kChunk), true);
@@ -214,8 +196,8 @@ TEST_F(GoogleUpload, FailuresEndTheStreamAndOnlyAnOpenSessionIsDeleted)
             }
             EXPECT_FALSE(s->done());
         }
-        EXPECT_NE(what.find(c.what), std::string::npos) << what;
-        EXPECT_EQ(stats()["deleted"].toInt(), c.deletes);
+        EXPECT_NE(what.find(expected), std::string::npos) << what;
+        EXPECT_EQ(stats()["deleted"].toInt(), deletes);
         EXPECT_EQ(stats()["objects"].toObject().contains("bad"), false);
     }
 }
@@ -223,23 +205,18 @@ TEST_F(GoogleUpload, FailuresEndTheStreamAndOnlyAnOpenSessionIsDeleted)
 TEST_F(GoogleUpload, ExpectedHashAndSizeAreCheckedBeforeTheLastChunk)
 {
     std::string const all = body(kChunk + 1000);
-    struct Case
-    {
-        std::string hash;
-        long long size;
-        char const* what; // empty: the upload succeeds
-    };
-    std::vector<Case> const cases{
+    // The expected hash and size, the exception's text (empty: the upload succeeds).
+    std::vector<std::tuple<std::string, long long, char const*>> const cases{
         {md5Hex(all), static_cast<long long>(all.size()), ""},
         {md5Hex("other"), 0, "Payload has incorrect hash sum"},
         {"", static_cast<long long>(all.size()) + 1, "Payload has incorrect size"},
     };
-    for (Case const& c : cases) {
+    for (auto const& [hash, size, expected] : cases) {
         mode(std::string("token=") + kToken);
         std::string what;
         {
             auto s = session("checked");
-            s->setExpectedHashAndSize(c.hash.c_str(), c.size);
+            s->setExpectedHashAndSize(hash.c_str(), size);
             try {
                 s->uploadChunk(std::string_view(all).substr(0, kChunk), false);
                 s->uploadChunk(std::string_view(all).substr(kChunk), true);
@@ -247,10 +224,10 @@ TEST_F(GoogleUpload, ExpectedHashAndSizeAreCheckedBeforeTheLastChunk)
                 what = e.what();
             }
         }
-        EXPECT_EQ(what, c.what);
+        EXPECT_EQ(what, expected);
         Strings const seen = requests();
         EXPECT_EQ(seen.size(), 3u); // start, first chunk, then the last chunk or the DELETE
-        EXPECT_EQ(seen.back(), *c.what ? "DELETE session+" : "PUT session bytes 524288-525287/525288");
+        EXPECT_EQ(seen.back(), *expected ? "DELETE session+" : "PUT session bytes 524288-525287/525288");
     }
 }
 
@@ -260,28 +237,13 @@ TEST_F(GoogleUpload, AWrongTokenIsRefusedAtTheStart)
     EXPECT_THROW(s->uploadChunk(body(kChunk), false), UnrecoverableResponseError);
 }
 
-TEST_F(GoogleUpload, TheClientStreamUsesTheTokenFromTheServiceAccount)
+// The client's stream takes its line from the helper's credentials, here the metadata server's token.
+TEST_F(GoogleUpload, TheClientStreamUsesTheHelpersToken)
 {
     std::string const tokenPort = peerPort("MDX_GOOGLE_TOKEN_PORT");
     ASSERT_FALSE(tokenPort.empty());
-    QTemporaryDir dir;
-    QString const keyFile = dir.path() + "/key.pem";
-    QString const pubFile = dir.path() + "/pub.pem";
-    ASSERT_EQ(mdxtest::runProgram("openssl", {"genpkey", "-algorithm", "RSA", "-out", keyFile}), 0);
-    ASSERT_EQ(mdxtest::runProgram("openssl", {"pkey", "-in", keyFile, "-pubout", "-out", pubFile}), 0);
-    QByteArray const key = mdxtest::fileContents(keyFile);
-    QByteArray const pub = mdxtest::fileContents(pubFile);
-    std::string const tokens = "http://127.0.0.1:" + tokenPort;
-    QJsonObject const account{{"kid", "k1"}, {"client_email", "u@x"}, {"public_key", QString(pub)}};
-    peerRequest("POST", tokens + "/__key", {}, QJsonDocument(account).toJson().toStdString());
-    vars.set("MDX_GCE_METADATA_HOST", "127.0.0.1:9");
+    vars.unset("GOOGLE_APPLICATION_CREDENTIALS").set("MDX_GCE_METADATA_HOST", "127.0.0.1:" + tokenPort);
     LmGoogleAuth::resetMetadataDecision();
-    ASSERT_TRUE(LmCurlClient::instance()->setGoogleAuthentication(
-        QJsonObject{{"type", "service_account"},
-                    {"private_key_id", "k1"},
-                    {"private_key", QString(key)},
-                    {"client_email", "u@x"},
-                    {"token_uri", QString::fromStdString(tokens + "/token")}}));
     QByteArray const line =
         LmCurlClient::instance()->helper()->googleAuth().authorizationHeader(*LmCurlClient::instance());
     ASSERT_TRUE(line.startsWith("Authorization: Bearer ")) << line.toStdString();

@@ -1,6 +1,7 @@
 // The exported stream and copy functions: handles over nginx and the fault
 // peer, copies at the 1 MiB pump's boundaries and across a broken transfer,
 // the facts of DICOM video and PDF objects that DCMTK made.
+#include "support/PeerRequests.h"
 #include "support/TestSupport.h"
 
 #include <mdxlib/streamapi/StreamFunctions.h>
@@ -17,36 +18,31 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
+#include <tuple>
 
 using mdxtest::fileContents;
 using mdxtest::LogCapture;
+using mdxtest::peerPort;
 using mdxtest::writeFile;
 
 namespace {
 
 constexpr int kMiB = 1 << 20;
 
-std::string env(char const* name)
-{
-    char const* value = std::getenv(name);
-    return value ? value : "";
-}
-
 std::string nginx(std::string const& name)
 {
-    return "http://127.0.0.1:" + env("MDX_NGINX_HTTP_PORT") + "/" + name;
+    return "http://127.0.0.1:" + peerPort("MDX_NGINX_HTTP_PORT") + "/" + name;
 }
 
 std::string faulty(std::string const& query)
 {
-    return "http://127.0.0.1:" + env("MDX_FAULT_PORT") + "/o?" + query;
+    return "http://127.0.0.1:" + peerPort("MDX_FAULT_PORT") + "/o?" + query;
 }
 
 QString served(QString const& name)
 {
-    return QString::fromStdString(env("MDX_PEER_DATA")) + "/" + name;
+    return QString::fromStdString(peerPort("MDX_PEER_DATA")) + "/" + name;
 }
 
 QByteArray randomBytes(int size)
@@ -73,7 +69,7 @@ class StreamFunctionsTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        if (env("MDX_NGINX_HTTP_PORT").empty())
+        if (peerPort("MDX_NGINX_HTTP_PORT").empty())
             GTEST_SKIP() << "run through run_with_peers.py";
         ASSERT_TRUE(dir.isValid());
     }
@@ -105,21 +101,16 @@ TEST_F(StreamFunctionsTest, ReadsObjectsAndRanges)
 {
     QByteArray const medium = fileContents(served("medium.bin"));
     ASSERT_EQ(medium.size(), 5 * kMiB);
-    struct Case
-    {
-        char const* range;
-        int first;
-        int count;
-    };
-    for (Case const& c :
-         {Case{nullptr, 0, 5 * kMiB}, Case{"100-199", 100, 100}, Case{"5242000-", 5242000, 880}}) {
+    // The range asked for (none: the whole object), its first byte and length.
+    for (auto const& [range, first, count] : std::vector<std::tuple<char const*, int, int>>{
+             {nullptr, 0, 5 * kMiB}, {"100-199", 100, 100}, {"5242000-", 5242000, 880}}) {
         void* handle = nullptr;
-        int const opened = c.range ? OpenStreamRange(nginx("medium.bin").c_str(), c.range, &handle)
-                                   : OpenStream(nginx("medium.bin").c_str(), &handle);
-        ASSERT_EQ(opened, 0) << (c.range ? c.range : "whole");
+        int const opened = range ? OpenStreamRange(nginx("medium.bin").c_str(), range, &handle)
+                                 : OpenStream(nginx("medium.bin").c_str(), &handle);
+        ASSERT_EQ(opened, 0) << (range ? range : "whole");
         EXPECT_EQ(StreamContentLength(handle), 5 * kMiB);
         long long last = 0;
-        EXPECT_EQ(readAll(handle, last), medium.mid(c.first, c.count));
+        EXPECT_EQ(readAll(handle, last), medium.mid(first, count));
         EXPECT_EQ(last, 0);
         CloseStream(handle);
     }
@@ -170,7 +161,6 @@ TEST_F(StreamFunctionsTest, Copies)
         {path("two.bin").toStdString(), two, {}, 0},
         {nginx("one.bin"), one, {}, 0},
         {nginx("two.bin"), two, {}, 0},
-        {nginx("medium.bin"), fileContents(served("medium.bin")), {}, 0},
         {local, one, oneMd5, kMiB},
         {local, {}, wrongMd5, 0},
         {local, {}, {}, kMiB + 1},
