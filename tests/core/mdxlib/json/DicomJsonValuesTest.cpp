@@ -44,15 +44,10 @@ QJsonObject datasetJson(Mdx::TagMap const* image)
     return parse(text);
 }
 
-struct ValueRow
-{
-    char const* what;
-    DcmTagKey key;
-    Mdx::VR vr;
-    QByteArray value;
-    char const* charset; // (0008,0005), or null for none
-    char const* expected;
-};
+// charset: (0008,0005), or null for none.
+// clang-format off
+struct ValueRow { char const* what; DcmTagKey key; Mdx::VR vr; QByteArray value; char const *charset, *expected; };
+// clang-format on
 
 // Plain values of the binary kinds (US, SS, SL, UL, FD, OB, AT) are
 // DicomJsonOracleTest's, on the samples; here the rules no sample shows.
