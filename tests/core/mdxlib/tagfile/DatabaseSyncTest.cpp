@@ -129,15 +129,10 @@ TEST_F(DatabaseSyncTest, whatTheDatabaseDoesNotListGoes)
 {
     // The tag file holds brain images 0 to 9, with three volumes, and the
     // extra series. The database lists brain images [0, below) and [from, 12).
-    struct Case
-    {
-        char const* name;
-        int below, from, flags;
-        char const* volume; // its file, on the series or (onPart) on a part of it
-        int number, volumeIndex;
-        bool onPart, seriesMissing, result;
-        int imagesLeft, withPath, notFound;
-    } const cases[] = {
+    // volume: its file, on the series or (onPart) on a part of it.
+    // clang-format off
+    struct { char const* name; int below, from, flags; char const* volume; int number, volumeIndex;
+             bool onPart, seriesMissing, result; int imagesLeft, withPath, notFound; } const cases[] = {
         {"allTen", 10, 12, 0, "", 0, -1, false, false, true, 10, 10, 0},
         {"eightOfTenLoseTwo", 8, 12, 0, "", 0, -1, false, false, true, 8, 8, 0},
         {"eightOfTenAndTwoUnknown", 8, 10, 0, "", 0, -1, false, false, false, 8, 8, 2},
@@ -147,9 +142,9 @@ TEST_F(DatabaseSyncTest, whatTheDatabaseDoesNotListGoes)
         {"part3", 10, 12, kVolume, "x-a_part003.exm", 3, 2, false, false, true, 10, 10, 0},
         {"part3OnPart", 10, 12, kVolume, "x-a_part003.exm", 3, 2, true, false, true, 10, 10, 0},
         {"part1", 10, 12, kVolume, "x-a_part001.exm", 2, -1, false, false, true, 10, 10, 0},
-        {"numberOne", 10, 12, kVolume, "x-a_part002.exm", 1, -1, false, false, true, 10, 10, 0},
-    };
-    for (Case const& c : cases) {
+        {"numberOne", 10, 12, kVolume, "x-a_part002.exm", 1, -1, false, false, true, 10, 10, 0}};
+    // clang-format on
+    for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         newCatalog();
         Mdx::TagFile file;

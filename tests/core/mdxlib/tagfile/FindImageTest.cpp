@@ -22,18 +22,13 @@ using Mdx::TagMap;
 
 TEST(FindImage, suffixRules)
 {
-    struct Case
-    {
-        char const* stored;
-        char const* asked;
-        bool found;
-    };
-    std::vector<Case> const cases = {
-        {"abc", "", true},      {"abc", "abc", true},      {"abc.dcm", "abc", true},
-        {"abcd", "abc", false}, {"abcd.dcm", "abc", true}, {"xabc.dcm", "abc", false},
-        {"", "abc", true},      {"0", "abc", false},       {"abc.dcm", "abd", false},
-    };
-    for (Case const& c : cases) {
+    // clang-format off
+    struct { char const *stored, *asked; bool found; } const cases[] = {
+        {"abc", "", true}, {"abc", "abc", true}, {"abc.dcm", "abc", true}, {"abcd", "abc", false},
+        {"abcd.dcm", "abc", true}, {"xabc.dcm", "abc", false}, {"", "abc", true}, {"0", "abc", false},
+        {"abc.dcm", "abd", false}};
+    // clang-format on
+    for (auto const& c : cases) {
         TagFile file;
         TagMap* image = mdxtest::addImage(file, "1.2", "1.2.1", "1.2.1.1");
         image->putAndInsertValue(Mdx::Tags::FileSuffix, Mdx::VR_LO, c.stored);

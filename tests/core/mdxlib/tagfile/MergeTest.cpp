@@ -56,7 +56,8 @@ TEST_F(MergeTest, seriesMergedOneByOneEqualTheStudyBuiltAtOnce)
         Mdx::TagFile full;
         std::map<QByteArray, QStringList> bySeries;
         for (QString const& path : files) {
-            Mdx::TagMap const* image = full.addDicomFile(QFile::encodeName(path), QFile::encodeName(path), true);
+            Mdx::TagMap const* image =
+                full.addDicomFile(QFile::encodeName(path), QFile::encodeName(path), true);
             ASSERT_TRUE(image) << path.toStdString();
             bySeries[Mdx::TagFile::uidOf(image, DCM_SeriesInstanceUID)].append(path);
         }
@@ -103,8 +104,7 @@ TEST_F(MergeTest, whatArrivesAgainReplacesWhatIsStored)
     mdxtest::LogCapture log;
     ASSERT_TRUE(again.mergeIntoCacheFile());
     EXPECT_EQ(log.count(3, "series 1.2.3.1 added again, 2 images lost"), 1);
-    EXPECT_EQ(again.images().keys(),
-              (QList<QByteArray>{"1.2.3.1.2", "1.2.3.1.7", "1.2.3.2.0", "1.2.3.2.1"}));
+    EXPECT_EQ(again.images().keys(), (QList<QByteArray>{"1.2.3.1.2", "1.2.3.1.7", "1.2.3.2.0", "1.2.3.2.1"}));
     EXPECT_EQ(again.findImage("1.2.3.1.0"), nullptr); // no index entry left behind
     Mdx::TagFile reread;
     ASSERT_TRUE(reread.readCacheFileForStudy("1.2.3", false));
@@ -117,17 +117,13 @@ TEST_F(MergeTest, aFileItCannotUseIsLeftAsItWasAndTheDataGivenBack)
     Mdx::TagFile other;
     partial(other, "9.9", "9.9.1", 2);
     QByteArray const otherBytes = mdxtest::tagFileBytes(other);
-    struct Case
-    {
-        char const* name;
-        QByteArray content;
-        char const* message;
-    } const cases[] = {
+    // clang-format off
+    struct { char const* name; QByteArray content; char const* message; } const cases[] = {
         {"foreign", "not a tag file at all", "Could not read tag file"},
         {"truncated", otherBytes.left(otherBytes.size() / 2), "Could not read tag file"},
-        {"other study", otherBytes, "contains wrong study, expected 1.2.3"},
-    };
-    for (Case const& c : cases) {
+        {"other study", otherBytes, "contains wrong study, expected 1.2.3"}};
+    // clang-format on
+    for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         ASSERT_TRUE(QDir().mkpath(QFileInfo(pathOf("1.2.3")).path()));
         ASSERT_TRUE(mdxtest::writeFile(pathOf("1.2.3"), c.content));

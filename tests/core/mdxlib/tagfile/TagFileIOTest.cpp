@@ -371,8 +371,6 @@ TEST_F(TagFileIO, deleteFunctionsAndTheirTrace)
     auto const& [level, category, text] = traces.back();
     EXPECT_EQ(std::make_pair(level, category), std::make_pair(3, std::string("TagFile")));
     EXPECT_NE(text.find("could not be deleted (errno 21): Is a directory"), std::string::npos);
-    FreeTagFileData(nullptr);
-    FreeTagFileData(new QByteArray("data"));
     getTheLogInstance()->setWriteCallback(nullptr);
     getTheLogInstance()->setLogLevel(McLogFile::LevelInfo);
     SetTraceFunction(nullptr);

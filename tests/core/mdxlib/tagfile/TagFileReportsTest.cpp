@@ -22,16 +22,6 @@ QString sample(char const* file)
     return mdxtest::samplesDir() + "/" + file;
 }
 
-QByteArray sopOf(QString const& path)
-{
-    DcmFileFormat format;
-    char const* uid = nullptr;
-    if (format.loadFile(OFFilename(path.toLocal8Bit().constData())).bad() ||
-        format.getDataset()->findAndGetString(DCM_SOPInstanceUID, uid).bad() || !uid)
-        return QByteArray();
-    return QByteArray(uid);
-}
-
 QString listing(TagFile const& file, bool detailed)
 {
     QString text;
@@ -61,7 +51,7 @@ TEST(TagFileReports, PreviewsOfRealFiles)
         QString const path = sample(name);
         TagFile file;
         ASSERT_TRUE(file.addDicomFile(path.toLocal8Bit().constData(), name, false));
-        QByteArray const sop = sopOf(path);
+        QByteArray const sop = file.images().firstKey();
         EXPECT_TRUE(file.addPreview(sop, path));
         TagMap const* image = file.findImage(sop);
         TagElement const* preview = image->findElement(Tags::PreviewData);
@@ -106,12 +96,7 @@ TEST(TagFileReports, PreviewOfAMammogram)
 // and neither preview, quadrant numbers nor crop box.
 TEST(TagFileReports, BadPixelsLeaveNoTrace)
 {
-    struct Case
-    {
-        char const* name;
-        std::function<void(DcmDataset&)> spoil;
-    };
-    std::vector<Case> const cases{
+    std::pair<char const*, std::function<void(DcmDataset&)>> const cases[] = {
         {"no pixel data", [](DcmDataset& d) { d.findAndDeleteElement(DCM_PixelData); }},
         {"half the pixel data",
          [](DcmDataset& d) {
@@ -127,10 +112,9 @@ TEST(TagFileReports, BadPixelsLeaveNoTrace)
              d.putAndInsertUint16(DCM_BitsAllocated, 32);
          }},
         {"no rows", [](DcmDataset& d) { d.findAndDeleteElement(DCM_Rows); }},
-        {"bits allocated 0", [](DcmDataset& d) { d.putAndInsertUint16(DCM_BitsAllocated, 0); }},
-    };
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.name);
+        {"bits allocated 0", [](DcmDataset& d) { d.putAndInsertUint16(DCM_BitsAllocated, 0); }}};
+    for (auto const& [name, spoil] : cases) {
+        SCOPED_TRACE(name);
         mdxtest::Mammogram mg;
         mg.modality = "CR";
         mg.studyDescription = "breast";
@@ -138,7 +122,7 @@ TEST(TagFileReports, BadPixelsLeaveNoTrace)
         TagFile file;
         TagMap* image = file.addDataset(dataset.get(), "bad.dcm", false);
         ASSERT_TRUE(image);
-        c.spoil(*dataset);
+        spoil(*dataset);
         mdxtest::LogCapture log;
         EXPECT_FALSE(file.addPreview(image, dataset.get(), "bad.dcm"));
         EXPECT_EQ(log.count(McLogFile::LevelWarning), 1);
@@ -265,11 +249,11 @@ TEST(TagFileReports, ExportNamesAreUnique)
     QTemporaryDir dir;
     TagFile file;
     // Two series numbered 3, two images numbered 1 in the first.
-    for (auto const& [series, sop, instance] :
-         std::vector<std::tuple<char const*, char const*, char const*>>{{"1.2.3.1", "1.2.3.1.1", "1"},
-                                                                        {"1.2.3.1", "1.2.3.1.2", "1"},
-                                                                        {"1.2.3.1", "1.2.3.1.3", "2"},
-                                                                        {"1.2.3.2", "1.2.3.2.1", "1"}}) {
+    // clang-format off
+    for (auto const& [series, sop, instance] : std::vector<std::tuple<char const*, char const*, char const*>>{
+             {"1.2.3.1", "1.2.3.1.1", "1"}, {"1.2.3.1", "1.2.3.1.2", "1"}, {"1.2.3.1", "1.2.3.1.3", "2"},
+             {"1.2.3.2", "1.2.3.2.1", "1"}}) {
+        // clang-format on
         TagMap* image = mdxtest::addImage(file, "1.2.3", series, sop,
                                           {{DCM_SeriesNumber, "3"}, {DCM_InstanceNumber, instance}});
         image->putAndInsertValue(Tags::PreviewData, VR_OB, jpegOf(QSize(6, 6)));
