@@ -248,10 +248,9 @@ TEST_F(GeneratorTest, SplitMultiFrameImageGetsOnePreview)
 {
     std::string const uid = "1.2.3.4";
     std::vector<std::unique_ptr<OndraMesh>> meshes;
-    meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, 0, 2)},
-                              {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
-    meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, 2, 2)},
-                              {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
+    for (int first : {0, 2}) // the two halves of a four-frame image
+        meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, first, 2)},
+                                  {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
     meshes.push_back(makeMesh(McVec3i(8, 8, 2), {"1.5", "1.6", "1.7"}, {{"G0028-0008", "1"}}));
     struct Row
     {
