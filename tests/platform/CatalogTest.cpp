@@ -266,10 +266,8 @@ TEST_P(CatalogTest, aBrokenDatabaseFailsWithAReasonAndNoCrash)
         std::ofstream(damaged) << std::string(8192, 'x');
         EXPECT_FALSE(Catalog::open(damaged, result));
     } else {
-        // A server that is not there, and one that drops the connection
-        // while the catalog is in use.
-        EXPECT_FALSE(Catalog::open("postgresql://postgres@127.0.0.1:1/postgres", result));
-        EXPECT_FALSE(result.ok());
+        // A server that drops the connection while the catalog is in use
+        // (one that is not there is CatalogStoppedServer's).
         std::string text;
         ASSERT_TRUE(GetQAData(1, text).ok());
         ASSERT_TRUE(admin
@@ -318,22 +316,17 @@ INSTANTIATE_TEST_SUITE_P(Backends, CatalogTest, testing::Values("sqlite", "postg
 
 TEST(CatalogHelpers, datesModalitiesAndTheDefaultFile)
 {
-    for (auto const& [text, value] : std::vector<std::pair<std::string, int>>{{"20010413", 20010413},
-                                                                              {"2001-04-13", 20010413},
-                                                                              {"2001/04/13 10:00", 20010413},
-                                                                              {"2001.04.13", 20010413},
-                                                                              {"", 0},
-                                                                              {"2001-4-13", 0},
-                                                                              {"13.04.2001", 0}})
-        EXPECT_EQ(Lmg::dateReformat(text), value) << text;
+    for (char const* text : {"20010413", "2001-04-13", "2001/04/13 10:00", "2001.04.13"})
+        EXPECT_EQ(Lmg::dateReformat(text), 20010413) << text;
+    for (char const* text : {"", "2001-4-13", "13.04.2001"})
+        EXPECT_EQ(Lmg::dateReformat(text), 0) << text;
     for (char const* modality : {"PR", "KO", "SR", "REG"})
         EXPECT_TRUE(ExDicomUtilities::isSecondaryDataModality(modality)) << modality;
     for (char const* modality : {"CT", "MR", "", "pr", static_cast<char const*>(nullptr)})
         EXPECT_FALSE(ExDicomUtilities::isSecondaryDataModality(modality));
+    // XDG_DATA_HOME is mdx_cli_test's "catalog default file".
     mdxtest::ScopedEnv env;
-    env.set("XDG_DATA_HOME", "/data/x").unset("MDX_CATALOG");
-    EXPECT_EQ(Catalog::configuredConnection(), "sqlite:/data/x/mdxlib/catalog.sqlite");
-    env.unset("XDG_DATA_HOME").set("HOME", "/home/u");
+    env.unset("MDX_CATALOG").unset("XDG_DATA_HOME").set("HOME", "/home/u");
     EXPECT_EQ(Catalog::defaultConnection(), "sqlite:/home/u/.local/share/mdxlib/catalog.sqlite");
     env.set("MDX_CATALOG", "postgresql://h/db");
     EXPECT_EQ(Catalog::configuredConnection(), "postgresql://h/db");

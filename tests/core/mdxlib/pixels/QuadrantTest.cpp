@@ -94,39 +94,29 @@ TEST(QuadrantNavigation, SupportedImages)
 {
     struct Case
     {
-        mdxtest::Mammogram mg;
+        char const *modality, *studyDescription, *laterality;
+        std::vector<char const*> viewModifiers;
         bool supported;
     };
-    auto with = [](auto change) {
-        mdxtest::Mammogram mg;
-        change(mg);
-        return mg;
-    };
     std::vector<Case> const cases{
-        {mdxtest::Mammogram(), true},
-        {with([](auto& s) { s.laterality = "U"; }), false},
-        {with([](auto& s) { s.laterality = "R"; }), true},
-        {with([](auto& s) { s.modality = "CR", s.studyDescription = "Left Breast"; }), true},
-        {with([](auto& s) { s.modality = "CR", s.studyDescription = "MAMMOGRAPHY SCREENING"; }), true},
-        {with([](auto& s) { s.modality = "CR", s.studyDescription = "Chest"; }), false},
-        {with([](auto& s) { s.modality = "CR"; }), false},
-        {with([](auto& s) { s.modality = "CT"; }), false},
-        {with([](auto& s) { s.viewModifiers = {"R-102D6"}; }), false},
-        {with([](auto& s) {
-             s.viewModifiers = {"R-102CA", "R-102D7"};
-         }),
-         false},
-        {with([](auto& s) { s.viewModifiers = {"R-102CA"}; }), true},
-        // Only the first four modifiers are looked at.
-        {with([](auto& s) {
-             s.viewModifiers = {"A", "B", "C", "D", "R-102D6"};
-         }),
-         true},
+        {"MG", nullptr, "L", {}, true},
+        {"MG", nullptr, "U", {}, false},
+        {"MG", nullptr, "R", {}, true},
+        {"CR", "Left Breast", "L", {}, true},
+        {"CR", "MAMMOGRAPHY SCREENING", "L", {}, true},
+        {"CR", "Chest", "L", {}, false},
+        {"CR", nullptr, "L", {}, false},
+        {"CT", nullptr, "L", {}, false},
+        {"MG", nullptr, "L", {"R-102D6"}, false},
+        {"MG", nullptr, "L", {"R-102CA", "R-102D7"}, false},
+        {"MG", nullptr, "L", {"R-102CA"}, true},
+        {"MG", nullptr, "L", {"A", "B", "C", "D", "R-102D6"}, true}, // only the first four are looked at
     };
-    for (size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(i);
-        std::unique_ptr<TagMap> map = mapOf(cases[i].mg);
-        EXPECT_EQ(QuadrantNavigation::isSupported(map.get()), cases[i].supported);
+    for (Case const& c : cases) {
+        mdxtest::Mammogram mg;
+        std::tie(mg.modality, mg.studyDescription, mg.laterality, mg.viewModifiers) =
+            std::tie(c.modality, c.studyDescription, c.laterality, c.viewModifiers);
+        EXPECT_EQ(QuadrantNavigation::isSupported(mapOf(mg).get()), c.supported) << &c - cases.data();
     }
     EXPECT_FALSE(QuadrantNavigation::isSupported(nullptr));
 }
@@ -250,9 +240,8 @@ TEST(QuadrantNavigation, MammogramBoxes)
         mg.chestLeft = left;
         mg.laterality = left ? "R" : "L";
         mg.patientOrientation = left ? "A\\F" : "P\\F";
-        std::unique_ptr<DcmDataset> dataset(mdxtest::makeMammogram(mg, "1.2.826.0.1.3680043.8.498.1.1.1"));
-        std::unique_ptr<TagMap> map(TagMap::createTagMap(dataset.get(), 4096));
-        QImage const preview = PreviewGenerator::createPreviewImage(dataset.get(), 256, 256, "mammogram");
+        std::unique_ptr<TagMap> map = mapOf(mg);
+        QImage const preview = previewOf(mg);
         ASSERT_EQ(preview.size(), QSize(mg.width, mg.height));
         QuadrantNavigation::process(preview, map.get());
         TagElement const* element = map->findElementPrivate(DcmTagKey(0x0071, 0x0070), "Lumora");
