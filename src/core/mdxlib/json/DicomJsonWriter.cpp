@@ -699,7 +699,8 @@ void DicomJsonWriter::appendDataset(QByteArray& out, TagMap const* image, int de
         context.place.sopInstanceUID = TagFile::uidOf(image, DCM_SOPInstanceUID);
     }
     TagElement const* charset = image->findElement(DCM_SpecificCharacterSet);
-    QByteArray const declared = charset && !charset->isMarker() ? charset->mValue.toByteArray() : QByteArray();
+    QByteArray const declared =
+        charset && !charset->isMarker() ? charset->mValue.toByteArray() : QByteArray();
     JsonText json(out, mPretty, depth);
     DatasetWriter::write(json, image, decoderFor(mDecoders, declared), context);
 }
