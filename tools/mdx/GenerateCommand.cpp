@@ -4,13 +4,13 @@
 #include "Options.h"
 #include "Progress.h"
 #include "Scanner.h"
+#include "TagFileLookup.h"
 
 #include <mdxlib/generator/TagFileGenerator.h>
 #include <mdxlib/platform/Database.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McWatch.h>
 #include <mdxlib/platform/ReplyFacade.h>
-#include <mdxlib/platform/WebService.h>
 #include <mdxlib/platform/WsRequest.h>
 #include <mdxlib/tagfile/TagFile.h>
 
@@ -73,10 +73,8 @@ int generateCommand(Arguments const& args)
     if (parsed.positional.size() != 1)
         return usageError(generateSyntax(), "give one STUDYUID");
     std::string const studyUID = parsed.positional.front();
-    if (!parsed.value("--meta").empty())
-        Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
-    if (!parsed.value("--catalog").empty())
-        SetDatabaseServer(parsed.value("--catalog").c_str());
+    applyMeta(parsed);
+    applyCatalog(parsed);
     quietDicomLog();
 
     Lmg::WsRequest request;

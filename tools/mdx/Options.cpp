@@ -1,6 +1,8 @@
 #include "Options.h"
 #include "Exit.h"
 
+#include <mdxlib/platform/WebService.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -157,6 +159,12 @@ bool parsePositive(std::string const& text, int& value, int most)
         return false;
     value = static_cast<int>(parsed);
     return true;
+}
+
+void applyCatalog(ParsedArguments const& parsed)
+{
+    if (!parsed.value("--catalog").empty())
+        SetDatabaseServer(parsed.value("--catalog").c_str());
 }
 
 int usageError(CommandSyntax const& command, char const* problem)

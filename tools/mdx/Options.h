@@ -60,6 +60,10 @@ std::optional<int> parseCommand(CommandSyntax const& command, std::vector<std::s
 // A wrong count of positional arguments, reported as parseCommand does.
 int usageError(CommandSyntax const& command, char const* problem);
 
+// Points the database functions at --catalog, when given: they reach the
+// catalog through the configured connection, as in a server process.
+void applyCatalog(ParsedArguments const& parsed);
+
 // A whole decimal number from 1 to most; false for anything else (signs,
 // spaces, trailing text, values out of range).
 bool parsePositive(std::string const& text, int& value, int most = 0x7FFFFFFF);

@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Exit.h"
 #include "Options.h"
+#include "TagFileLookup.h"
 
 #include <mdxlib/platform/Catalog.h>
 #include <mdxlib/platform/Database.h>
@@ -66,12 +67,8 @@ int syncCommand(Arguments const& args)
     if (parsed.positional.size() != 1)
         return usageError(syncSyntax(), "give one STUDYUID");
     std::string const studyUID = parsed.positional.front();
-    if (!parsed.value("--meta").empty())
-        Mdx::TagFile::setMetaFolder(parsed.value("--meta").c_str());
-    // The database functions reach the catalog through the configured
-    // connection, as in a server process.
-    if (!parsed.value("--catalog").empty())
-        SetDatabaseServer(parsed.value("--catalog").c_str());
+    applyMeta(parsed);
+    applyCatalog(parsed);
 
     Lmg::WsRequest request;
     request.requester = "mdx";

@@ -5,7 +5,6 @@
 #include "Scanner.h"
 #include "TagFileLookup.h"
 
-#include <mdxlib/platform/WebService.h>
 #include <mdxlib/tagfile/TagFile.h>
 #include <mdxlib/tagfile/TagFileFunctions.h>
 #include <mdxlib/tags/TagMap.h>
@@ -359,10 +358,7 @@ int dumpCommand(Arguments const& args)
     if ((!suffix.isEmpty() || qaVersion > 0) && parsed.positional.size() != 2)
         return usageError(dumpSyntax(), "--suffix and --qa need a SOPUID");
     applyMeta(parsed);
-    // QA records come through the database functions, which reach the
-    // catalog through the configured connection, as in a server process.
-    if (!parsed.value("--catalog").empty())
-        SetDatabaseServer(parsed.value("--catalog").c_str());
+    applyCatalog(parsed); // QA records come through the database functions
 
     Mdx::TagFile file;
     if (std::optional<int> const failed = openTagFile(parsed.positional[0], file))

@@ -23,6 +23,12 @@ public:
     // fiducials (FID) and real world value maps (RWV). Null is false.
     static bool isSecondaryDataModality(char const* modality);
 
+    // Registers the decoders of the compressed transfer syntaxes DCMTK
+    // brings (JPEG baseline, extended and lossless, JPEG-LS, RLE), once per
+    // process. They are never taken back, since other threads may be
+    // decoding.
+    static void registerDecoders();
+
     // Puts value into element (element & 0xFF) of creator's private block in
     // group, with the VR vr, replacing an old value. DCMTK cannot reserve a
     // block: the creator's block is reused when (gggg,0010-00FF) names it,

@@ -5,11 +5,15 @@
 #include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcerror.h"
 #include "dcmtk/dcmdata/dcitem.h"
+#include "dcmtk/dcmdata/dcrledrg.h"
 #include "dcmtk/dcmdata/dcsequen.h"
+#include "dcmtk/dcmjpeg/djdecode.h"
+#include "dcmtk/dcmjpls/djdecode.h"
 
 #include <cctype>
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
 #include <string>
 
 namespace {
@@ -35,6 +39,16 @@ bool isBinary(DcmEVR vr)
 }
 
 } // namespace
+
+void ExDicomUtilities::registerDecoders()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        DJDecoderRegistration::registerCodecs();
+        DJLSDecoderRegistration::registerCodecs();
+        DcmRLEDecoderRegistration::registerCodecs();
+    });
+}
 
 bool ExDicomUtilities::isSecondaryDataModality(char const* modality)
 {

@@ -1,3 +1,4 @@
+#include <mdxlib/platform/ExDicomUtilities.h>
 #include <mdxlib/platform/LmVolumeInfo.h>
 #include <mdxlib/platform/McLogFile.h>
 #include <mdxlib/platform/McTypedData2D.h>
@@ -6,35 +7,18 @@
 #include "dcmtk/dcmdata/dcdatset.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcelem.h"
-#include "dcmtk/dcmdata/dcrledrg.h"
 #include "dcmtk/dcmdata/dcxfer.h"
 #include "dcmtk/dcmimage/diregist.h" // colour images
 #include "dcmtk/dcmimgle/dcmimage.h"
 #include "dcmtk/dcmimgle/dipixel.h"
-#include "dcmtk/dcmjpeg/djdecode.h"
-#include "dcmtk/dcmjpls/djdecode.h"
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <mutex>
 
 namespace {
-
-// The decoders of the compressed transfer syntaxes DCMTK brings: JPEG
-// (baseline, extended, lossless), JPEG-LS and RLE. Registered once per
-// process and never taken back, since other threads may be decoding.
-void registerDecoders()
-{
-    static std::once_flag once;
-    std::call_once(once, [] {
-        DJDecoderRegistration::registerCodecs();
-        DJLSDecoderRegistration::registerCodecs();
-        DcmRLEDecoderRegistration::registerCodecs();
-    });
-}
 
 void fail(QString const& filePath, char const* reason)
 {
@@ -304,7 +288,7 @@ std::unique_ptr<LmVolumeInfo> LmVolumeInfo::readVolumeInfo(DcmDataset* dataset, 
         fail(filePath, "no pixel data");
         return nullptr;
     }
-    registerDecoders();
+    ExDicomUtilities::registerDecoders();
     E_TransferSyntax const xfer = dataset->getOriginalXfer();
     if (!firstFrameComplete(dataset, xfer)) {
         fail(filePath, "the pixel data end before the first frame does");

@@ -6,15 +6,11 @@
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
-#include "dcmtk/dcmdata/dcrledrg.h"
 #include "dcmtk/dcmdata/dctk.h"
-#include "dcmtk/dcmjpeg/djdecode.h"
-#include "dcmtk/dcmjpls/djdecode.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <mutex>
 
 struct OndraMeshBuilder::Image
 {
@@ -32,16 +28,6 @@ struct OndraMeshBuilder::Image
 };
 
 namespace {
-
-void registerDecoders()
-{
-    static std::once_flag once;
-    std::call_once(once, [] {
-        DJDecoderRegistration::registerCodecs();
-        DJLSDecoderRegistration::registerCodecs();
-        DcmRLEDecoderRegistration::registerCodecs();
-    });
-}
 
 McResult fail(std::string message)
 {
@@ -129,7 +115,7 @@ McResult OndraMeshBuilder::addImage(DcmDataset& dataset)
     image->columns = columns;
     image->isSigned = representation == 1 && bitsAllocated == 16;
 
-    registerDecoders();
+    ExDicomUtilities::registerDecoders();
     if (dataset.chooseRepresentation(EXS_LittleEndianExplicit, nullptr).bad())
         return fail("the pixel data cannot be decoded");
     size_t const count = size_t(rows) * columns;
