@@ -56,12 +56,10 @@ public:
     {
         return isShared() ? shared()->size : static_cast<int>(mMeta & ~(kSharedBit | kNullBit));
     }
-    int length() const { return size(); }
     bool isEmpty() const { return size() == 0; }
     bool isNull() const { return (mMeta & kNullBit) != 0; }
     // The bytes, followed by a NUL; valid while the value is unchanged.
     char const* constData() const { return isShared() ? static_cast<char const*>(shared()->data()) : mBytes; }
-    char const* data() const { return constData(); }
     char at(int index) const { return constData()[index]; }
     char operator[](int index) const { return constData()[index]; }
 
